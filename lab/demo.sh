@@ -1,0 +1,185 @@
+#!/usr/bin/env bash
+# demo: builds the virtual LAN, runs hostrix in the gateway namespace and shows
+# what it sees, for SECONDS or until Ctrl-C; then stops the daemon and the lab.
+set -euo pipefail
+
+HERE="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
+REPO="$(dirname "$HERE")"
+LAB="$HERE/lab"
+LAB_DIR="${HOSTRIX_LAB_DIR:-/run/hostrix-lab}"
+LAB_DIR="${LAB_DIR%/}"
+HOSTRIX_BIN="${HOSTRIX_BIN:-$REPO/build/bin/hostrix}"
+HOSTRIXCTL_BIN="${HOSTRIXCTL_BIN:-$REPO/build/bin/hostrixctl}"
+DAEMON_ROOT="$LAB_DIR/root"
+DAEMON_LOG="$LAB_DIR/hostrix.log"
+DAEMON_PID_FILE="$LAB_DIR/hostrix.daemon.pid"
+readonly REFRESH_S=3 STOP_GRACE_S=3
+
+DURATION=0
+DEADLINE=0
+STOP_REQUESTED=0
+DAEMON_PID=""
+VIEW_PID=""
+STEP=0
+
+say() { printf '\n[demo %d] %s\n' "$((STEP += 1))" "$*"; }
+note() { printf '         %s\n' "$*"; }
+die() {
+    printf 'demo: error: %s\n' "$*" >&2
+    exit 1
+}
+
+usage() {
+    cat <<USAGE
+usage: lab/demo.sh [SECONDS]    (as root)
+Builds the lab, starts hostrix in hx-gw and shows the live picture; stops by
+itself after SECONDS (0 or none: at Ctrl-C), then stops the daemon and the lab.
+env: HOSTRIX_BIN (default build/bin/hostrix), HOSTRIXCTL_BIN (default build/bin/hostrixctl),
+     HOSTRIX_LAB_DIR (default /run/hostrix-lab), plus lab/lab's LAB_MIB_OVERRIDES
+USAGE
+}
+
+parse_args() {
+    case "${1:-}" in
+        -h | --help) usage; exit 0 ;;
+        "") DURATION=0 ;;
+        *[!0-9]*) die "SECONDS must be a whole number (got '$1'); see lab/demo.sh --help" ;;
+        *) DURATION=$((10#$1)) ;;
+    esac
+    (($# <= 1)) || die "too many arguments; usage: lab/demo.sh [SECONDS]"
+}
+
+preflight() {
+    [[ "$(id -u)" -eq 0 ]] || die "the demo builds network namespaces and needs root; run: sudo lab/demo.sh"
+    [[ -x "$HOSTRIX_BIN" ]] || die "no daemon at $HOSTRIX_BIN; build it with 'make' or set HOSTRIX_BIN"
+}
+
+pid_alive() {
+    local state
+    state="$(awk '{ print $3 }' "/proc/$1/stat" 2>/dev/null)" || return 1
+    [[ -n "$state" && "$state" != Z ]]
+}
+
+# Sleeps in the background so a Ctrl-C is handled at once, not after the sleep.
+pause() {
+    sleep "$1" &
+    wait "$!" || true
+}
+
+time_left() { ((DEADLINE == 0 || $(date +%s) < DEADLINE)); }
+keep_going() { ((STOP_REQUESTED == 0)) && time_left && pid_alive "$DAEMON_PID"; }
+
+lab_fresh_up() {
+    say "Building the virtual LAN: gateway hx-gw (br0, dnsmasq) and hosts h1..h6"
+    "$LAB" down >/dev/null
+    "$LAB" up
+}
+
+start_daemon() {
+    say "Starting hostrix in namespace hx-gw"
+    note "binary: $HOSTRIX_BIN"
+    note "HOSTRIX_ROOT=$DAEMON_ROOT (config $DAEMON_ROOT/etc/hostrix/mib.conf)"
+    # Own session: a Ctrl-C reaches the demo, which then stops the daemon in order.
+    setsid ip netns exec hx-gw env HOSTRIX_ROOT="$DAEMON_ROOT" "$HOSTRIX_BIN" \
+        </dev/null >>"$DAEMON_LOG" 2>&1 &
+    DAEMON_PID=$!
+    printf '%s\n' "$DAEMON_PID" >"$DAEMON_PID_FILE"
+    note "pid $DAEMON_PID, log $DAEMON_LOG"
+    pause 1
+    if ! pid_alive "$DAEMON_PID"; then
+        local rc=0
+        wait "$DAEMON_PID" || rc=$?
+        DAEMON_PID=""
+        tail -n 20 "$DAEMON_LOG" >&2 || true
+        die "hostrix exited right after starting (exit status $rc); its last log lines are above ($DAEMON_LOG)"
+    fi
+}
+
+print_picture() {
+    local elapsed="" lines
+    if ((DEADLINE > 0)); then elapsed=" ($((DEADLINE - $(date +%s))) s left)"; fi
+    printf '\n---- %s%s ----\n' "$(date +%T)" "$elapsed"
+    printf '== hostrix log (last lines) ==\n'
+    lines="$(tail -n 8 "$DAEMON_LOG" 2>/dev/null)"
+    printf '%s\n' "${lines:-(nothing logged yet)}"
+    "$LAB" status --brief || true
+}
+
+view_with_log() {
+    while keep_going; do
+        print_picture
+        pause "$REFRESH_S"
+    done
+}
+
+view_with_client() {
+    HOSTRIX_ROOT="$DAEMON_ROOT" "$HOSTRIXCTL_BIN" watch &
+    VIEW_PID=$!
+    while keep_going && pid_alive "$VIEW_PID"; do pause 1; done
+    if keep_going; then
+        local rc=0
+        wait "$VIEW_PID" || rc=$?
+        VIEW_PID=""
+        note "hostrixctl watch ended (exit status $rc); showing the daemon log instead"
+        view_with_log
+    fi
+}
+
+# The one place that picks the view: the client once it is built, the log until then.
+show_live_view() {
+    local until="until Ctrl-C"
+    if ((DURATION > 0)); then until="for $DURATION s (Ctrl-C stops earlier)"; fi
+    if [[ -x "$HOSTRIXCTL_BIN" ]]; then
+        say "Watching with '$HOSTRIXCTL_BIN watch' $until"
+        note "try in another shell: lab/lab roam h3 wlan1 | lab/lab unplug h1 | lab/lab add-host tv eth0.5"
+        view_with_client
+    else
+        say "Showing the daemon log, leases and bridge FDB every ${REFRESH_S} s $until"
+        note "try in another shell: lab/lab roam h3 wlan1 | lab/lab unplug h1 | lab/lab add-host tv eth0.5"
+        view_with_log
+    fi
+}
+
+stop_pid() {
+    local pid="$1" tries=$((STOP_GRACE_S * 10))
+    kill -TERM "$pid" 2>/dev/null || true
+    while pid_alive "$pid" && ((tries-- > 0)); do sleep 0.1; done
+    if pid_alive "$pid"; then
+        note "pid $pid did not stop within ${STOP_GRACE_S} s; sending SIGKILL"
+        kill -KILL "$pid" 2>/dev/null || true
+    fi
+    wait "$pid" 2>/dev/null || true
+}
+
+daemon_died() { [[ -n "$DAEMON_PID" ]] && ! pid_alive "$DAEMON_PID"; }
+
+cleanup() {
+    local rc=$?
+    trap - EXIT INT TERM
+    if [[ -n "$VIEW_PID" ]]; then stop_pid "$VIEW_PID"; fi
+    if daemon_died; then
+        local status=0
+        wait "$DAEMON_PID" 2>/dev/null || status=$?
+        DAEMON_PID=""
+        printf 'demo: error: hostrix stopped by itself (exit status %s); its last log lines:\n' "$status" >&2
+        tail -n 10 "$DAEMON_LOG" >&2 || true
+        rc=1
+    fi
+    say "Stopping: hostrix (SIGTERM, SIGKILL after ${STOP_GRACE_S} s), then the lab"
+    if [[ -n "$DAEMON_PID" ]]; then stop_pid "$DAEMON_PID"; fi
+    "$LAB" down || rc=1
+    exit "$rc"
+}
+
+main() {
+    parse_args "$@"
+    preflight
+    trap cleanup EXIT
+    trap 'STOP_REQUESTED=1' INT TERM
+    if ((DURATION > 0)); then DEADLINE=$(($(date +%s) + DURATION)); fi
+    lab_fresh_up
+    start_daemon
+    show_live_view
+}
+
+main "$@"

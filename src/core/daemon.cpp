@@ -1,0 +1,234 @@
+#include "core/daemon.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "control/ctrl_socket.h"
+#include "control/host_file.h"
+#include "control/hostapd_event.h"
+#include "core/log.h"
+#include "core/paths.h"
+#include "discovery/discovery.h"
+#include "hosts/host_table.h"
+#include "hosts/liveness.h"
+#include "hosts/probing.h"
+#include "platform/os.h"
+#include "platform/zvt.h"
+#include "sniffer/sniffer.h"
+#include "traffic/bandwidth.h"
+
+std::atomic<uint32_t> sigFlags{0};
+
+namespace {
+
+constexpr mode_t kFifoMode = 0644;
+constexpr mode_t kDirMode = 0755;
+constexpr const char *kBridgeName = "br0";
+
+// Under $HOSTRIX_ROOT the fixed directories may not exist yet; create them so that a
+// fresh root works. On a real gateway they exist and nothing happens.
+void createRootDirectories() {
+    const char *root = std::getenv("HOSTRIX_ROOT");
+    if (!root || !*root) return;
+    for (HostrixFile file : {HostrixFile::ControlSocket, HostrixFile::HostInfo,
+                             HostrixFile::FcLutList}) {
+        std::string dir = hostrixPath(file);
+        dir.erase(dir.rfind('/'));
+        for (size_t slash = 1; slash != std::string::npos; slash = dir.find('/', slash + 1))
+            mkdir(dir.substr(0, slash).c_str(), kDirMode);
+        mkdir(dir.c_str(), kDirMode);
+    }
+}
+
+void installSignalHandlers() {
+    for (int signo : {SIGUSR1, SIGUSR2, SIGHUP, SIGTERM}) std::signal(signo, signalHandler);
+    // A control client that goes away before its reply must not end the daemon.
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+int64_t monotonicSeconds(bool *ok = nullptr) {
+    timespec now{};
+    bool read = os_clock_monotonic(&now) == 0;
+    if (ok) *ok = read;
+    return read ? static_cast<int64_t>(now.tv_sec) : 0;
+}
+
+// Removes FILE if it can be opened, as shutdown leaves nothing to misread.
+void removeIfPresent(HostrixFile file) {
+    const char *path = hostrixPath(file);
+    if (FILE *stream = std::fopen(path, "r")) {
+        std::fclose(stream);
+        unlink(path);
+    }
+}
+
+void clearSignalBit(uint32_t bit) { sigFlags.fetch_and(~bit); }
+
+void addToSet(int fd, fd_set &set, int &highest) {
+    if (fd < 0 || fd >= FD_SETSIZE) return;
+    FD_SET(fd, &set);
+    highest = std::max(highest, fd);
+}
+
+bool isReady(int fd, const fd_set &set) {
+    return fd >= 0 && fd < FD_SETSIZE && FD_ISSET(fd, &set);
+}
+
+}  // namespace
+
+void signalHandler(int signo) { sigFlags.fetch_or(1u << signo); }
+
+void log_pid() {
+    FILE *pidFile = std::fopen(hostrixPath(HostrixFile::PidFile), "w");
+    if (!pidFile) {
+        std::printf("%s %d create /var/run/hostrix.pid error\n", __func__, __LINE__);
+        std::fflush(stdout);
+        return;
+    }
+    std::fprintf(pidFile, "%d\n", static_cast<int>(getpid()));
+    std::fclose(pidFile);
+}
+
+int createHostrixFifo() {
+    const char *path = hostrixPath(HostrixFile::Fifo);
+    if (mkfifo(path, kFifoMode) < 0 && errno != EEXIST) {
+        std::printf("access %s failed: %s\n", path, std::strerror(errno));
+        std::fflush(stdout);
+    }
+    int fd = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        std::printf("open %s failed\n", path);
+        std::fflush(stdout);
+    }
+    return fd;
+}
+
+int hostrixStart(MainLoopState &state) {
+    bool clockOk = false;
+    int64_t now = monotonicSeconds(&clockOk);
+    if (clockOk) state.nextTick1 = state.nextTick30 = now;
+    timeval wall{};
+    if (os_gettimeofday(&wall) == 0) nextBandwidthTime = wall.tv_sec;
+    installSignalHandlers();
+    createRootDirectories();
+    log_pid();
+    if (msg_create_sockfd() < 0) return -1;
+    readDirectSettings();
+    initHostrixData();
+    lanHostNum = 0;
+    controlledNum = 0;
+    int authFd = -1;
+    init_hostapd_action_sock(&authFd);
+    state.authFd.reset(authFd);
+    applyChangedSettings(state.applied);
+    zvt_fc_host_police_control_mib_counter_init();
+    state.fifoFd.reset(createHostrixFifo());
+    applySnifferLogLevel();
+    startSnifferMonitor(kBridgeName);
+    state.timeout = {};
+    return 0;
+}
+
+bool handleSignalWork(MainLoopState &state) {
+    uint32_t pending = sigFlags.load();
+    if (pending & SIG_BIT_RELOAD) {
+        reloadSettings(state.applied);
+        clearSignalBit(SIG_BIT_RELOAD);
+    }
+    if (pending & SIG_BIT_REFRESH) {
+        HX_DBG(DBG_TRACE, "receive USR2 signal and processing....\n");
+        getAndCalcLanHostCurrBandwidth(state.applied.bandwidthEnable, 1);
+        writeLanHostInfo();
+        clearSignalBit(SIG_BIT_REFRESH);
+    }
+    if (pending & SIG_BIT_DUMP) {
+        dumpSnifferMonitorInfo();
+        clearSignalBit(SIG_BIT_DUMP);
+    }
+    return !(pending & SIG_BIT_TERMINATE);
+}
+
+void rearmTimeout(timeval &timeout) {
+    if (timeout.tv_sec <= 0 && timeout.tv_usec <= 0) timeout = {kLoopTimeoutSec, 0};
+}
+
+int buildReadSet(const MainLoopState &state, fd_set &set) {
+    FD_ZERO(&set);
+    int highest = 1;
+    addToSet(state.authFd.get(), set, highest);
+    addToSet(state.fifoFd.get(), set, highest);
+    addToSet(msgSockFd(), set, highest);
+    return highest + 1;
+}
+
+void runPeriodicDuties(MainLoopState &state) {
+    int64_t now = monotonicSeconds();
+    if (now >= state.nextTick1) {
+        state.nextTick1 = now + 1;
+        sendARPRequest();
+        __zvt_hostrix_update_from_arp();
+        invalidAgingOutHostrix();
+        getAndCalcLanHostCurrBandwidth(state.applied.bandwidthEnable, 0);
+    }
+    if (now > state.nextTick30) {
+        state.nextTick30 = now + kIpv6ProbeInterval;
+        sendIpv6NeighSolicit();
+    }
+    if (now >= static_cast<int64_t>(state.nextFileWrite)) {
+        writeLanHostInfo();
+        state.nextFileWrite = static_cast<int32_t>(now + kFileWriteInterval);
+    }
+}
+
+void readFifoCommand(MainLoopState &state) {
+    ssize_t count = read(state.fifoFd.get(), state.fifoBuf, kFifoBufSize);
+    if (count <= 0) return;
+    // A full read loses its last byte to the terminator.
+    count = std::min<ssize_t>(count, kFifoBufSize - 1);
+    state.fifoBuf[count] = '\0';
+    fifoCmdParse(state.fifoBuf);
+}
+
+void serveReadable(MainLoopState &state, const fd_set &set) {
+    if (isReady(state.authFd.get(), set)) {
+        recv_hostapd_event(state.authFd.get(), state.eventBuf, sizeof state.eventBuf);
+        process_hostapd_event(state.eventBuf);
+    }
+    if (isReady(state.fifoFd.get(), set)) readFifoCommand(state);
+    if (isReady(msgSockFd(), set)) msg_process_sockfd(msgSockFd());
+}
+
+bool runLoopPass(MainLoopState &state) {
+    if (!handleSignalWork(state)) return false;
+    rearmTimeout(state.timeout);
+    fd_set readSet;
+    int count = buildReadSet(state, readSet);
+    int ready = select(count, &readSet, nullptr, nullptr, &state.timeout);
+    if (ready == 0) runPeriodicDuties(state);
+    if (ready > 0) serveReadable(state, readSet);
+    return true;
+}
+
+void hostrixShutdown(MainLoopState &state) {
+    stopSnifferMonitor();
+    state.authFd.reset();
+    removeIfPresent(HostrixFile::HostInfo);
+    removeIfPresent(HostrixFile::PidFile);
+}
+
+int hostrixMain() {
+    static MainLoopState state;  // large buffers; one per process
+    if (hostrixStart(state) < 0) return -1;
+    while (runLoopPass(state)) {
+    }
+    hostrixShutdown(state);
+    return 0;
+}

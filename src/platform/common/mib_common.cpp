@@ -1,0 +1,88 @@
+// Store-library helpers that behave the same on every backend: MAC text and
+// comparison, the whole-file record lock, and walking the lists the sources return.
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/mib.h"
+
+namespace {
+
+constexpr int kMacBytes = 6;
+
+int hexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// One group of one or two hex digits at TEXT; advances TEXT past it.
+bool parseMacGroup(const char *&text, unsigned char &out) {
+    int high = hexValue(text[0]);
+    if (high < 0) return false;
+    int low = hexValue(text[1]);
+    text += low < 0 ? 1 : 2;
+    out = static_cast<unsigned char>(low < 0 ? high : high * 16 + low);
+    return true;
+}
+
+}  // namespace
+
+int convertMacFormat(const char *text, unsigned char *out) {
+    if (!text || !out) return 0;
+    unsigned char mac[kMacBytes];
+    for (int i = 0; i < kMacBytes; ++i) {
+        if (i > 0 && *text++ != ':') return 0;
+        if (!parseMacGroup(text, mac[i])) return 0;
+    }
+    if (*text != '\0') return 0;
+    std::memcpy(out, mac, sizeof mac);
+    return 1;
+}
+
+int isZeroMac(const unsigned char *mac) {
+    if (!mac) return 1;
+    for (int i = 0; i < kMacBytes; ++i)
+        if (mac[i] != 0) return 0;
+    return 1;
+}
+
+int macAddrCmp(const void *a, const void *b) {
+    if (!a || !b) return a == b ? 0 : 1;
+    return std::memcmp(a, b, kMacBytes);
+}
+
+int flock_set(int fd, int type) {
+    if (type != kLockWrite && type != kLockUnlock) return -1;
+    struct flock lock {};
+    lock.l_type = type == kLockWrite ? F_WRLCK : F_UNLCK;
+    lock.l_whence = SEEK_SET;  // start 0, length 0: the whole file, however long it grows
+    int result;
+    do {
+        result = fcntl(fd, F_SETLKW, &lock);
+    } while (result != 0 && errno == EINTR);
+    return result == 0 ? 0 : -1;
+}
+
+// The list's nodes are allocated with malloc, one per entry, and released here.
+void free_bridge_fdb(fdb **head) {
+    if (!head) return;
+    while (fdb *node = *head) {
+        *head = node->next;
+        std::free(node);
+    }
+}
+
+void getDhcpClientInfo(dhcp_lease *array, int count, const unsigned char *mac,
+                       dhcp_lease **record) {
+    if (!array || !mac || !record) return;
+    for (int i = 0; i < count; ++i) {
+        if (std::memcmp(array[i].mac, mac, static_cast<size_t>(kMacBytes)) == 0) {
+            *record = &array[i];
+            return;
+        }
+    }
+}

@@ -1,0 +1,42 @@
+#include <cstring>
+
+#include "platform/fake/fake_platform.h"
+
+namespace fake {
+
+State &state() {
+    static State current;
+    return current;
+}
+
+void reset() {
+    state() = State{};
+    refreshPortTables();
+}
+
+void recordCommand(const std::string &line) {
+    State &s = state();
+    s.commands.push_back(line);
+    if (s.onCommand) s.onCommand(line);
+}
+
+Mac mac(uint8_t a, uint8_t b, uint8_t c, uint8_t d, uint8_t e, uint8_t f) {
+    return Mac{a, b, c, d, e, f};
+}
+
+void advanceSeconds(long seconds) {
+    State &s = state();
+    s.monotonic.tv_sec += seconds;
+    s.wall += seconds;
+    s.uptime += seconds;
+}
+
+std::vector<uint8_t> wanChainRecord(uint8_t enable, uint8_t mode, uint32_t ports) {
+    std::vector<uint8_t> record(kChainRecordSize, 0);
+    record[kChainEnableOffset] = enable;
+    record[kChainModeOffset] = mode;
+    std::memcpy(&record[kChainPortMaskOffset], &ports, sizeof ports);
+    return record;
+}
+
+}  // namespace fake

@@ -1,0 +1,21 @@
+// The daemon's own view of the operating system where tests must stay in control:
+// clocks, commands whose output is read, kernel files. One backend defines it.
+#pragma once
+
+#include <cstdio>
+#include <ctime>
+#include <sys/time.h>
+
+int os_clock_monotonic(timespec *ts);  // 0, or -1 when the clock cannot be read
+int os_gettimeofday(timeval *tv);      // 0, or -1
+time_t os_time();                      // wall-clock seconds, -1 on failure
+long os_uptime();                      // sysinfo uptime in seconds, -1 on failure
+
+// A shell command whose standard output is read; close it with os_pclose.
+FILE *os_popen_read(const char *command);
+int os_pclose(FILE *stream);
+// A shell command run to completion, like system(3).
+int os_system(const char *command);
+
+// A kernel file (/proc, /sys) opened for reading, or nullptr.
+FILE *os_open_kernel_file(const char *path);

@@ -1,0 +1,49 @@
+// Shared fixture: every test starts from a freshly booted fake platform, an empty
+// table and default settings.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include "core/log.h"
+#include "core/settings.h"
+#include "hosts/host_table.h"
+#include "platform/fake/fake_platform.h"
+#include "sniffer/sniffer.h"
+
+class HostrixTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        fake::reset();
+        settingsReset();
+        setSnifferMonitorLogLevel(3);
+        initHostrixData();
+        maxLanHostNum = 0;
+        maxControlledNum = 0;
+        controlledNum = 0;
+    }
+};
+
+// Takes a free entry, gives it MAC and IFNAME and links it, as discovery does.
+inline hostEntry *addHost(const fake::Mac &mac, const char *ifname = "eth0.2") {
+    hostEntry *entry = getFreeFromFreeList();
+    if (!entry) return nullptr;
+    std::copy(mac.begin(), mac.end(), entry->lanHost.mac);
+    std::snprintf(entry->lanHost.ifName, sizeof entry->lanHost.ifName, "%s", ifname);
+    entry->lanHost.internetAccess = kInternetAccessDefault;
+    entry->valid = 1;
+    return addNewToHashList(entry, entry->lanHost.mac);
+}
+
+// Takes the host offline with its arrival already reported: recyclable.
+inline void makeRecyclable(hostEntry *entry) {
+    entry->valid = 0;
+    entry->lanHost.firstConnect = 0;
+}
+
+// Names parameterised cases after their `name` member.
+struct CaseName {
+    template <typename T>
+    std::string operator()(const ::testing::TestParamInfo<T> &param) const {
+        return param.param.name;
+    }
+};
