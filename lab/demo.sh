@@ -153,9 +153,20 @@ stop_pid() {
 
 daemon_died() { [[ -n "$DAEMON_PID" ]] && ! pid_alive "$DAEMON_PID"; }
 
+# A reader that has gone away (Ctrl-C also ends `make demo | tee`) must not stop
+# the teardown: output falls back to /dev/null and every step still runs.
+detach_from_closed_output() {
+    set +e
+    { printf '\n'; } 2>/dev/null || exec >/dev/null
+    { printf '\n' >&2; } 2>/dev/null || exec 2>/dev/null
+}
+
 cleanup() {
     local rc=$?
-    trap - EXIT INT TERM
+    trap - EXIT
+    # The teardown runs to its end even if the terminal goes or Ctrl-C is pressed again.
+    trap '' INT TERM HUP
+    detach_from_closed_output
     if [[ -n "$VIEW_PID" ]]; then stop_pid "$VIEW_PID"; fi
     if daemon_died; then
         local status=0
@@ -175,7 +186,8 @@ main() {
     parse_args "$@"
     preflight
     trap cleanup EXIT
-    trap 'STOP_REQUESTED=1' INT TERM
+    trap 'STOP_REQUESTED=1' INT TERM HUP
+    trap '' PIPE  # a closed output ends the view with an error, then cleanup runs
     if ((DURATION > 0)); then DEADLINE=$(($(date +%s) + DURATION)); fi
     lab_fresh_up
     start_daemon

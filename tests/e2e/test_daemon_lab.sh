@@ -2,7 +2,7 @@
 # The real daemon in the lab's gateway namespace: it starts on the lab's
 # configuration, answers its FIFO and SIGUSR1 reload, stops cleanly on SIGTERM;
 # and the demo brings the lab and the daemon up and down leaving nothing behind.
-# shellcheck disable=SC2317 # predicates are called through check()
+# shellcheck disable=SC2317,SC2119 # predicates are called through check()
 # shellcheck source-path=SCRIPTDIR
 set -euo pipefail
 # shellcheck source=lib.sh
@@ -23,7 +23,7 @@ hostrix_processes() { pgrep -x hostrix || true; }
 fifo_command() { printf '%s\n' "$1" >"$ROOT/var/run/hostrix.fifo"; }
 
 check_daemon_runs() {
-    daemon_start
+    daemon_start  # no extra arguments: the daemon takes none
     check "daemon writes its PID file" wait_for 50 pid_file_names_daemon
     check "control socket is listening" is_socket "$ROOT/var/run/.hostrix_msg"
     check "debug FIFO is there" is_fifo "$ROOT/var/run/hostrix.fifo"
