@@ -7,9 +7,11 @@
 
 namespace {
 
+// Distinct MACs spread like a real LAN's: one vendor prefix, scattered device parts.
 fake::Mac macOf(uint32_t i) {
-    return fake::mac(0x02, 0x11, 0x22, static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i),
-                     static_cast<uint8_t>(i * 7));
+    uint32_t device = (i + 1) * 2654435761u;
+    return fake::mac(0x02, 0x11, 0x22, static_cast<uint8_t>(device >> 24),
+                     static_cast<uint8_t>(device >> 16), static_cast<uint8_t>(device >> 8));
 }
 
 void fillTable(uint32_t count) {

@@ -36,11 +36,12 @@ int bindControlPath(int fd) {
     unlink(path);
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
-    if (std::strlen(path) >= sizeof addr.sun_path) {
+    size_t length = std::strlen(path);
+    if (length >= sizeof addr.sun_path) {
         errno = ENAMETOOLONG;
         return -1;
     }
-    std::strcpy(addr.sun_path, path);
+    std::memcpy(addr.sun_path, path, length + 1);
     return bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
 }
 

@@ -1,82 +1,67 @@
-// The switch library on Linux where it needs no configuration: speed codes, station
-// rate texts and the parts that answer "not available" for now.
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <string>
-
+// The switch library on Linux: speed codes, station rate texts, and the port ids and
+// link state that come from the configuration file and sysfs.
+#include "linux_test_support.h"
 #include "platform/linux/zvt_linux.h"
-#include "platform/mib.h"
 #include "platform/zvt.h"
 
 namespace {
 
 TEST(ZvtSpeedCode, KnownSpeedsAndOthers) {
-    const struct {
-        long mbps;
-        int code;
-    } cases[] = {{10, 0},   {100, 1}, {1000, 2}, {10000, 4},  {2500, 5},
-                 {5000, 6}, {-1, -1}, {0, -1},   {20000, -1}, {25000, -1}};
-    for (const auto &c : cases) EXPECT_EQ(zvtSpeedCode(c.mbps), c.code) << c.mbps << " Mb/s";
+    const std::pair<long, int> cases[] = {{10, 0},   {100, 1}, {1000, 2}, {10000, 4},  {2500, 5},
+                                          {5000, 6}, {-1, -1}, {0, -1},   {20000, -1}, {25000, -1}};
+    for (const auto &[mbps, code] : cases) EXPECT_EQ(zvtSpeedCode(mbps), code) << mbps << " Mb/s";
 }
 
-// A station record with the given rates, in a buffer one byte off alignment.
-struct StationBuffer {
-    unsigned char bytes[sizeof(wlStaInfo) + 1];
-    const void *record() const { return bytes + 1; }
-    StationBuffer(uint32_t txKbps, uint32_t rxKbps) {
-        wlStaInfo station{};
-        station.txRateKbps = txKbps;
-        station.rxRateKbps = rxKbps;
-        std::memcpy(bytes + 1, &station, sizeof station);
-    }
-};
-
-std::string rateText(uint32_t kbps, int direction = 0) {
-    StationBuffer station(direction == 0 ? kbps : 1, direction == 0 ? 1 : kbps);
-    char text[16];
-    EXPECT_EQ(zvt_wlan_get_sta_rate(station.record(), direction, text, sizeof text), 0);
-    return text;
-}
-
+// Rates in kb/s as Mb/s text, read from a station record one byte off alignment.
 TEST(ZvtStationRate, MegabitsWithOneDecimalWhenNotWhole) {
-    EXPECT_EQ(rateText(0), "0");
-    EXPECT_EQ(rateText(1000), "1");
-    EXPECT_EQ(rateText(5500), "5.5");
-    EXPECT_EQ(rateText(54000), "54");
-    EXPECT_EQ(rateText(866700), "866.7");
-    EXPECT_EQ(rateText(1999), "1.9");
-    EXPECT_EQ(rateText(4294967295u), "4294967.2");
-    EXPECT_EQ(rateText(144400, 1), "144.4");  // the receive rate for direction 1
-}
-
-TEST(ZvtStationRate, BoundedBySize) {
-    StationBuffer station(866700, 0);
-    char text[8];
+    const std::pair<uint32_t, const char *> cases[] = {{0, "0"},      {1000, "1"},
+                                                       {5500, "5.5"}, {866700, "866.7"},
+                                                       {1999, "1.9"}, {4294967295u, "4294967.2"}};
+    unsigned char bytes[sizeof(wlStaInfo) + 1];
+    wlStaInfo station{};
+    station.rxRateKbps = 144400;
+    char text[16];
+    for (const auto &[kbps, expected] : cases) {
+        station.txRateKbps = kbps;
+        std::memcpy(bytes + 1, &station, sizeof station);
+        EXPECT_EQ(zvt_wlan_get_sta_rate(bytes + 1, 0, text, sizeof text), 0);
+        EXPECT_STREQ(text, expected);
+    }
+    EXPECT_EQ(zvt_wlan_get_sta_rate(bytes + 1, 1, text, sizeof text), 0);  // the receive rate
+    EXPECT_STREQ(text, "144.4");
     std::memset(text, 'z', sizeof text);
-    EXPECT_EQ(zvt_wlan_get_sta_rate(station.record(), 0, text, 3), 0);
-    EXPECT_STREQ(text, "86");
+    EXPECT_EQ(zvt_wlan_get_sta_rate(bytes + 1, 0, text, 3), 0);  // bounded by the size
+    EXPECT_STREQ(text, "42");
     EXPECT_EQ(text[3], 'z');
-}
-
-TEST(ZvtStationRate, RefusesBadArguments) {
-    StationBuffer station(1000, 1000);
-    char text[16] = "keep";
-    EXPECT_EQ(zvt_wlan_get_sta_rate(station.record(), 2, text, sizeof text), -1);
+    EXPECT_EQ(zvt_wlan_get_sta_rate(bytes + 1, 2, text, sizeof text), -1);
     EXPECT_EQ(zvt_wlan_get_sta_rate(nullptr, 0, text, sizeof text), -1);
-    EXPECT_EQ(zvt_wlan_get_sta_rate(station.record(), 0, text, 0), -1);
-    EXPECT_STREQ(text, "keep");
+    EXPECT_EQ(zvt_wlan_get_sta_rate(bytes + 1, 0, text, 0), -1);
+    EXPECT_STREQ(text, "42");  // untouched by the refused calls
 }
 
-TEST(ZvtNotYetAvailable, ModeEmptyAndCountersAbsent) {
-    char mode[9] = "stale";
-    const unsigned char mac[6] = {2, 0, 0, 0, 0, 1};
-    EXPECT_EQ(zvt_wlan_get_sta_wireless_mode("wlan0", mac, 1, mode), 0);
-    EXPECT_STREQ(mode, "");
-    uint64_t pair[2] = {7, 7};
-    EXPECT_EQ(zvt_host_police_control_mib_counter_get(nullptr, pair), -1);
-    EXPECT_EQ(zvt_fc_host_police_control_mib_counter_get(nullptr, pair), -1);
-    EXPECT_EQ(pair[0], 7u);
+class ZvtPorts : public HostrixRootTest {};
+
+TEST_F(ZvtPorts, IdsAndLinkOfTheConfiguredPorts) {
+    writeConfig(
+        "lan_ports = eth0.2 eth0.3\nphy.eth0.2 = 5\nlogic.eth0.2 = 1\n"
+        "phy.eth0.4 = 9\nphy.lo = 3\n");
+    EXPECT_EQ(zvt_lan_phyID_get_by_if_name("eth0.2"), 5);
+    EXPECT_EQ(zvt_lan_LogID_get_by_if_name("eth0.2"), 1);
+    EXPECT_EQ(zvt_lan_LogID_get_by_if_name("eth0.3"), -1);
+    EXPECT_EQ(zvt_lan_phyID_get_by_if_name(nullptr), -1);
+    // By index: eth0.3 has no phy id; there is no third port, though eth0.4 is the default.
+    const int phyOfIndex[] = {-1, 5, -1, -1, -1, -1};
+    for (int i = -1; i <= 4; ++i) EXPECT_EQ(zvt_port_get_lan_phyID(i), phyOfIndex[i + 1]) << i;
+    int link = 7, speed = 7, duplex = 7;
+    EXPECT_EQ(zv_port_link_get(3, &link), -1);  // lo has a phy id but is no LAN port
+    EXPECT_EQ(zv_port_speedDuplex_get(-1, &speed, &duplex), -1);
+    EXPECT_EQ(std::pair(link, speed), std::pair(7, 7));
+    int carrier = -1;
+    std::ifstream("/sys/class/net/lo/carrier") >> carrier;
+    if (carrier < 0) GTEST_SKIP() << "the kernel gives no carrier state for lo here";
+    writeConfig("lan_ports = lo\nphy.lo = 3\n");
+    EXPECT_EQ(zv_port_link_get(3, &link), 0);
+    EXPECT_EQ(link, carrier);
 }
 
 }  // namespace
