@@ -114,21 +114,18 @@ switch_ns() { printf 'hx-sw-%s' "$1"; }
 host_ns() { printf 'hx-%s' "$1"; }
 host_port_if() { printf 'h-%s' "$1"; }
 
-is_port() {
-    local p
-    for p in "${PORTS[@]}"; do
-        if [[ "$p" == "$1" ]]; then return 0; fi
+# True when WORD is one of the following arguments.
+one_of() {
+    local word="$1" item
+    shift
+    for item in "$@"; do
+        if [[ "$item" == "$word" ]]; then return 0; fi
     done
     return 1
 }
 
-is_wireless() {
-    local p
-    for p in "${WIRELESS_PORTS[@]}"; do
-        if [[ "$p" == "$1" ]]; then return 0; fi
-    done
-    return 1
-}
+is_port() { one_of "$1" "${PORTS[@]}"; }
+is_wireless() { one_of "$1" "${WIRELESS_PORTS[@]}"; }
 
 require_port() {
     if ! is_port "$1"; then
