@@ -13,25 +13,23 @@ valid_static_ip() {
     [[ "$1" == "$V4_NET".* && "$last" =~ ^[0-9]{1,3}$ ]] && ((last >= 2 && last <= 254))
 }
 
-static_ip_free() {
-    local name
+# True when some host's state has KEY=VALUE.
+any_host_has() {
+    local key="$1" value="$2" name
     for name in $(host_names); do
-        if [[ "$(host_get "$name" ip)" == "$1" ]]; then return 1; fi
+        if [[ "$(host_get "$name" "$key")" == "$value" ]]; then return 0; fi
     done
+    return 1
 }
+
+static_ip_free() { ! any_host_has ip "$1"; }
 
 in_dhcp_range() {
     local last="${1##*.}"
     ((last >= DHCP_FIRST && last <= DHCP_LAST))
 }
 
-mac_in_use() {
-    local name
-    for name in $(host_names); do
-        if [[ "$(host_get "$name" mac)" == "$1" ]]; then return 0; fi
-    done
-    return 1
-}
+mac_in_use() { any_host_has mac "$1"; }
 
 # Hosts added after `up` get 02:77:00:00:00:10 onwards unless they ask for a MAC.
 next_free_mac() {
