@@ -64,10 +64,7 @@ int64_t monotonicSeconds(bool *ok = nullptr) {
 // Removes FILE if it can be opened, as shutdown leaves nothing to misread.
 void removeIfPresent(HostrixFile file) {
     const char *path = hostrixPath(file);
-    if (FILE *stream = std::fopen(path, "r")) {
-        std::fclose(stream);
-        unlink(path);
-    }
+    if (UniqueFile(std::fopen(path, "r"))) unlink(path);
 }
 
 void clearSignalBit(uint32_t bit) { sigFlags.fetch_and(~bit); }
@@ -87,14 +84,13 @@ bool isReady(int fd, const fd_set &set) {
 void signalHandler(int signo) { sigFlags.fetch_or(1u << signo); }
 
 void log_pid() {
-    FILE *pidFile = std::fopen(hostrixPath(HostrixFile::PidFile), "w");
+    UniqueFile pidFile(std::fopen(hostrixPath(HostrixFile::PidFile), "we"));
     if (!pidFile) {
         std::printf("%s %d create /var/run/hostrix.pid error\n", __func__, __LINE__);
         std::fflush(stdout);
         return;
     }
-    std::fprintf(pidFile, "%d\n", static_cast<int>(getpid()));
-    std::fclose(pidFile);
+    std::fprintf(pidFile.get(), "%d\n", static_cast<int>(getpid()));
 }
 
 int createHostrixFifo() {

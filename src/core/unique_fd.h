@@ -1,8 +1,10 @@
-// Owner of one file descriptor: closed when the owner goes, unless released.
+// Owners of one file descriptor or stdio stream: closed when the owner goes.
 #pragma once
 
 #include <unistd.h>
 
+#include <cstdio>
+#include <memory>
 #include <utility>
 
 class UniqueFd {
@@ -29,3 +31,8 @@ public:
 private:
     int fd_ = -1;
 };
+
+struct FileCloser {
+    void operator()(FILE *stream) const { std::fclose(stream); }
+};
+using UniqueFile = std::unique_ptr<FILE, FileCloser>;
