@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/log.h"
 #include "core/paths.h"
 #include "core/unique_fd.h"
 
@@ -19,15 +20,13 @@ constexpr int kListenBacklog = 128;
 UniqueFd listenFd;
 
 int fail(const char *message) {
-    std::printf("%s", message);
-    std::fflush(stdout);
+    logPlain("%s", message);
     return -1;
 }
 
 // "<what> error!(<reason>)", the form every socket set-up message takes.
 int failErrno(const char *what) {
-    std::printf("%s error!(%s)\n", what, std::strerror(errno));
-    std::fflush(stdout);
+    logPlain("%s error!(%s)\n", what, std::strerror(errno));
     return -1;
 }
 

@@ -86,8 +86,7 @@ void signalHandler(int signo) { sigFlags.fetch_or(1u << signo); }
 void log_pid() {
     UniqueFile pidFile(std::fopen(hostrixPath(HostrixFile::PidFile), "we"));
     if (!pidFile) {
-        std::printf("%s %d create /var/run/hostrix.pid error\n", __func__, __LINE__);
-        std::fflush(stdout);
+        logPlain("%s %d create /var/run/hostrix.pid error\n", __func__, __LINE__);
         return;
     }
     std::fprintf(pidFile.get(), "%d\n", static_cast<int>(getpid()));
@@ -96,13 +95,11 @@ void log_pid() {
 int createHostrixFifo() {
     const char *path = hostrixPath(HostrixFile::Fifo);
     if (mkfifo(path, kFifoMode) < 0 && errno != EEXIST) {
-        std::printf("access %s failed: %s\n", path, std::strerror(errno));
-        std::fflush(stdout);
+        logPlain("access %s failed: %s\n", path, std::strerror(errno));
     }
     int fd = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
-        std::printf("open %s failed\n", path);
-        std::fflush(stdout);
+        logPlain("open %s failed\n", path);
     }
     return fd;
 }

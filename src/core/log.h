@@ -20,7 +20,10 @@ inline constexpr uint32_t DBG_IP_SOURCE = 0x100;
 inline constexpr uint32_t DBG_SNIFFER_VERBOSE = 0x400;
 inline constexpr uint32_t DBG_AGEING = 0x800;
 
+// A gated debug line: "[Hostrix]:" and the message.
 void hostrixLog(const char *format, ...) __attribute__((format(printf, 1, 2)));
+// An error or notice printed whatever the flags, without the prefix.
+void logPlain(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 #define HX_DBG(bits, ...)                                   \
     do {                                                    \

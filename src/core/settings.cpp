@@ -102,8 +102,7 @@ int fifoCmdParse(char *text) {
         char *value = strtok_r(nullptr, " \n", &save);
         if (!value) return 0;
         dbg_level = static_cast<uint32_t>(std::strtoul(value, nullptr, 0));
-        std::printf("dbg_level=0x%x\n", dbg_level);
-        std::fflush(stdout);
+        logPlain("dbg_level=0x%x\n", dbg_level);
         return 0;
     }
     return 0;

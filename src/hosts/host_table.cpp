@@ -77,8 +77,7 @@ void initHostrixData() {
     for (hostEntry &entry : hostPool) freeHostEntry(&entry);
     std::memset(hashHeads, 0, sizeof hashHeads);
     resetWlanStaTable();
-    std::printf("[%s %d]:init HostrixData.\n", __func__, __LINE__);
-    std::fflush(stdout);
+    logPlain("[%s %d]:init HostrixData.\n", __func__, __LINE__);
 }
 
 hostEntry *getHostrixByMac(const uint8_t *mac) {
@@ -122,8 +121,7 @@ hostEntry *getFreeFromFreeList() {
 
 void insertIntoFreeList(hostEntry *entry) {
     if (!entry) {
-        std::printf("=========>>%s %d:error\n", __func__, __LINE__);
-        std::fflush(stdout);
+        logPlain("=========>>%s %d:error\n", __func__, __LINE__);
         return;
     }
     std::memset(entry, 0, sizeof *entry);

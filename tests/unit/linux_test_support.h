@@ -16,15 +16,11 @@
 #include <vector>
 
 #include "core/paths.h"
+#include "temp_dir.h"
 #include "core/unique_fd.h"
 #include "platform/linux/mib_store.h"
 #include "platform/mib.h"
 
-inline std::string readText(const std::string &path) {
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
 
 // Standard error redirected into memory until text() or the end of the object.
 class StderrCapture {
@@ -49,16 +45,6 @@ class StderrCapture {
 };
 
 // A fresh directory under /tmp, removed with its contents when the object goes.
-struct TempDir {
-    TempDir() {
-        char pattern[] = "/tmp/hostrix-test-XXXXXX";
-        EXPECT_NE(mkdtemp(pattern), nullptr);
-        path = pattern;
-    }
-    ~TempDir() { std::filesystem::remove_all(path); }
-    std::string file(const std::string &name) const { return path + "/" + name; }
-    std::string path;
-};
 
 // Each test gets its own HOSTRIX_ROOT, and so its own configuration file.
 class HostrixRootTest : public ::testing::Test {

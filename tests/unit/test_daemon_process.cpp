@@ -15,6 +15,8 @@
 #include <string>
 #include <thread>
 
+#include "temp_dir.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -26,13 +28,6 @@ bool eventually(const std::function<bool()> &cond) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     return cond();
-}
-
-std::string readFile(const fs::path &path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 class DaemonProcess {
@@ -68,7 +63,7 @@ public:
 
     pid_t pid() const { return pid_; }
     fs::path logPath() const { return root_ / "daemon.log"; }
-    std::string log() const { return readFile(logPath()); }
+    std::string log() const { return readText(logPath()); }
 
 private:
     fs::path root_;
@@ -77,14 +72,8 @@ private:
 
 class DaemonProcessTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/hostrix-test-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        root = pattern;
-    }
-    void TearDown() override { fs::remove_all(root); }
-
-    fs::path root;
+    TempDir dir;
+    fs::path root{dir.path};
 };
 
 TEST_F(DaemonProcessTest, RunsAnswersTheFifoAndCleansUpOnSigterm) {
@@ -93,7 +82,7 @@ TEST_F(DaemonProcessTest, RunsAnswersTheFifoAndCleansUpOnSigterm) {
     fs::path pidFile = root / "var/run/hostrix.pid";
     ASSERT_TRUE(eventually([&] { return fs::exists(root / "var/run/hostrix.fifo"); }))
         << daemon.log();
-    EXPECT_EQ(readFile(pidFile), std::to_string(daemon.pid()) + "\n");
+    EXPECT_EQ(readText(pidFile), std::to_string(daemon.pid()) + "\n");
     EXPECT_TRUE(fs::exists(root / "var/run/.hostrix_msg"));
 
     int fifo = open((root / "var/run/hostrix.fifo").c_str(), O_WRONLY | O_NONBLOCK);
