@@ -21,3 +21,7 @@ void _disConnLanHost(hostEntry *entry, const char *caller, int line) {
 
 // Ageing arrives with the liveness work; until then no host is aged out.
 int invalidAgingOutHostrix() { return 0; }
+
+int isActiveInFcTable(hostEntry * /*entry*/) { return 0; }
+int removeFcLutList() { return 0; }
+int disableHostrixByPortIdx(uint8_t /*portId*/) { return -1; }
