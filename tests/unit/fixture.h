@@ -9,6 +9,7 @@
 #include "hosts/host_table.h"
 #include "platform/fake/fake_platform.h"
 #include "sniffer/sniffer.h"
+#include "traffic/bandwidth.h"
 
 class HostrixTest : public ::testing::Test {
 protected:
@@ -17,6 +18,7 @@ protected:
         settingsReset();
         setSnifferMonitorLogLevel(3);
         initHostrixData();
+        bandwidthReset();
         maxLanHostNum = 0;
         maxControlledNum = 0;
         controlledNum = 0;
