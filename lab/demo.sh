@@ -112,8 +112,15 @@ view_with_log() {
     done
 }
 
+# The control socket and host file are files under DAEMON_ROOT, so the client
+# reaches the daemon from this namespace; no `ip netns exec` is needed.
+ctl() { HOSTRIX_ROOT="$DAEMON_ROOT" "$HOSTRIXCTL_BIN" "$@"; }
+
 view_with_client() {
-    HOSTRIX_ROOT="$DAEMON_ROOT" "$HOSTRIXCTL_BIN" watch &
+    "$LAB" status --brief || true  # what the LAN holds, to compare with the events
+    note "one line per event: time, NEW/LEFT/CHANGED, MAC, IPv4, name, interface, IPv6"
+    note "(watch takes the daemon's pending reports; the demo is their only reader)"
+    ctl watch &
     VIEW_PID=$!
     while keep_going && pid_alive "$VIEW_PID"; do pause 1; done
     if keep_going; then
@@ -153,6 +160,15 @@ stop_pid() {
 
 daemon_died() { [[ -n "$DAEMON_PID" ]] && ! pid_alive "$DAEMON_PID"; }
 
+# The closing picture: the host file, rewritten at once on SIGUSR2.
+show_final_hosts() {
+    [[ -x "$HOSTRIXCTL_BIN" && -n "$DAEMON_PID" ]] && pid_alive "$DAEMON_PID" || return 0
+    say "Hosts in hostrix's host file (hostrixctl list --newest)"
+    kill -USR2 "$DAEMON_PID" 2>/dev/null || true
+    pause 0.5
+    ctl list --newest || note "hostrixctl list failed (exit status $?)"
+}
+
 # A reader that has gone away (Ctrl-C also ends `make demo | tee`) must not stop
 # the teardown: output falls back to /dev/null and every step still runs.
 detach_from_closed_output() {
@@ -168,6 +184,7 @@ cleanup() {
     trap '' INT TERM HUP
     detach_from_closed_output
     if [[ -n "$VIEW_PID" ]]; then stop_pid "$VIEW_PID"; fi
+    show_final_hosts
     if daemon_died; then
         local status=0
         wait "$DAEMON_PID" 2>/dev/null || status=$?

@@ -10,7 +10,7 @@ readonly GW_V4="${V4_NET}.1"
 readonly DHCP_FIRST=100 DHCP_LAST=199
 readonly GW_V6="fd77::1"
 readonly V6_PREFIX="fd77::"
-readonly GW_MAC="02:77:ff:00:00:01"
+readonly GW_MAC="0a:77:ff:00:00:01"
 readonly SWITCH_BR="sw"
 readonly UPLINK="uplink"
 readonly HOST_IF="eth0"

@@ -17,7 +17,7 @@ gateway_create() {
     run ip -n "$GW_NS" link set "$BRIDGE" up
 }
 
-port_mac() { printf '02:77:ff:00:01:%02x' "$1"; }
+port_mac() { printf '0a:77:ff:00:01:%02x' "$1"; }
 
 # Gateway port PORT (in hx-gw, member of br0) is a veth to the uplink of a
 # small bridge in hx-sw-PORT; hosts plug into that bridge, so a port can carry

@@ -31,11 +31,11 @@ in_dhcp_range() {
 
 mac_in_use() { any_host_has mac "$1"; }
 
-# Hosts added after `up` get 02:77:00:00:00:10 onwards unless they ask for a MAC.
+# Hosts added after `up` get 0a:77:00:00:00:10 onwards unless they ask for a MAC.
 next_free_mac() {
     local i mac
     for ((i = FIRST_EXTRA_MAC_INDEX; i < 65536; i++)); do
-        mac="$(printf '02:77:00:00:%02x:%02x' $((i >> 8)) $((i & 255)))"
+        mac="$(printf '0a:77:00:00:%02x:%02x' $((i >> 8)) $((i & 255)))"
         if ! mac_in_use "$mac"; then
             printf '%s' "$mac"
             return 0

@@ -2,20 +2,59 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
+#include <string_view>
 
+#include "control/ctrl_commands.h"
+#include "control/unix_socket.h"
 #include "core/log.h"
 #include "core/paths.h"
+#include "core/text.h"
 #include "core/unique_fd.h"
 
 namespace {
 
 constexpr int kListenBacklog = 128;
+constexpr int kConnTimeoutSecs = 1;
+constexpr uint32_t kInformQueryBits = CMD_GET_NEW_DEVICE | CMD_GET_LEAVE_DEVICE;
+// The dispatcher's log lines name the operation that serves the connection.
+constexpr const char *kServeName = "msg_process_sockfd";
+
+// Scan order, not bit order: the name setter (bit 27) runs between 0x80000 and
+// 0x100000, so a changed name is reported by the same message's change query.
+constexpr ctrlCmdRow kCommandTable[] = {
+    {CMD_GET_NEW_DEVICE, cfg_getNewDeviceInform},
+    {CMD_GET_LEAVE_DEVICE, cfg_getLeaveDeviceInform},
+    {CMD_SET_MAX_HOSTS, cfg_setMaxLanHostNum},
+    {CMD_GET_MAX_HOSTS, cfg_getMaxLanHostNum},
+    {CMD_GET_HOST_NUM, cfg_getLanHostNum},
+    {CMD_SET_MAX_CONTROLLED, cfg_setMaxControlledNum},
+    {CMD_GET_MAX_CONTROLLED, cfg_getMaxControlledNum},
+    {CMD_GET_CONTROLLED_NUM, cfg_getControlledNum},
+    {CMD_SET_CONTROLLED, cfg_setLanHostControlled},
+    {CMD_GET_CONTROLLED, cfg_getLanHostControlled},
+    {CMD_SET_ACCESS, cfg_setLanHostAccess},
+    {CMD_GET_ACCESS, cfg_getLanHostAccess},
+    {CMD_SET_DEVICE_TYPE, cfg_setDeviceType},
+    {CMD_GET_DEVICE_TYPE, cfg_getDeviceType},
+    {CMD_SET_BRAND, cfg_setLanHostBrand},
+    {CMD_GET_BRAND, cfg_getLanHostBrand},
+    {CMD_SET_MODEL, cfg_setLanHostModel},
+    {CMD_GET_MODEL, cfg_getLanHostModel},
+    {CMD_SET_OS, cfg_setLanHostOs},
+    {CMD_GET_OS, cfg_getLanHostOs},
+    {CMD_SET_DEV_NAME, cfg_setLanHostDevName},
+    {CMD_GET_INFORM_CHANGE, cfg_getLanHostInformChange},
+    {CMD_SET_LINK_CHANGE_PORT, cfg_setLanHostLinkChangePort},
+    {CMD_SET_DHCP_RELEASE, cfg_setLanHostDhcpReleaseIP},
+    {0, nullptr},
+};
 
 UniqueFd listenFd;
 
@@ -28,20 +67,6 @@ int fail(const char *message) {
 int failErrno(const char *what) {
     logPlain("%s error!(%s)\n", what, std::strerror(errno));
     return -1;
-}
-
-int bindControlPath(int fd) {
-    const char *path = hostrixPath(HostrixFile::ControlSocket);
-    unlink(path);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    size_t length = std::strlen(path);
-    if (length >= sizeof addr.sun_path) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    std::memcpy(addr.sun_path, path, length + 1);
-    return bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
 }
 
 // Doubles the receive buffer and gives the send buffer the same size, beyond the
@@ -65,6 +90,34 @@ int makeNonBlocking(int fd) {
     return 0;
 }
 
+bool dataIsPrintable(const ctrlMsg_t &msg) {
+    return isPrintableString(
+        std::string_view(reinterpret_cast<const char *>(msg.data), sizeof msg.data));
+}
+
+void runCommand(ctrlMsg_t &msg, const ctrlCmdRow &row, int32_t *dataLen) {
+    HX_DBG(DBG_MESSAGE, "hostrix exec CMD(%x)\n", msg.cmd);
+    // Each handler is checked against data as the handlers before it left it.
+    if (!dataIsPrintable(msg)) return;
+    row.handler(&msg, dataLen);
+}
+
+// A client that connects and says nothing, or does not read its reply, holds the
+// main loop for at most this long.
+void setConnTimeouts(int fd) {
+    setReceiveTimeout(fd, kConnTimeoutSecs);
+    timeval timeout{kConnTimeoutSecs, 0};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+}
+
+// MSG_NOSIGNAL: a client gone before its reply costs a failed send, never SIGPIPE.
+void sendReply(int fd, const ctrlMsg_t &msg) {
+    ssize_t sent = send(fd, &msg, sizeof msg, MSG_NOSIGNAL);
+    if (sent == static_cast<ssize_t>(sizeof msg)) return;
+    HX_DBG(DBG_MESSAGE, "[%s %d]: Send fail for cmd=0x%x, size=%d(%zd)\n", kServeName,
+           __LINE__, msg.cmd, static_cast<int>(sent), static_cast<ssize_t>(sizeof msg));
+}
+
 }  // namespace
 
 int msgSockFd() { return listenFd.get(); }
@@ -75,16 +128,40 @@ int msg_create_sockfd() {
     int on = 1;
     if (setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0)
         return failErrno("setsockopt");
-    if (bindControlPath(fd.get()) < 0) return failErrno("bind");
+    if (bindUnixPath(fd.get(), HostrixFile::ControlSocket) < 0) return failErrno("bind");
     if (listen(fd.get(), kListenBacklog) < 0) return fail("listen error!\n");
     if (growBuffers(fd.get()) < 0 || makeNonBlocking(fd.get()) < 0) return -1;
     listenFd = std::move(fd);
     return listenFd.get();
 }
 
-// Requests are served with the control commands; until then a connection is
-// accepted and closed so that it does not stay pending.
+void msg_close_sockfd() { listenFd.reset(); }
+
+std::span<const ctrlCmdRow> ctrlCommandTable() {
+    return {kCommandTable, std::size(kCommandTable) - 1};
+}
+
+void dispatchCtrlMsg(ctrlMsg_t &msg) {
+    int32_t dataLen = 0;
+    msg.replyTag = msg.status;
+    HX_DBG(DBG_MESSAGE, "[%s %d]: cmd=0x%x\n", kServeName, __LINE__, msg.cmd);
+    // The inform queries fill data with records; what the client sent there goes.
+    if (msg.cmd & kInformQueryBits) std::memset(msg.data, 0, sizeof msg.data);
+    for (const ctrlCmdRow *row = kCommandTable; row->bit != 0; ++row) {
+        if (msg.cmd & row->bit) runCommand(msg, *row, &dataLen);
+    }
+}
+
 int msg_process_sockfd(int fd) {
-    UniqueFd conn(accept(fd, nullptr, nullptr));
+    ctrlMsg_t msg{};
+    sockaddr_un peer{};
+    socklen_t peerLen = sizeof peer;
+    UniqueFd conn(accept4(fd, reinterpret_cast<sockaddr *>(&peer), &peerLen, SOCK_CLOEXEC));
+    if (!conn.valid()) return 0;
+    setConnTimeouts(conn.get());
+    // One read: a short request is served as it is, the missing bytes left zero.
+    if (recv(conn.get(), &msg, sizeof msg, 0) <= 0) return 0;
+    dispatchCtrlMsg(msg);
+    if (msg.needReply) sendReply(conn.get(), msg);
     return 0;
 }

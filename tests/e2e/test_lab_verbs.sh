@@ -9,10 +9,10 @@ set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 LISTENER_PID=""
-H1_MAC=02:77:00:00:00:01
-H3_MAC=02:77:00:00:00:03
-H4_MAC=02:77:00:00:00:04
-TV_MAC=02:77:00:00:0a:01
+H1_MAC=0a:77:00:00:00:01
+H3_MAC=0a:77:00:00:00:03
+H4_MAC=0a:77:00:00:00:04
+TV_MAC=0a:77:00:00:0a:01
 EVENT_SOCK=""
 
 mib_line_count() { grep -cxF "$1" "$LAB_DIR/root/etc/hostrix/mib.conf" || true; }

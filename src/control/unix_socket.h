@@ -1,0 +1,13 @@
+// Helpers shared by the daemon's local UNIX-domain stream sockets.
+#pragma once
+
+#include "core/paths.h"
+
+// Removes whatever is at FILE's path and binds FD there (zeroed address, full
+// sockaddr_un length). -1 with errno set on failure, ENAMETOOLONG when the
+// prefixed path does not fit.
+int bindUnixPath(int fd, HostrixFile file);
+
+// Bounds each receive on an accepted connection, so that a peer that connects and
+// says nothing cannot hold the main loop for longer than SECONDS.
+int setReceiveTimeout(int fd, int seconds);

@@ -1,0 +1,31 @@
+#include "core/text.h"
+
+#include <cstring>
+
+namespace {
+
+constexpr signed char kFirstPrintable = 0x20;
+constexpr signed char kLastPrintable = 0x7E;
+
+bool endsText(char c) { return c == '\0' || c == '\r' || c == '\n'; }
+
+// Compared as signed, so every byte from 0x80 up is below the range.
+bool isPrintable(char c) {
+    auto value = static_cast<signed char>(c);
+    return value >= kFirstPrintable && value <= kLastPrintable;
+}
+
+}  // namespace
+
+int isPrintableString(std::string_view text) {
+    for (char c : text) {
+        if (endsText(c)) return 1;
+        if (!isPrintable(c)) return 0;
+    }
+    return 1;
+}
+
+int isPrintableString(const char *text) {
+    if (!text) return 1;
+    return isPrintableString(std::string_view(text, std::strlen(text)));
+}

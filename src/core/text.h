@@ -1,0 +1,10 @@
+// Text checks shared by the control commands and discovery.
+#pragma once
+
+#include <string_view>
+
+// 1 when TEXT, up to its first NUL, CR or LF, holds only the bytes 0x20..0x7E;
+// an empty text passes (as does a null pointer, which holds nothing); else 0.
+int isPrintableString(const char *text);
+// The same check on a buffer that may have no terminator: never reads past it.
+int isPrintableString(std::string_view text);

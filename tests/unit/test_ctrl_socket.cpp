@@ -1,0 +1,109 @@
+// A real control socket in a temporary root: the client on the test's side,
+// msg_process_sockfd serving one connection.
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <chrono>
+#include <csignal>
+#include <string>
+
+#include "control/ctrl_socket.h"
+#include "core/unique_fd.h"
+#include "ctrl_request.h"
+#include "root_fixture.h"
+
+namespace {
+
+class CtrlSocketTest : public RootedTest {
+protected:
+    void SetUp() override {
+        RootedTest::SetUp();
+        setMaxLanHostNum(kHostPoolSize);
+        ASSERT_GE(msg_create_sockfd(), 0);
+    }
+    void TearDown() override {
+        msg_close_sockfd();
+        RootedTest::TearDown();
+    }
+
+    static UniqueFd connectClient() {
+        UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::strncpy(addr.sun_path, hostrixPath(HostrixFile::ControlSocket),
+                     sizeof addr.sun_path - 1);
+        EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+        return fd;
+    }
+
+    // Sends the first SIZE bytes of MSG, lets the daemon serve them and returns
+    // what the client receives up to end of file.
+    static std::string exchange(const ctrlMsg_t &msg, size_t size = sizeof(ctrlMsg_t)) {
+        UniqueFd client = connectClient();
+        EXPECT_EQ(send(client.get(), &msg, size, 0), static_cast<ssize_t>(size));
+        EXPECT_EQ(msg_process_sockfd(msgSockFd()), 0);
+        return receiveAll(client.get());
+    }
+
+    static std::string receiveAll(int fd) {
+        std::string bytes;
+        char buffer[kCtrlMsgSize];
+        for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;)
+            bytes.append(buffer, n);
+        return bytes;
+    }
+};
+
+TEST_F(CtrlSocketTest, ShortRequestIsServedWithTheMissingBytesZero) {
+    addHost(checkedMac(1));
+    ctrlMsg_t msg = ctrlRequest(CMD_GET_HOST_NUM);
+    msg.status = 7;
+    std::memset(msg.data, 'x', sizeof msg.data);  // never sent
+    std::string reply = exchange(msg, offsetof(ctrlMsg_t, data));
+    ASSERT_EQ(reply.size(), kCtrlMsgSize);
+    ctrlMsg_t got;
+    std::memcpy(&got, reply.data(), sizeof got);
+    EXPECT_EQ(got.replyTag, 7u);
+    EXPECT_EQ(got.arg1, 1u);
+    EXPECT_TRUE(allZero(got.data, sizeof got.data));
+}
+
+TEST_F(CtrlSocketTest, NoReplyWhenNeedReplyIsZeroOrMissing) {
+    hostEntry *host = addHost(checkedMac(1));
+    host->lanHost.firstConnect = 1;
+    EXPECT_EQ(exchange(ctrlRequest(CMD_GET_MAX_HOSTS), offsetof(ctrlMsg_t, needReply)), "");
+    ctrlMsg_t query = ctrlRequest(CMD_GET_NEW_DEVICE);
+    query.needReply = 0;
+    EXPECT_EQ(exchange(query), "");
+    EXPECT_EQ(host->lanHost.firstConnect, 0);  // consumed all the same
+}
+
+TEST_F(CtrlSocketTest, SilentClientHoldsTheLoopForAboutOneSecond) {
+    EXPECT_EQ(msg_process_sockfd(msgSockFd()), 0);  // nothing pending: returns at once
+    UniqueFd client = connectClient();
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(msg_process_sockfd(msgSockFd()), 0);
+    auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(900));
+    EXPECT_LT(waited, std::chrono::milliseconds(2500));
+}
+
+// With SIGPIPE at its default a raised signal would end the test binary.
+TEST_F(CtrlSocketTest, ClientGoneBeforeItsReplyCostsOnlyAFailedSend) {
+    auto previous = std::signal(SIGPIPE, SIG_DFL);
+    dbg_level = DBG_MESSAGE;
+    ::testing::internal::CaptureStdout();
+    {
+        UniqueFd client = connectClient();
+        ctrlMsg_t msg = ctrlRequest(CMD_GET_MAX_HOSTS);
+        send(client.get(), &msg, sizeof msg, 0);
+    }
+    EXPECT_EQ(msg_process_sockfd(msgSockFd()), 0);
+    std::string out = ::testing::internal::GetCapturedStdout();
+    dbg_level = 0;
+    std::signal(SIGPIPE, previous);
+    EXPECT_NE(out.find("]: Send fail for cmd=0x8, size=-1(4136)\n"), std::string::npos) << out;
+    EXPECT_EQ(exchange(ctrlRequest(CMD_GET_MAX_HOSTS)).size(), kCtrlMsgSize);
+}
+
+}  // namespace

@@ -1,0 +1,129 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+
+#include "control/host_file.h"
+#include "root_fixture.h"
+
+namespace {
+
+class HostFileTest : public RootedTest {
+protected:
+    // Slot SLOT online since START, MAC 02:00:00:00:00:SLOT.
+    hostEntry &online(uint8_t slot, uint32_t start) {
+        hostEntry &entry = hostPool[slot];
+        entry.lanHost.mac[0] = 2;
+        entry.lanHost.mac[5] = slot;
+        entry.valid = 1;
+        entry.startOnLine = start;
+        return entry;
+    }
+    std::vector<lanHostInfo_t> records() const {
+        std::string bytes = readText(hostrixPath(HostrixFile::HostInfo));
+        EXPECT_EQ(bytes.size() % kLanHostInfoSize, 0u);
+        std::vector<lanHostInfo_t> list(bytes.size() / kLanHostInfoSize);
+        if (!list.empty()) std::memcpy(list.data(), bytes.data(), list.size() * kLanHostInfoSize);
+        return list;
+    }
+    std::vector<int> slots() const {
+        std::vector<int> list;
+        for (const lanHostInfo_t &record : records()) list.push_back(record.mac[5]);
+        return list;
+    }
+};
+
+TEST_F(HostFileTest, LongestOnlineFirstAndTiesKeepSlotOrder) {
+    online(0, 500);
+    online(1, 100);
+    online(2, 300);
+    online(3, 100);
+    EXPECT_EQ(writeLanHostInfo(), 0);
+    EXPECT_EQ(slots(), (std::vector<int>{1, 3, 2, 0}));
+}
+
+TEST_F(HostFileTest, OnlyOnlineHostsWithAnArrivalTimeAreWrittenRefreshed) {
+    fake::state().uptime = 5000;
+    hostEntry &noArrival = online(1, 0);
+    hostEntry &departed = online(2, 100);
+    departed.valid = 0;
+    online(3, 4000);
+    lanHostBw[3] = lanHostBw_t{0, 0, 11, 22, 333, 444};
+    writeLanHostInfo();
+    ASSERT_EQ(slots(), std::vector<int>{3});
+    lanHostInfo_t record = records()[0];
+    EXPECT_EQ(record.onLineTime, 1000u);
+    EXPECT_EQ(record.upRate + record.downRate + record.rxBytes + record.txBytes, 810u);
+    EXPECT_EQ(noArrival.lanHost.onLineTime, 5000u);  // refreshed though not written
+    EXPECT_EQ(departed.lanHost.onLineTime, 0u);
+}
+
+TEST_F(HostFileTest, FileIsRewrittenNotAppended) {
+    writeLanHostInfo();
+    EXPECT_TRUE(records().empty());
+    for (uint8_t slot = 0; slot < 5; ++slot) online(slot, 100);
+    writeLanHostInfo();
+    for (uint8_t slot = 2; slot < 5; ++slot) hostPool[slot].valid = 0;
+    writeLanHostInfo();
+    EXPECT_EQ(std::filesystem::file_size(hostrixPath(HostrixFile::HostInfo)), 1888u);
+}
+
+// flock_set waits for the lock, so a writer blocked by another process writes
+// only once that process lets go.
+TEST_F(HostFileTest, WriterWaitsForTheFileLock) {
+    online(1, 100);
+    writeLanHostInfo();
+    online(2, 200);
+    int sync[2];
+    ASSERT_EQ(pipe(sync), 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        int fd = open(hostrixPath(HostrixFile::HostInfo), O_RDWR);
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        if (fcntl(fd, F_SETLK, &lock) != 0 || write(sync[1], "L", 1) != 1) _exit(2);
+        usleep(300000);
+        _exit(lseek(fd, 0, SEEK_END) == kLanHostInfoSize ? 0 : 1);  // exit unlocks
+    }
+    char ready;
+    ASSERT_EQ(read(sync[0], &ready, 1), 1);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(writeLanHostInfo(), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+    int status = 0;
+    waitpid(child, &status, 0);
+    close(sync[0]);
+    close(sync[1]);
+    EXPECT_EQ(status, 0) << "file changed under the lock";
+    EXPECT_EQ(slots(), (std::vector<int>{1, 2}));
+}
+
+TEST_F(HostFileTest, DumpPrintsLabelledLinesOnlyWithTheCommandGroup) {
+    hostEntry &entry = online(2, 100);
+    entry.lanHost.ip = htonl(0xc0a80102);
+    inet_pton(AF_INET6, "fe80::1", entry.lanHost.ipv6);
+    entry.lanHost.rssi = -40;
+    ::testing::internal::CaptureStdout();
+    dumpLanHostInfo(&entry);
+    dbg_level = DBG_COMMAND;
+    dumpLanHostInfo(&entry);
+    std::string out = ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 30);
+    EXPECT_EQ(out.rfind("[Hostrix]:" + std::string(48, '=') +
+                            "\n[Hostrix]:Mac              : "
+                            "02-00-00-00-00-02\n",
+                        0),
+              0u);
+    for (const char *line :
+         {"[Hostrix]:IP               : c0a80102\n", "[Hostrix]:IPv6                : fe80::1\n",
+          "[Hostrix]:rssi             : -40\n"})
+        EXPECT_NE(out.find(line), std::string::npos) << line;
+    EXPECT_TRUE(out.ends_with("[Hostrix]:" + std::string(49, '=') + "\n"));
+}
+
+}  // namespace

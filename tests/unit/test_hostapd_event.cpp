@@ -1,0 +1,137 @@
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <array>
+#include <chrono>
+#include <cstring>
+
+#include "control/hostapd_event.h"
+#include "core/unique_fd.h"
+#include "root_fixture.h"
+
+namespace {
+
+constexpr std::array<uint8_t, kMacLen> kStation{0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f};
+const std::string kFdbDel = "bridge fdb del 0a:1b:2c:3d:4e:5f dev wlan0-vap1 vlan 1 master";
+
+TEST(EventParse, OverLongWordsAreCutWithoutShiftingTheMac) {
+    std::string text = std::string(300, 'w') + " " + std::string(400, 'E') + " 0a:1b:2c:3d:4e:5f";
+    HostapdEvent event{};
+    ASSERT_TRUE(parseHostapdEvent(text, event));
+    EXPECT_EQ(event.word, std::string(15, 'w'));
+    EXPECT_EQ(event.name, std::string(255, 'E'));
+    EXPECT_EQ(std::to_array(event.mac), kStation);
+}
+
+class HostapdEventTest : public RootedTest {
+protected:
+    void SetUp() override {
+        RootedTest::SetUp();
+        setMaxLanHostNum(kHostPoolSize);
+        station = addHost(fake::mac(0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f), "wlan0-vap1");
+    }
+    std::string process(std::string text) {
+        ::testing::internal::CaptureStderr();
+        process_hostapd_event(text.data());
+        return ::testing::internal::GetCapturedStderr();
+    }
+    hostEntry *station = nullptr;
+};
+
+TEST_F(HostapdEventTest, DepartureDropsTheFdbEntryOfTheTableInterfaceAndDisconnects) {
+    EXPECT_EQ(process("wlan1 AP-STA-DISCONNECTED 0a:1b:2c:3d:4e:5f"),
+              "process_hostapd_event wlan1 AP-STA-DISCONNECTED 0a:1b:2c:3d:4e:5f\n");
+    EXPECT_EQ(fake::state().commands, std::vector<std::string>{kFdbDel});
+    EXPECT_EQ(station->lanHost.disConnect, 1);
+}
+
+struct ProcessCase {
+    const char *name;
+    const char *text;
+    bool departs;
+};
+class ProcessTest : public HostapdEventTest, public ::testing::WithParamInterface<ProcessCase> {};
+
+TEST_P(ProcessTest, OnlyAnExactDepartureOfAKnownHostActs) {
+    process(GetParam().text);
+    EXPECT_EQ(fake::state().commands.size(), GetParam().departs ? 1u : 0u);
+    EXPECT_EQ(station->valid, GetParam().departs ? 0 : 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    HostapdEvent, ProcessTest,
+    ::testing::Values(
+        ProcessCase{"UpperCaseMac", "w AP-STA-DISCONNECTED 0A:1B:2C:3D:4E:5F", true},
+        ProcessCase{"OneDigitGroup", "w AP-STA-DISCONNECTED a:1b:2c:3d:4e:5f", true},
+        ProcessCase{"AnyBlanksAndTail", " w\tAP-STA-DISCONNECTED\n 0a:1b:2c:3d:4e:5f:7 x", true},
+        ProcessCase{"UnknownMac", "w AP-STA-DISCONNECTED 0a:1b:2c:3d:4e:60", false},
+        ProcessCase{"OtherEvent", "w AP-STA-CONNECTED 0a:1b:2c:3d:4e:5f", false},
+        ProcessCase{"LongerName", "w AP-STA-DISCONNECTED2 0a:1b:2c:3d:4e:5f", false},
+        ProcessCase{"MissingMac", "w AP-STA-DISCONNECTED", false},
+        ProcessCase{"FiveGroups", "w AP-STA-DISCONNECTED 0a:1b:2c:3d:4e", false},
+        ProcessCase{"ThreeDigitGroup", "w AP-STA-DISCONNECTED 0a1:1b:2c:3d:4e:5f", false},
+        ProcessCase{"BlankBeforeColon", "w AP-STA-DISCONNECTED 0a :1b:2c:3d:4e:5f", false},
+        ProcessCase{"Garbage", "\x01\xff:: \x7f AP-STA-DISCONNECTED ::", false}),
+    CaseName());
+
+// The real listening socket in the temporary root, fed by real connections.
+class HostapdSocketTest : public HostapdEventTest {
+protected:
+    void SetUp() override {
+        HostapdEventTest::SetUp();
+        int fd = -1;
+        ::testing::internal::CaptureStdout();  // forcing buffer sizes needs privileges
+        ASSERT_EQ(init_hostapd_action_sock(&fd), 0);
+        ::testing::internal::GetCapturedStdout();
+        listener.reset(fd);
+    }
+    UniqueFd connectClient(const std::string &text = "") {
+        UniqueFd fd(socket(AF_UNIX, SOCK_STREAM, 0));
+        sockaddr_un addr{AF_UNIX, {}};
+        std::strcpy(addr.sun_path, hostrixPath(HostrixFile::HostapdSocket));
+        EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+        EXPECT_EQ(send(fd.get(), text.data(), text.size(), 0), ssize_t(text.size()));
+        return fd;
+    }
+    std::string receive() {
+        ::testing::internal::CaptureStderr();
+        recv_hostapd_event(listener.get(), buffer, sizeof buffer);
+        ::testing::internal::GetCapturedStderr();
+        return buffer;
+    }
+    UniqueFd listener;
+    char buffer[kHostapdEventBufSize] = "previous event";
+};
+
+TEST_F(HostapdSocketTest, EventTextArrivesCutToTheBuffer) {
+    connectClient("wlan0 AP-STA-DISCONNECTED 0a:1b:2c:3d:4e:5f");
+    EXPECT_EQ(receive(), "wlan0 AP-STA-DISCONNECTED 0a:1b:2c:3d:4e:5f");
+    connectClient(std::string(1000, 'x'));
+    EXPECT_EQ(receive(), std::string(kHostapdEventBufSize - 1, 'x'));
+}
+
+TEST_F(HostapdSocketTest, ConnectionClosedWithoutTextLeavesNothing) {
+    connectClient();
+    EXPECT_EQ(receive(), "");
+}
+
+TEST_F(HostapdSocketTest, PeerThatSaysNothingIsGivenUpAfterAboutASecond) {
+    UniqueFd client = connectClient();
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(receive(), "");
+    auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(800));
+    EXPECT_LT(waited, std::chrono::milliseconds(2500));
+}
+
+TEST_F(HostapdSocketTest, TwoConnectionsAreProcessedOnceEachInOrder) {
+    addHost(fake::mac(0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x60), "wlan1");
+    connectClient("w AP-STA-DISCONNECTED 0a:1b:2c:3d:4e:5f");
+    connectClient("w AP-STA-DISCONNECTED 0a:1b:2c:3d:4e:60");
+    for (int pass = 0; pass < 3; ++pass) process(receive());
+    EXPECT_EQ(fake::state().commands,
+              (std::vector<std::string>{
+                  kFdbDel, "bridge fdb del 0a:1b:2c:3d:4e:60 dev wlan1 vlan 1 master"}));
+}
+
+}  // namespace

@@ -1,0 +1,141 @@
+#include <arpa/inet.h>
+
+#include <cstring>
+
+#include "ctrl_request.h"
+#include "hosts/liveness.h"
+
+namespace {
+
+class InformTest : public HostrixTest {
+protected:
+    void SetUp() override {
+        HostrixTest::SetUp();
+        setMaxLanHostNum(kHostPoolSize);
+    }
+
+    static hostEntry *arrived(uint8_t last) {
+        hostEntry *entry = addHost(checkedMac(last));
+        entry->lanHost.firstConnect = 1;
+        return entry;
+    }
+
+    static hostEntry *departed(uint8_t last, uint8_t access = kInternetAccessDefault) {
+        hostEntry *entry = addHost(checkedMac(last));
+        entry->lanHost.internetAccess = access;
+        _disConnLanHost(entry, "test", __LINE__);
+        return entry;
+    }
+
+    static ctrlMsg_t query(uint32_t cmd) {
+        ctrlMsg_t msg = ctrlRequest(cmd);
+        dispatchCtrlMsg(msg);
+        return msg;
+    }
+
+    static lanHostInfo_t record(const ctrlMsg_t &msg, size_t index) {
+        lanHostInfo_t host;
+        std::memcpy(&host, msg.data + index * kLanHostInfoSize, sizeof host);
+        return host;
+    }
+
+    static size_t recordCount(const ctrlMsg_t &msg) {
+        size_t n = 0;
+        while ((n + 1) * kLanHostInfoSize <= kCtrlDataSize &&
+               !allZero(msg.data + n * kLanHostInfoSize, kLanHostInfoSize))
+            ++n;
+        return n;
+    }
+};
+
+TEST_F(InformTest, FourRecordsFitAndTheFifthWaitsForTheNextQuery) {
+    for (uint8_t i = 1; i <= 5; ++i) arrived(i);  // slots 255 down to 251
+    ctrlMsg_t first = query(CMD_GET_NEW_DEVICE);
+    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(recordMac(first, i), checkedMac(5 - i));
+    EXPECT_TRUE(allZero(first.data + 4 * kLanHostInfoSize, kCtrlDataSize - 4 * kLanHostInfoSize));
+    ctrlMsg_t second = query(CMD_GET_NEW_DEVICE);
+    EXPECT_EQ(recordCount(second), 1u);
+    EXPECT_EQ(recordMac(second, 0), checkedMac(1));
+    EXPECT_EQ(recordCount(query(CMD_GET_NEW_DEVICE)), 0u);
+}
+
+// The first departure report's recycling sweep also frees the second departed
+// host, which is therefore never reported.
+TEST_F(InformTest, DeparturesFollowArrivalsInOneReply) {
+    departed(1);
+    departed(2);
+    for (uint8_t i = 3; i <= 5; ++i) arrived(i);
+    ctrlMsg_t msg = query(CMD_GET_NEW_DEVICE | CMD_GET_LEAVE_DEVICE);
+    EXPECT_EQ(recordCount(msg), 4u);
+    for (size_t i = 0; i < 3; ++i) EXPECT_EQ(record(msg, i).firstConnect, 1);
+    EXPECT_EQ(record(msg, 3).disConnect, 1);
+    EXPECT_EQ(recordMac(msg, 3), checkedMac(2));  // slot 254 before slot 255
+    EXPECT_EQ(getHostrixByMac(checkedMac(1).data()), nullptr);
+    EXPECT_EQ(lanHostNum, 3u);
+}
+
+TEST_F(InformTest, BlockedDepartedHostIsReportedOnceAndKeptCleared) {
+    hostEntry *host = departed(1, kInternetAccessBlocked);
+    host->lanHost.ip = htonl(0xc0a80114);
+    host->startOnLine = 4000;
+    host->informChange = 1;
+    std::strcpy(host->lanHost.devName, "laptop");
+    lanHostBw[hostSlot(host)] = {0, 0, 10, 20, 300, 400};
+
+    ctrlMsg_t msg = query(CMD_GET_LEAVE_DEVICE);
+    EXPECT_EQ(record(msg, 0).ip, htonl(0xc0a80114));
+    ASSERT_EQ(getHostrixByMac(checkedMac(1).data()), host);
+    const lanHostInfo_t &kept = host->lanHost;
+    EXPECT_EQ(kept.ip + kept.upRate + kept.downRate + kept.rxBytes + kept.txBytes, 0u);
+    EXPECT_EQ(kept.disConnectTime[0], '\0');
+    EXPECT_EQ(host->startOnLine + host->informChange, 0u);
+    EXPECT_STREQ(kept.devName, "laptop");
+    EXPECT_EQ(recordCount(query(CMD_GET_LEAVE_DEVICE)), 0u);
+}
+
+TEST_F(InformTest, ArrivalThatLeftBeforeAnyQueryIsReportedOnlyAsDeparture) {
+    _disConnLanHost(arrived(1), "test", __LINE__);
+    ctrlMsg_t msg = query(CMD_GET_NEW_DEVICE | CMD_GET_LEAVE_DEVICE);
+    EXPECT_EQ(recordCount(msg), 1u);
+    EXPECT_EQ(record(msg, 0).disConnect, 1);
+}
+
+TEST_F(InformTest, EveryQueryRefreshesTheRecordAndConsumesItsFlag) {
+    struct Case {
+        uint32_t cmd;
+        void (*flag)(hostEntry *);
+    };
+    const Case cases[] = {
+        {CMD_GET_NEW_DEVICE, [](hostEntry *e) { e->lanHost.firstConnect = 1; }},
+        {CMD_GET_LEAVE_DEVICE, [](hostEntry *e) { e->valid = 0; e->lanHost.disConnect = 1; }},
+        {CMD_GET_INFORM_CHANGE, [](hostEntry *e) { e->informChange = 1; }},
+    };
+    for (const Case &c : cases) {
+        initHostrixData();
+        setMaxLanHostNum(kHostPoolSize);
+        hostEntry *host = addHost(checkedMac(1));
+        host->lanHost.internetAccess = kInternetAccessBlocked;  // a departure stays put
+        host->startOnLine = 4000;
+        c.flag(host);
+        fake::state().uptime = 5000;
+        lanHostBw[hostSlot(host)] = {0, 0, 11, 22, 333, 444};
+        lanHostInfo_t sent = record(query(c.cmd), 0);
+        EXPECT_EQ(sent.onLineTime, 1000u) << c.cmd;
+        EXPECT_EQ(sent.upRate + sent.downRate, 33u) << c.cmd;
+        EXPECT_EQ(sent.rxBytes + sent.txBytes, 777u) << c.cmd;
+        EXPECT_EQ(recordCount(query(c.cmd)), 0u) << c.cmd;
+    }
+}
+
+// Asked together with arrivals, the change query wipes their records (they are
+// consumed all the same) and writes its own after them.
+TEST_F(InformTest, ChangeQueryLeavesZerosWhereArrivalsWere) {
+    hostEntry *arrival = arrived(1);
+    addHost(checkedMac(2))->informChange = 1;
+    ctrlMsg_t msg = query(CMD_GET_NEW_DEVICE | CMD_GET_INFORM_CHANGE);
+    EXPECT_TRUE(allZero(msg.data, kLanHostInfoSize));
+    EXPECT_EQ(recordMac(msg, 1), checkedMac(2));
+    EXPECT_EQ(arrival->lanHost.firstConnect, 0);
+}
+
+}  // namespace
