@@ -120,7 +120,9 @@ view_with_client() {
     "$LAB" status --brief || true  # what the LAN holds, to compare with the events
     note "one line per event: time, NEW/LEFT/CHANGED, MAC, IPv4, name, interface, IPv6"
     note "(watch takes the daemon's pending reports; the demo is their only reader)"
-    ctl watch &
+    # The binary itself in the background (not a function subshell), so stop_pid
+    # reaches the client and not only a wrapper.
+    HOSTRIX_ROOT="$DAEMON_ROOT" "$HOSTRIXCTL_BIN" watch &
     VIEW_PID=$!
     while keep_going && pid_alive "$VIEW_PID"; do pause 1; done
     if keep_going; then

@@ -18,7 +18,7 @@ is_fifo() { [[ -p "$1" ]]; }
 daemon_alive() { ! all_dead "$DAEMON_PID"; }
 no_config_complaint() { ! logged "mib.conf:"; }
 stopped_with_zero() { daemon_stop; }
-hostrix_processes() { pgrep -x hostrix || true; }
+hostrix_processes() { pgrep -x 'hostrix|hostrixctl' || true; }
 
 fifo_command() { printf '%s\n' "$1" >"$ROOT/var/run/hostrix.fifo"; }
 
@@ -56,7 +56,7 @@ check_demo() {
     check "demo runs for 6 s and exits 0" sh -c "'$REPO_DIR/lab/demo.sh' 6 >'$E2E_TMP/demo.out' 2>&1"
     check "demo started the daemon" grep -qF "Starting hostrix" "$E2E_TMP/demo.out"
     check "demo shows the leases" grep -qF "hx-h1" "$E2E_TMP/demo.out"
-    check "no hostrix process left after the demo" test -z "$(hostrix_processes)"
+    check "no hostrix or hostrixctl process left after the demo" test -z "$(hostrix_processes)"
     check "no hx- namespace left after the demo" test -z "$(lab_namespaces)"
     check "no $LAB_DIR left after the demo" test ! -e "$LAB_DIR"
 }
