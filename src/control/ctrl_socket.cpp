@@ -20,7 +20,6 @@
 
 namespace {
 
-constexpr int kListenBacklog = 128;
 constexpr int kConnTimeoutSecs = 1;
 constexpr uint32_t kInformQueryBits = CMD_GET_NEW_DEVICE | CMD_GET_LEAVE_DEVICE;
 // The dispatcher's log lines name the operation that serves the connection.
@@ -57,11 +56,6 @@ constexpr ctrlCmdRow kCommandTable[] = {
 };
 
 UniqueFd listenFd;
-
-int fail(const char *message) {
-    logPlain("%s", message);
-    return -1;
-}
 
 // "<what> error!(<reason>)", the form every socket set-up message takes.
 int failErrno(const char *what) {
@@ -123,13 +117,8 @@ void sendReply(int fd, const ctrlMsg_t &msg) {
 int msgSockFd() { return listenFd.get(); }
 
 int msg_create_sockfd() {
-    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!fd.valid()) return fail("socket create error!\n");
-    int on = 1;
-    if (setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0)
-        return failErrno("setsockopt");
-    if (bindUnixPath(fd.get(), HostrixFile::ControlSocket) < 0) return failErrno("bind");
-    if (listen(fd.get(), kListenBacklog) < 0) return fail("listen error!\n");
+    UniqueFd fd = listenAtPath(HostrixFile::ControlSocket, ReuseAddrMessage::WithReason);
+    if (!fd.valid()) return -1;
     if (growBuffers(fd.get()) < 0 || makeNonBlocking(fd.get()) < 0) return -1;
     listenFd = std::move(fd);
     return listenFd.get();

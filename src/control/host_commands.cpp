@@ -221,8 +221,7 @@ namespace {
 // Slot order and MAC only: a departed host still in the table is released too.
 // The zero MAC names no host; matching it would "release" a free slot.
 hostEntry *findReleasedHost(const uint8_t *mac) {
-    static constexpr uint8_t kZeroMac[kCtrlMacLen] = {};
-    if (std::memcmp(mac, kZeroMac, kCtrlMacLen) == 0) return nullptr;
+    if (isZeroMac(mac)) return nullptr;
     for (hostEntry &entry : hostPool) {
         if (std::memcmp(entry.lanHost.mac, mac, kCtrlMacLen) == 0) return &entry;
     }

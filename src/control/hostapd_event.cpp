@@ -20,7 +20,6 @@
 
 namespace {
 
-constexpr int kListenBacklog = 128;
 constexpr int kBufferGrowth = 4;
 constexpr size_t kRecvBufSize = 2048;
 constexpr int kConnRecvTimeoutSec = 1;
@@ -28,11 +27,6 @@ constexpr size_t kMacTextSize = 32;
 constexpr size_t kFdbCommandSize = 128;
 constexpr size_t kMaxGroupDigits = 2;
 constexpr char kStaDisconnected[] = "AP-STA-DISCONNECTED";
-
-int fail(const char *message) {
-    logPlain("%s", message);
-    return -1;
-}
 
 // accept is only called when select reports the socket readable; a socket left
 // blocking still works, so a failure here is not fatal.
@@ -123,18 +117,8 @@ bool parseHostapdEvent(std::string_view text, HostapdEvent &event) {
 }
 
 int init_hostapd_action_sock(int *fd) {
-    UniqueFd sock(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!sock.valid()) return fail("socket create error!\n");
-    int on = 1;
-    if (setsockopt(sock.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
-        sock.reset();
-        return fail("setsockopt error!\n");
-    }
-    if (bindUnixPath(sock.get(), HostrixFile::HostapdSocket) < 0) {
-        logPlain("bind error!(%s)\n", std::strerror(errno));
-        return -1;
-    }
-    if (listen(sock.get(), kListenBacklog) < 0) return fail("listen error!\n");
+    UniqueFd sock = listenAtPath(HostrixFile::HostapdSocket, ReuseAddrMessage::Plain);
+    if (!sock.valid()) return -1;
     makeNonBlocking(sock.get());
     set_socket_buffer_size(sock.get());
     *fd = sock.release();

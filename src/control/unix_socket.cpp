@@ -8,6 +8,24 @@
 #include <cerrno>
 #include <cstring>
 
+#include "core/log.h"
+
+namespace {
+
+constexpr int kListenBacklog = 128;
+
+UniqueFd setupFailed(const char *message) {
+    logPlain("%s", message);
+    return UniqueFd();
+}
+
+UniqueFd setupFailedWithReason(const char *what) {
+    logPlain("%s error!(%s)\n", what, std::strerror(errno));
+    return UniqueFd();
+}
+
+}  // namespace
+
 int bindUnixPath(int fd, HostrixFile file) {
     const char *path = hostrixPath(file);
     unlink(path);
@@ -26,4 +44,18 @@ int setReceiveTimeout(int fd, int seconds) {
     timeval timeout{};
     timeout.tv_sec = seconds;
     return setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+}
+
+UniqueFd listenAtPath(HostrixFile file, ReuseAddrMessage reuseMessage) {
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd.valid()) return setupFailed("socket create error!\n");
+    int on = 1;
+    if (setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0) {
+        fd.reset();  // the socket is closed before the message is printed
+        return reuseMessage == ReuseAddrMessage::WithReason ? setupFailedWithReason("setsockopt")
+                                                            : setupFailed("setsockopt error!\n");
+    }
+    if (bindUnixPath(fd.get(), file) < 0) return setupFailedWithReason("bind");
+    if (listen(fd.get(), kListenBacklog) < 0) return setupFailed("listen error!\n");
+    return fd;
 }
