@@ -32,11 +32,6 @@ constexpr size_t kIpv6Len = 16;
 constexpr char kIdleTag[] = "Idle(s)=";
 constexpr int kNoPhyId = -1;
 
-struct PipeCloser {
-    void operator()(FILE *stream) const { os_pclose(stream); }
-};
-using UniquePipe = std::unique_ptr<FILE, PipeCloser>;
-
 // Monotonic seconds truncated to 32 bits, as updateTime is stored. An unreadable
 // clock gives 0: every host then looks freshly confirmed and nobody is aged out.
 int64_t monotonicNow() {

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <memory>
 #include <sys/time.h>
 
 int os_clock_monotonic(timespec *ts);  // 0, or -1 when the clock cannot be read
@@ -14,6 +15,10 @@ long os_uptime();                      // sysinfo uptime in seconds, -1 on failu
 // A shell command whose standard output is read; close it with os_pclose.
 FILE *os_popen_read(const char *command);
 int os_pclose(FILE *stream);
+struct PipeCloser {
+    void operator()(FILE *stream) const { os_pclose(stream); }
+};
+using UniquePipe = std::unique_ptr<FILE, PipeCloser>;
 // A shell command run to completion, like system(3).
 int os_system(const char *command);
 

@@ -1,9 +1,24 @@
 // The packet sniffer thread and its monitored interfaces.
 #pragma once
 
+#include "core/log.h"
+
 int setSnifferMonitorLogLevel(unsigned int level);
 int startSnifferMonitor(const char *interfaces);
 int stopSnifferMonitor();
 int dumpSnifferMonitorInfo();
 
 unsigned int snifferLogLevel();
+
+// Sniffer levels: 3 errors, 4 notices, 6 progress, 7 packet detail.
+inline constexpr unsigned int kSnifferError = 3;
+inline constexpr unsigned int kSnifferNotice = 4;
+inline constexpr unsigned int kSnifferProgress = 6;
+inline constexpr unsigned int kSnifferPacket = 7;
+
+// "[Sniffer][function:line] " and the message, when the sniffer level reaches LEVEL.
+#define SNIFFER_LOG(level, format, ...)                                                    \
+    do {                                                                                   \
+        if (snifferLogLevel() >= (level))                                                  \
+            logPlain("[Sniffer][%s:%d] " format, __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__); \
+    } while (0)

@@ -1,6 +1,7 @@
 // The switch library on a plain Linux box: port ids come from the configuration file,
-// link and speed from sysfs, station rates from the station records. Neighbour
-// solicitation and the traffic counters are not there yet and answer "not available".
+// link and speed from sysfs, station rates from the station records. The traffic
+// counters are not there yet and answer "not available". Station modes live with the
+// station sources, neighbour solicitation in its own file.
 #include "platform/linux/zvt_linux.h"
 
 #include <fcntl.h>
@@ -144,15 +145,6 @@ int zvt_wlan_get_sta_rate(const void *station, int direction, char *text, int si
     std::memcpy(&record, station, sizeof record);  // the caller's buffer may be unaligned
     formatRate(direction == 0 ? record.txRateKbps : record.rxRateKbps, text, size);
     return 0;
-}
-
-int zvt_wlan_get_sta_wireless_mode(const char *, const unsigned char *, int, char *text) {
-    if (text) text[0] = '\0';
-    return 0;
-}
-
-int zvt_ipv6_send_neigh_solicit(const char *, const void *) {
-    return -1;
 }
 
 int zvt_fc_host_police_control_mib_counter_init() {
