@@ -57,8 +57,9 @@ e2e: deps build
 fuzz: deps fuzz-build
 	$(MAKE) --no-print-directory fuzz-run SECONDS_EACH=$(FUZZ_SECONDS)
 
+# Same optimisation as the daemon that ships (-O2), so the numbers are the real ones.
 bench: deps
-	cmake -S . -B $(BENCH_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DHOSTRIX_BENCH=ON -DHOSTRIX_TESTS=OFF
+	cmake -S . -B $(BENCH_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHOSTRIX_BENCH=ON -DHOSTRIX_TESTS=OFF
 	cmake --build $(BENCH_BUILD)
 	@for b in $(BENCH_BUILD)/bin/bench_*; do [ -x "$$b" ] && "$$b"; done; true
 

@@ -20,6 +20,7 @@ DEADLINE=0
 STOP_REQUESTED=0
 DAEMON_PID=""
 VIEW_PID=""
+STORY_PID=""
 STEP=0
 
 say() { printf '\n[demo %d] %s\n' "$((STEP += 1))" "$*"; }
@@ -118,7 +119,7 @@ ctl() { HOSTRIX_ROOT="$DAEMON_ROOT" "$HOSTRIXCTL_BIN" "$@"; }
 
 view_with_client() {
     "$LAB" status --brief || true  # what the LAN holds, to compare with the events
-    note "one line per event: time, NEW/LEFT/CHANGED, MAC, IPv4, name, interface, IPv6"
+    note "one line per event: time, NEW/LEFT/CHANGED, MAC, IPv4, name, interface, port, SSID, IPv6"
     note "(watch takes the daemon's pending reports; the demo is their only reader)"
     # The binary itself in the background (not a function subshell), so stop_pid
     # reaches the client and not only a wrapper.
@@ -134,13 +135,32 @@ view_with_client() {
     fi
 }
 
+# A little life on the LAN while the view runs: a device arrives, a phone roams to
+# the 5 GHz radio, a station leaves. Each step waits so its events stand apart.
+run_story() {
+    local step
+    for step in "add-host tv eth0.5 --hostname living-room-tv" "roam h3 wlan1" "sta-leave h4"; do
+        sleep 15
+        printf '         [story] lab/lab %s\n' "$step"
+        # shellcheck disable=SC2086 # the step is a list of words
+        "$LAB" $step >/dev/null 2>&1 || printf '         [story] lab/lab %s failed\n' "$step"
+    done
+}
+
+start_story() {
+    run_story &
+    STORY_PID=$!
+}
+
 # The one place that picks the view: the client once it is built, the log until then.
 show_live_view() {
     local until="until Ctrl-C"
     if ((DURATION > 0)); then until="for $DURATION s (Ctrl-C stops earlier)"; fi
     if [[ -x "$HOSTRIXCTL_BIN" ]]; then
         say "Watching with '$HOSTRIXCTL_BIN watch' $until"
-        note "try in another shell: lab/lab roam h3 wlan1 | lab/lab unplug h1 | lab/lab add-host tv eth0.5"
+        note "every 15 s the demo adds a TV on eth0.5, roams h3 to wlan1, then lets h4 leave"
+        note "try in another shell: lab/lab unplug h1 | lab/lab add-host cam eth0.4"
+        start_story
         view_with_client
     else
         say "Showing the daemon log, leases and bridge FDB every ${REFRESH_S} s $until"
@@ -185,6 +205,7 @@ cleanup() {
     # The teardown runs to its end even if the terminal goes or Ctrl-C is pressed again.
     trap '' INT TERM HUP
     detach_from_closed_output
+    if [[ -n "$STORY_PID" ]]; then stop_pid "$STORY_PID"; fi
     if [[ -n "$VIEW_PID" ]]; then stop_pid "$VIEW_PID"; fi
     show_final_hosts
     if daemon_died; then

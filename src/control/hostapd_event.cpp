@@ -173,8 +173,10 @@ int del_bridge_fdb(hostEntry *host, const char *ifname) {
     std::snprintf(macText, sizeof macText, "%02x:%02x:%02x:%02x:%02x:%02x",
                   MAC_ARGS(host->lanHost.mac));
     char command[kFdbCommandSize];
-    std::snprintf(command, sizeof command, "bridge fdb del %s dev %s vlan 1 master", macText,
-                  ifname ? ifname : "");
+    // A line longer than the buffer is cut, not refused: it still names the MAC first.
+    int length = std::snprintf(command, sizeof command, "bridge fdb del %s dev %s vlan 1 master",
+                               macText, ifname ? ifname : "");
+    if (length < 0) return 0;
     HX_DBG(DBG_TRACE, "[%s %d]:%s\n", __func__, __LINE__, command);
     os_system(command);
     return 0;

@@ -14,6 +14,7 @@
 #include "control/ctrl_socket.h"
 #include "control/host_file.h"
 #include "control/hostapd_event.h"
+#include "core/clock.h"
 #include "core/log.h"
 #include "core/paths.h"
 #include "discovery/discovery.h"
@@ -52,13 +53,6 @@ void installSignalHandlers() {
     for (int signo : {SIGUSR1, SIGUSR2, SIGHUP, SIGTERM}) std::signal(signo, signalHandler);
     // A control client that goes away before its reply must not end the daemon.
     std::signal(SIGPIPE, SIG_IGN);
-}
-
-int64_t monotonicSeconds(bool *ok = nullptr) {
-    timespec now{};
-    bool read = os_clock_monotonic(&now) == 0;
-    if (ok) *ok = read;
-    return read ? static_cast<int64_t>(now.tv_sec) : 0;
 }
 
 // Removes FILE if it can be opened, as shutdown leaves nothing to misread.

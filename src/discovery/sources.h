@@ -7,10 +7,11 @@
 #include <cstdint>
 #include <string_view>
 
+#include "hosts/lanhost.h"
 #include "platform/mib.h"
 
 inline constexpr size_t kSourceIfnameLen = 16;
-inline constexpr size_t kIpv6AddrLen = 16;
+inline constexpr size_t kIpv6AddrLen = kIpv6Len;
 inline constexpr int64_t kLeaseRefreshSec = 5;
 
 struct arp_entry {

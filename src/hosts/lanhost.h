@@ -9,6 +9,7 @@
 inline constexpr size_t kMacLen = 6;
 inline constexpr size_t kHostTextLen = 64;
 inline constexpr size_t kLanHostInfoSize = 944;
+inline constexpr size_t kIpv6Len = 16;
 
 enum : uint8_t { CONNECTION_WIRED = 0, CONNECTION_WIRELESS = 1 };
 
@@ -149,6 +150,13 @@ struct hostEntry {
     hostEntry *next;      // hash chain or free list
 };
 static_assert(offsetof(hostEntry, lanHost) == 0);
+
+// An IPv6 address of all zero bytes means none.
+inline bool isZeroIpv6(const uint8_t *addr) {
+    for (size_t i = 0; i < kIpv6Len; ++i)
+        if (addr[i] != 0) return false;
+    return true;
+}
 
 // Local time as "year:month:day:hour:minute:second" without zero padding.
 void formatHostTime(char (&text)[kHostTextLen], time_t when);

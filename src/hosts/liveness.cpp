@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 
+#include "core/clock.h"
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/settings.h"
@@ -28,17 +29,12 @@ constexpr size_t kShellCommandSize = 256;
 constexpr size_t kDumpLineSize = 256;
 constexpr size_t kNeighCommandSize = 128;
 constexpr size_t kMacTextSize = 18;
-constexpr size_t kIpv6Len = 16;
 constexpr char kIdleTag[] = "Idle(s)=";
 constexpr int kNoPhyId = -1;
 
 // Monotonic seconds truncated to 32 bits, as updateTime is stored. An unreadable
 // clock gives 0: every host then looks freshly confirmed and nobody is aged out.
-int64_t monotonicNow() {
-    timespec ts{};
-    if (os_clock_monotonic(&ts) != 0) return 0;
-    return static_cast<uint32_t>(ts.tv_sec);
-}
+int64_t monotonicNow() { return static_cast<uint32_t>(monotonicSeconds()); }
 
 void logAgeingState(const hostEntry &entry, int64_t idle) {
     if (!(dbg_level & DBG_AGEING)) return;
@@ -127,12 +123,6 @@ bool isLanPhyPort(uint8_t portId) {
         if (phy != kNoPhyId && phy == portId) return true;
     }
     return false;
-}
-
-bool isZeroIpv6(const uint8_t *addr) {
-    for (size_t i = 0; i < kIpv6Len; ++i)
-        if (addr[i] != 0) return false;
-    return true;
 }
 
 // Without their kernel neighbour entries the host is not rediscovered from stale

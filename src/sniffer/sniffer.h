@@ -16,9 +16,12 @@ inline constexpr unsigned int kSnifferNotice = 4;
 inline constexpr unsigned int kSnifferProgress = 6;
 inline constexpr unsigned int kSnifferPacket = 7;
 
-// "[Sniffer][function:line] " and the message, when the sniffer level reaches LEVEL.
-#define SNIFFER_LOG(level, format, ...)                                                    \
+// "[Sniffer][operation:line] " and the message, when the sniffer level reaches LEVEL.
+// The _AS form names the operation itself, for helpers that log on behalf of it.
+#define SNIFFER_LOG_AS(level, operation, format, ...)                                      \
     do {                                                                                   \
         if (snifferLogLevel() >= (level))                                                  \
-            logPlain("[Sniffer][%s:%d] " format, __func__, __LINE__ __VA_OPT__(, ) __VA_ARGS__); \
+            logPlain("[Sniffer][%s:%d] " format, operation, __LINE__ __VA_OPT__(, ) __VA_ARGS__); \
     } while (0)
+#define SNIFFER_LOG(level, format, ...) \
+    SNIFFER_LOG_AS(level, __func__, format __VA_OPT__(, ) __VA_ARGS__)

@@ -6,8 +6,11 @@
 
 #include "core/log.h"
 #include "core/settings.h"
+#include "discovery/sources.h"
 #include "hosts/host_table.h"
+#include "hosts/probing.h"
 #include "platform/fake/fake_platform.h"
+#include "sniffer/neighbor_cache.h"
 #include "sniffer/sniffer.h"
 #include "traffic/bandwidth.h"
 
@@ -22,6 +25,9 @@ protected:
         maxLanHostNum = 0;
         maxControlledNum = 0;
         controlledNum = 0;
+        resetDiscoverySources();
+        aging_neighbor_host(1);
+        setArpSocketOpener(nullptr);
     }
 };
 

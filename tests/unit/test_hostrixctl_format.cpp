@@ -184,11 +184,11 @@ TEST(CtlFormat, TableAlignsColumnsAndHidesControlBytes) {
 TEST(CtlFormat, EventLineShowsKindMacAddressNameAndInterface) {
     std::string line = eventLine(0, "NEW", sampleHost());
     std::regex shape(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d NEW     02:00:00:00:00:01 10\.77\.0\.10 )"
-                     R"(n{64} eth0\.2 fd77::77:ff:fe00:1$)");
+                     R"(n{64} eth0\.2 LAN1 fd77::77:ff:fe00:1$)");
     EXPECT_TRUE(std::regex_match(line, shape)) << line;
     // Empty fields show as "-", and no IPv6 address at all; 19 characters of time come first.
     EXPECT_EQ(eventLine(0, "CHANGED", hostWithMac(3)).substr(19),
-              " CHANGED 02:00:00:00:00:03 - - -");
+              " CHANGED 02:00:00:00:00:03 - - - -");
 }
 
 }  // namespace

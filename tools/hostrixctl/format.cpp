@@ -221,7 +221,8 @@ std::string eventLine(time_t when, std::string_view event, const lanHostInfo_t &
     label.resize(std::max(label.size(), kEventWidth), ' ');
     std::string line = localTimeText(when) + " " + label + " " + formatMac(host.mac) + " " +
                        displayIpv4(host.ip) + " " + displayField(host.devName) + " " +
-                       displayField(host.ifName);
+                       displayField(host.ifName) + " " + portText(host);
+    if (host.ssidName[0] != '\0') line += " ssid=" + displayField(host.ssidName);
     if (!isZero(host.ipv6, sizeof host.ipv6)) line += " " + ipv6Text(host.ipv6);
     return line;
 }

@@ -1,8 +1,415 @@
-// The bridge forwarding database of br0. For now it reports nothing; the list
-// ownership rule is already the final one.
-#include "platform/mib.h"
+// The bridge forwarding database of br0 for the discovery cycle. The rtnetlink dump is
+// the main source; the brforward sysfs file stands in when the dump cannot be had.
+// The list is made of calloc'd nodes, released by free_bridge_fdb. Nothing is logged:
+// a bridge that cannot be read gives an empty list and the caller carries on.
+#include "platform/linux/bridge_fdb.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/if_bridge.h>
+#include <linux/neighbour.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "core/unique_fd.h"
+
+static_assert(sizeof(__fdb_entry) == kBrforwardRecordBytes);
+
+namespace {
+
+constexpr size_t kNetlinkInitialBuffer = 32768;  // what the kernel fills per dump datagram
+constexpr size_t kNetlinkMaxDatagram = size_t{1} << 20;
+constexpr int kMaxDumpDatagrams = 1024;    // bounds the receive loop
+constexpr time_t kDumpTimeoutSeconds = 1;  // a dump that stalls this long is abandoned
+constexpr size_t kBrforwardMaxBytes = kMaxFdbRecords * kBrforwardRecordBytes;
+constexpr size_t kMaxBridgePorts = 1024;
+constexpr size_t kSysPathBytes = 128;
+constexpr size_t kSysValueBytes = 32;
+constexpr unsigned kPortLowBits = 8;
+constexpr unsigned kByteMask = 0xff;
+
+// A value of type T at OFFSET; the caller has checked that it lies within BYTES.
+template <typename T>
+T readAt(std::span<const uint8_t> bytes, size_t offset) {
+    T value;
+    std::memcpy(&value, bytes.data() + offset, sizeof value);
+    return value;
+}
+
+// Hosts only: neither a group address nor the all-zero one.
+bool isHostMac(const uint8_t *mac) {
+    constexpr uint8_t kGroupBit = 0x01;
+    return (mac[0] & kGroupBit) == 0 &&
+           std::any_of(mac, mac + kFdbMacBytes, [](uint8_t b) { return b != 0; });
+}
+
+struct NeighAttributes {
+    bool hasMac = false;
+    bool hasMaster = false;
+    uint32_t master = 0;
+};
+
+void applyAttribute(unsigned type, std::span<const uint8_t> payload, FdbRecord &record,
+                    NeighAttributes &seen) {
+    switch (type) {
+        case NDA_LLADDR:
+            if (payload.size() != kFdbMacBytes) return;
+            std::memcpy(record.mac, payload.data(), kFdbMacBytes);
+            seen.hasMac = true;
+            return;
+        case NDA_MASTER:
+            if (payload.size() < sizeof(uint32_t)) return;
+            seen.master = readAt<uint32_t>(payload, 0);
+            seen.hasMaster = true;
+            return;
+        case NDA_CACHEINFO:  // ndm_updated counts USER_HZ ticks: hundredths of a second
+            if (payload.size() >= sizeof(nda_cacheinfo))
+                record.ageing = readAt<nda_cacheinfo>(payload, 0).ndm_updated;
+            return;
+        case NDA_VLAN:
+            if (payload.size() >= sizeof(uint16_t)) record.vid = readAt<uint16_t>(payload, 0);
+            return;
+        default:
+            return;
+    }
+}
+
+// False when an attribute's length is impossible; the message is then dropped.
+bool readNeighAttributes(std::span<const uint8_t> attrs, FdbRecord &record, NeighAttributes &seen) {
+    while (attrs.size() >= sizeof(rtattr)) {
+        const auto header = readAt<rtattr>(attrs, 0);
+        if (header.rta_len < sizeof(rtattr) || header.rta_len > attrs.size()) return false;
+        const size_t payloadStart = RTA_LENGTH(0);
+        applyAttribute(header.rta_type & NLA_TYPE_MASK,
+                       attrs.subspan(payloadStart, header.rta_len - payloadStart), record, seen);
+        attrs = attrs.subspan(std::min<size_t>(RTA_ALIGN(header.rta_len), attrs.size()));
+    }
+    return true;
+}
+
+void decodeNeighbour(std::span<const uint8_t> payload, int bridgeIndex,
+                     std::vector<FdbRecord> &records) {
+    if (payload.size() < NLMSG_ALIGN(sizeof(ndmsg)) || records.size() >= kMaxFdbRecords) return;
+    const auto header = readAt<ndmsg>(payload, 0);
+    if (header.ndm_family != AF_BRIDGE) return;
+    if ((header.ndm_flags & NTF_SELF) && !(header.ndm_flags & NTF_MASTER)) return;  // a port's own
+    FdbRecord record;
+    NeighAttributes seen;
+    if (!readNeighAttributes(payload.subspan(NLMSG_ALIGN(sizeof(ndmsg))), record, seen)) return;
+    const long owner = seen.hasMaster ? static_cast<long>(seen.master) : header.ndm_ifindex;
+    if (!seen.hasMac || owner != bridgeIndex || !isHostMac(record.mac)) return;
+    record.ifindex = header.ndm_ifindex;
+    record.isLocal = (header.ndm_state & NUD_PERMANENT) != 0;
+    records.push_back(record);
+}
+
+// The end of a dump carries the dump's own result; a negative one means it failed.
+FdbDumpStatus doneStatus(std::span<const uint8_t> payload) {
+    if (payload.size() >= sizeof(int32_t) && readAt<int32_t>(payload, 0) < 0)
+        return FdbDumpStatus::Failed;
+    return FdbDumpStatus::Done;
+}
+
+FdbDumpStatus decodeMessage(uint16_t type, std::span<const uint8_t> payload, int bridgeIndex,
+                            std::vector<FdbRecord> &records) {
+    switch (type) {
+        case NLMSG_DONE:
+            return doneStatus(payload);
+        case NLMSG_ERROR:
+        case NLMSG_OVERRUN:
+            return FdbDumpStatus::Failed;
+        case RTM_NEWNEIGH:
+            decodeNeighbour(payload, bridgeIndex, records);
+            return FdbDumpStatus::More;
+        default:
+            return FdbDumpStatus::More;
+    }
+}
+
+}  // namespace
+
+// A dump interrupted by a change (NLM_F_DUMP_INTR) is still taken: its entries are real,
+// and the next cycle reads the table again a second later.
+FdbDumpStatus decodeBridgeFdbMessages(std::span<const uint8_t> datagram, int bridgeIndex,
+                                      uint32_t sequence, std::vector<FdbRecord> &records) {
+    if (bridgeIndex <= 0) return FdbDumpStatus::Failed;
+    while (datagram.size() >= sizeof(nlmsghdr)) {
+        const auto header = readAt<nlmsghdr>(datagram, 0);
+        if (header.nlmsg_len < NLMSG_HDRLEN || header.nlmsg_len > datagram.size())
+            return FdbDumpStatus::Failed;
+        if (header.nlmsg_seq == sequence) {
+            const auto payload = datagram.subspan(NLMSG_HDRLEN, header.nlmsg_len - NLMSG_HDRLEN);
+            const FdbDumpStatus status =
+                decodeMessage(header.nlmsg_type, payload, bridgeIndex, records);
+            if (status != FdbDumpStatus::More) return status;
+        }
+        datagram =
+            datagram.subspan(std::min<size_t>(NLMSG_ALIGN(header.nlmsg_len), datagram.size()));
+    }
+    return FdbDumpStatus::More;
+}
+
+void decodeBrforward(std::span<const uint8_t> bytes, std::vector<FdbRecord> &records) {
+    for (size_t at = 0; at + kBrforwardRecordBytes <= bytes.size(); at += kBrforwardRecordBytes) {
+        if (records.size() >= kMaxFdbRecords) return;
+        const auto entry = readAt<__fdb_entry>(bytes, at);
+        FdbRecord record;
+        std::memcpy(record.mac, entry.mac_addr, kFdbMacBytes);
+        if (!isHostMac(record.mac)) continue;
+        record.isLocal = entry.is_local != 0;
+        record.ageing = entry.ageing_timer_value;  // already in USER_HZ ticks
+        record.portNo = entry.port_no | static_cast<unsigned>(entry.port_hi) << kPortLowBits;
+        records.push_back(record);
+    }
+}
+
+namespace {
+
+// The list handed to the caller, built at its tail; freed here unless released.
+class FdbList {
+   public:
+    FdbList() = default;
+    FdbList(const FdbList &) = delete;
+    FdbList &operator=(const FdbList &) = delete;
+    ~FdbList() { free_bridge_fdb(&head_); }
+
+    // False when no memory is left; the list stays as it was.
+    bool append(const FdbRecord &record, const char *ifname, unsigned portNo) {
+        auto *node = static_cast<fdb *>(std::calloc(1, sizeof(fdb)));
+        if (!node) return false;
+        std::memcpy(node->mac, record.mac, kFdbMacBytes);
+        node->port_no = static_cast<uint8_t>(portNo & kByteMask);
+        node->port_hi = static_cast<uint8_t>(portNo >> kPortLowBits & kByteMask);
+        node->is_local = record.isLocal ? 1 : 0;
+        node->ageing_timer_value = record.ageing;
+        node->vid = record.vid;
+        (void)std::snprintf(node->brname, sizeof node->brname, "%s", kFdbBridgeName);
+        (void)std::snprintf(node->ifname, sizeof node->ifname, "%s", ifname);
+        *tail_ = node;
+        tail_ = &node->next;
+        ++count_;
+        return true;
+    }
+
+    int release(fdb **head) {
+        *head = std::exchange(head_, nullptr);
+        tail_ = &head_;
+        return std::exchange(count_, 0);
+    }
+
+   private:
+    fdb *head_ = nullptr;
+    fdb **tail_ = &head_;
+    int count_ = 0;
+};
+
+// A short sysfs value without its newline.
+bool readSysValue(const char *path, char (&value)[kSysValueBytes]) {
+    UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) return false;
+    ssize_t got;
+    do {
+        got = read(fd.get(), value, sizeof value - 1);
+    } while (got < 0 && errno == EINTR);
+    if (got <= 0) return false;
+    value[got] = '\0';
+    return true;
+}
+
+// A bridge port number as sysfs writes it ("0x1"), or 0 when there is none.
+unsigned readPortNumber(const char *path) {
+    char value[kSysValueBytes];
+    if (!readSysValue(path, value)) return 0;
+    char *end = nullptr;
+    errno = 0;
+    const unsigned long number = std::strtoul(value, &end, 0);
+    if (errno != 0 || end == value || number > UINT16_MAX) return 0;
+    return static_cast<unsigned>(number);
+}
+
+struct PortName {
+    char name[IF_NAMESIZE] = {};  // empty: the interface is gone
+    unsigned number = 0;          // 0 for the bridge itself
+};
+
+PortName lookupPort(int ifindex) {
+    PortName port;
+    if (ifindex <= 0 || !if_indextoname(static_cast<unsigned>(ifindex), port.name)) return port;
+    char path[kSysPathBytes];
+    int n = std::snprintf(path, sizeof path, "/sys/class/net/%s/brport/port_no", port.name);
+    if (n > 0 && static_cast<size_t>(n) < sizeof path) port.number = readPortNumber(path);
+    return port;
+}
+
+// Names each record's port, once per port; an entry whose port has gone is left out.
+void appendDumpRecords(const std::vector<FdbRecord> &records, FdbList &list) {
+    std::map<int, PortName> ports;
+    for (const FdbRecord &record : records) {
+        auto it = ports.find(record.ifindex);
+        if (it == ports.end()) it = ports.emplace(record.ifindex, lookupPort(record.ifindex)).first;
+        if (it->second.name[0] == '\0') continue;
+        if (!list.append(record, it->second.name, it->second.number)) return;
+    }
+}
+
+UniqueFd openRouteSocket() {
+    UniqueFd sock(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+    const timeval timeout{kDumpTimeoutSeconds, 0};
+    if (sock.valid() &&
+        setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0)
+        sock.reset();
+    return sock;
+}
+
+bool requestDump(const UniqueFd &sock, uint32_t sequence) {
+    struct {
+        nlmsghdr header;
+        ndmsg body;
+    } request{};
+    request.header.nlmsg_len = NLMSG_LENGTH(sizeof(ndmsg));
+    request.header.nlmsg_type = RTM_GETNEIGH;
+    request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    request.header.nlmsg_seq = sequence;
+    request.body.ndm_family = AF_BRIDGE;
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    ssize_t sent;
+    do {
+        sent = sendto(sock.get(), &request, request.header.nlmsg_len, 0,
+                      reinterpret_cast<const sockaddr *>(&kernel), sizeof kernel);
+    } while (sent < 0 && errno == EINTR);
+    return sent == static_cast<ssize_t>(request.header.nlmsg_len);
+}
+
+ssize_t receiveRetrying(const UniqueFd &sock, std::vector<uint8_t> &buffer, int flags,
+                        sockaddr_nl *from) {
+    socklen_t fromLength = sizeof *from;
+    ssize_t got;
+    do {
+        got = recvfrom(sock.get(), buffer.data(), buffer.size(), flags,
+                       reinterpret_cast<sockaddr *>(from), &fromLength);
+    } while (got < 0 && errno == EINTR);
+    return got;
+}
+
+// The next datagram into BUFFER, grown first when it would not fit: its length, 0 for
+// one that did not come from the kernel, -1 on failure or timeout.
+ssize_t receiveDatagram(const UniqueFd &sock, std::vector<uint8_t> &buffer) {
+    sockaddr_nl from{};
+    const ssize_t size = receiveRetrying(sock, buffer, MSG_PEEK | MSG_TRUNC, &from);
+    if (size < 0 || static_cast<size_t>(size) > kNetlinkMaxDatagram) return -1;
+    if (static_cast<size_t>(size) > buffer.size()) buffer.resize(static_cast<size_t>(size));
+    const ssize_t got = receiveRetrying(sock, buffer, 0, &from);
+    if (got < 0) return -1;
+    return from.nl_pid == 0 ? got : 0;
+}
+
+// The bridge's entries from one neighbour dump; false when it could not be read whole.
+bool dumpBridgeFdb(int bridgeIndex, std::vector<FdbRecord> &records) {
+    static uint32_t lastSequence = 0;  // main thread only
+    const uint32_t sequence = ++lastSequence;
+    UniqueFd sock = openRouteSocket();
+    if (!sock.valid() || !requestDump(sock, sequence)) return false;
+    std::vector<uint8_t> buffer(kNetlinkInitialBuffer);
+    for (int i = 0; i < kMaxDumpDatagrams; ++i) {
+        const ssize_t got = receiveDatagram(sock, buffer);
+        if (got < 0) return false;
+        const std::span<const uint8_t> datagram(buffer.data(), static_cast<size_t>(got));
+        switch (decodeBridgeFdbMessages(datagram, bridgeIndex, sequence, records)) {
+            case FdbDumpStatus::More:
+                break;
+            case FdbDumpStatus::Done:
+                return true;
+            case FdbDumpStatus::Failed:
+                return false;
+        }
+    }
+    return false;
+}
+
+bool readBrforward(std::vector<uint8_t> &bytes) {
+    char path[kSysPathBytes];
+    (void)std::snprintf(path, sizeof path, "/sys/class/net/%s/brforward", kFdbBridgeName);
+    UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) return false;
+    bytes.resize(kBrforwardMaxBytes);
+    size_t used = 0;
+    while (used < bytes.size()) {
+        const ssize_t got = read(fd.get(), bytes.data() + used, bytes.size() - used);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return false;
+        if (got == 0) break;
+        used += static_cast<size_t>(got);
+    }
+    bytes.resize(used);
+    return true;
+}
+
+struct DirCloser {
+    void operator()(DIR *dir) const { closedir(dir); }
+};
+
+// Port number to port name, from brif/NAME/port_no of each of the bridge's ports.
+std::map<unsigned, std::string> readBridgePorts() {
+    std::map<unsigned, std::string> names;
+    char path[kSysPathBytes];
+    (void)std::snprintf(path, sizeof path, "/sys/class/net/%s/brif", kFdbBridgeName);
+    std::unique_ptr<DIR, DirCloser> dir(opendir(path));
+    while (dir && names.size() < kMaxBridgePorts) {
+        const dirent *entry = readdir(dir.get());
+        if (!entry) break;
+        if (entry->d_name[0] == '.') continue;
+        int n = std::snprintf(path, sizeof path, "/sys/class/net/%s/brif/%s/port_no",
+                              kFdbBridgeName, entry->d_name);
+        if (n <= 0 || static_cast<size_t>(n) >= sizeof path) continue;
+        if (unsigned number = readPortNumber(path)) names.emplace(number, entry->d_name);
+    }
+    return names;
+}
+
+}  // namespace
+
+int collectBridgeFdbFromSysfs(fdb **head) {
+    if (!head) return 0;
+    *head = nullptr;
+    std::vector<uint8_t> bytes;
+    if (!readBrforward(bytes)) return 0;
+    std::vector<FdbRecord> records;
+    decodeBrforward(bytes, records);
+    const std::map<unsigned, std::string> ports = readBridgePorts();
+    FdbList list;
+    for (const FdbRecord &record : records) {
+        auto it = ports.find(record.portNo);
+        if (it == ports.end()) continue;
+        if (!list.append(record, it->second.c_str(), record.portNo)) break;
+    }
+    return list.release(head);
+}
 
 int collect_bridge_fdb(fdb **head) {
-    if (head) *head = nullptr;
-    return 0;
+    if (!head) return 0;
+    *head = nullptr;
+    const unsigned bridgeIndex = if_nametoindex(kFdbBridgeName);
+    if (bridgeIndex == 0) return 0;
+    std::vector<FdbRecord> records;
+    if (!dumpBridgeFdb(static_cast<int>(bridgeIndex), records))
+        return collectBridgeFdbFromSysfs(head);
+    FdbList list;
+    appendDumpRecords(records, list);
+    return list.release(head);
 }

@@ -1,0 +1,408 @@
+// The nl80211 station dump: resolve the family, ask for the interface's stations,
+// decode the replies into station records.
+#include "platform/linux/nl80211.h"
+
+#include <linux/genetlink.h>
+#include <linux/netlink.h>
+#include <linux/nl80211.h>
+#include <net/if.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <string_view>
+
+#include "core/unique_fd.h"
+#include "platform/linux/wifi_stations.h"
+
+namespace {
+
+constexpr size_t kMacBytes = 6;
+constexpr uint32_t kKbpsPerUnit = 100;  // nl80211 bitrates count 100 kbit/s
+constexpr std::string_view kFamilyName = "nl80211";
+
+// --- pure decoding ---
+
+struct NlMessage {
+    uint16_t type;
+    uint32_t seq;
+    std::span<const uint8_t> payload;
+};
+
+struct NlAttribute {
+    uint16_t type;
+    std::span<const uint8_t> payload;
+};
+
+// Calls VISIT for each message until it returns false; false when a length is bad.
+template <typename Visit>
+bool forEachMessage(std::span<const uint8_t> bytes, Visit visit) {
+    while (!bytes.empty()) {
+        nlmsghdr header;
+        if (bytes.size() < sizeof header) return false;
+        std::memcpy(&header, bytes.data(), sizeof header);
+        if (header.nlmsg_len < sizeof header || header.nlmsg_len > bytes.size()) return false;
+        auto payload = bytes.subspan(sizeof header, header.nlmsg_len - sizeof header);
+        if (!visit(NlMessage{header.nlmsg_type, header.nlmsg_seq, payload})) return true;
+        bytes = bytes.subspan(std::min<size_t>(NLMSG_ALIGN(header.nlmsg_len), bytes.size()));
+    }
+    return true;
+}
+
+// Calls VISIT for each attribute until it returns false; false when a length is bad.
+template <typename Visit>
+bool forEachAttribute(std::span<const uint8_t> bytes, Visit visit) {
+    while (!bytes.empty()) {
+        nlattr header;
+        if (bytes.size() < sizeof header) return false;
+        std::memcpy(&header, bytes.data(), sizeof header);
+        if (header.nla_len < sizeof header || header.nla_len > bytes.size()) return false;
+        auto payload = bytes.subspan(sizeof header, header.nla_len - sizeof header);
+        if (!visit(NlAttribute{static_cast<uint16_t>(header.nla_type & NLA_TYPE_MASK), payload}))
+            return true;
+        bytes = bytes.subspan(std::min<size_t>(NLA_ALIGN(header.nla_len), bytes.size()));
+    }
+    return true;
+}
+
+template <typename T>
+bool readValue(std::span<const uint8_t> payload, T &value) {
+    if (payload.size() < sizeof value) return false;
+    std::memcpy(&value, payload.data(), sizeof value);
+    return true;
+}
+
+// The error code of an NLMSG_ERROR or NLMSG_DONE payload; a short one counts as failed.
+int errorCode(std::span<const uint8_t> payload) {
+    int code = -EPROTO;
+    return readValue(payload, code) ? code : -EPROTO;
+}
+
+// The generic-netlink command of PAYLOAD, or -1, and the attributes after its header.
+int genlCommand(std::span<const uint8_t> payload, std::span<const uint8_t> &attributes) {
+    genlmsghdr header;
+    if (!readValue(payload, header)) return -1;
+    attributes = payload.subspan(GENL_HDRLEN);
+    return header.cmd;
+}
+
+int familyIdOf(std::span<const uint8_t> attributes) {
+    uint16_t id = 0;
+    bool whole = forEachAttribute(attributes, [&](const NlAttribute &attribute) {
+        if (attribute.type == CTRL_ATTR_FAMILY_ID) (void)readValue(attribute.payload, id);
+        return true;
+    });
+    return whole && id != 0 ? id : -1;
+}
+
+bool endsAnswer(uint16_t type) {
+    return type == NLMSG_ERROR || type == NLMSG_DONE || type == NLMSG_OVERRUN;
+}
+
+// The family id of MESSAGE, 0 when it is no family answer, -1 for an answer without one.
+int familyMessage(const NlMessage &message) {
+    if (endsAnswer(message.type)) return -1;  // an error, or an end before any answer
+    std::span<const uint8_t> attributes;
+    if (message.type != GENL_ID_CTRL) return 0;
+    if (genlCommand(message.payload, attributes) != CTRL_CMD_NEWFAMILY) return 0;
+    return familyIdOf(attributes);
+}
+
+// Wi-Fi generations in order, so that the newer of two is the larger.
+enum class PhyMode { Unknown, Legacy, Ht, Vht, He, Eht };
+
+const char *modeText(PhyMode mode) {
+    switch (mode) {
+        case PhyMode::Unknown:
+            return "";
+        case PhyMode::Legacy:
+            return "g";
+        case PhyMode::Ht:
+            return "n";
+        case PhyMode::Vht:
+            return "ac";
+        case PhyMode::He:
+            return "ax";
+        case PhyMode::Eht:
+            return "be";
+    }
+    return "";
+}
+
+struct RateInfo {
+    uint32_t kbps = 0;
+    bool have32 = false;  // the 32-bit rate wins over the 16-bit one
+    PhyMode mode = PhyMode::Unknown;
+};
+
+uint32_t unitsToKbps(uint32_t units) {
+    return units > UINT32_MAX / kKbpsPerUnit ? UINT32_MAX : units * kKbpsPerUnit;
+}
+
+PhyMode modeOfRateAttribute(uint16_t type) {
+    if (type == NL80211_RATE_INFO_EHT_MCS) return PhyMode::Eht;
+    if (type == NL80211_RATE_INFO_HE_MCS) return PhyMode::He;
+    if (type == NL80211_RATE_INFO_VHT_MCS) return PhyMode::Vht;
+    if (type == NL80211_RATE_INFO_MCS) return PhyMode::Ht;
+    return PhyMode::Legacy;
+}
+
+void applyRateAttribute(const NlAttribute &attribute, RateInfo &rate) {
+    rate.mode = std::max(rate.mode, modeOfRateAttribute(attribute.type));
+    uint32_t rate32 = 0;
+    uint16_t rate16 = 0;
+    if (attribute.type == NL80211_RATE_INFO_BITRATE32 && readValue(attribute.payload, rate32)) {
+        rate.kbps = unitsToKbps(rate32);
+        rate.have32 = true;
+    }
+    if (attribute.type == NL80211_RATE_INFO_BITRATE && !rate.have32 &&
+        readValue(attribute.payload, rate16))
+        rate.kbps = unitsToKbps(rate16);
+}
+
+bool decodeRate(std::span<const uint8_t> nested, RateInfo &rate) {
+    rate.mode = std::max(rate.mode, PhyMode::Legacy);  // a rate without MCS is a legacy one
+    return forEachAttribute(nested, [&](const NlAttribute &attribute) {
+        applyRateAttribute(attribute, rate);
+        return true;
+    });
+}
+
+// A flag the kernel reports (in the mask) must be set; one it leaves out does not count.
+bool flagHolds(const nl80211_sta_flag_update &update, int flag) {
+    uint32_t bit = 1u << flag;
+    return !(update.mask & bit) || (update.set & bit);
+}
+
+bool associatedOf(std::span<const uint8_t> payload) {
+    nl80211_sta_flag_update update{};
+    if (!readValue(payload, update)) return true;
+    return flagHolds(update, NL80211_STA_FLAG_ASSOCIATED) &&
+           flagHolds(update, NL80211_STA_FLAG_AUTHORIZED);
+}
+
+struct StationInfo {
+    RateInfo rx, tx;
+    bool associated = true;  // a station the kernel lists is associated unless its flags say not
+};
+
+bool applyStaInfoAttribute(const NlAttribute &attribute, StationInfo &info, wlStaInfo &station) {
+    int8_t dbm = 0;
+    switch (attribute.type) {
+        case NL80211_STA_INFO_SIGNAL:
+            if (readValue(attribute.payload, dbm)) station.signal = stationSignalByte(dbm);
+            return true;
+        case NL80211_STA_INFO_RX_BITRATE:
+            return decodeRate(attribute.payload, info.rx);
+        case NL80211_STA_INFO_TX_BITRATE:
+            return decodeRate(attribute.payload, info.tx);
+        case NL80211_STA_INFO_STA_FLAGS:
+            info.associated = associatedOf(attribute.payload);
+            return true;
+        default:
+            return true;  // the many other counters are not needed
+    }
+}
+
+bool decodeStaInfo(std::span<const uint8_t> nested, wlStaInfo &station) {
+    StationInfo info;
+    bool good = true;
+    bool whole = forEachAttribute(nested, [&](const NlAttribute &attribute) {
+        good = applyStaInfoAttribute(attribute, info, station);
+        return good;
+    });
+    station.rxRateKbps = info.rx.kbps;
+    station.txRateKbps = info.tx.kbps;
+    const char *mode = modeText(std::max(info.rx.mode, info.tx.mode));
+    std::memcpy(station.mode, mode, std::strlen(mode) + 1);
+    station.flags = info.associated ? kStaAssociated : 0;
+    return whole && good;
+}
+
+NlDumpState stationMessage(const NlMessage &message, uint16_t family, StationCollector &out) {
+    if (message.type == NLMSG_DONE) {
+        bool failed = message.payload.size() >= sizeof(int) && errorCode(message.payload) < 0;
+        return failed ? NlDumpState::Failed : NlDumpState::Done;
+    }
+    if (message.type == NLMSG_ERROR)
+        return errorCode(message.payload) == 0 ? NlDumpState::Done : NlDumpState::Failed;
+    if (message.type == NLMSG_OVERRUN) return NlDumpState::Failed;
+    std::span<const uint8_t> attributes;
+    if (message.type != family ||
+        genlCommand(message.payload, attributes) != NL80211_CMD_NEW_STATION)
+        return NlDumpState::More;
+    wlStaInfo station{};
+    if (out.count < out.slots.size() && nl80211DecodeStation(attributes, station))
+        out.slots[out.count++] = station;
+    return NlDumpState::More;
+}
+
+}  // namespace
+
+int nl80211DecodeFamilyReply(std::span<const uint8_t> bytes, uint32_t seq) {
+    int id = 0;
+    bool whole = forEachMessage(bytes, [&](const NlMessage &message) {
+        if (message.seq != seq) return true;
+        id = familyMessage(message);
+        return id == 0;
+    });
+    return whole ? id : -1;
+}
+
+bool nl80211DecodeStation(std::span<const uint8_t> attributes, wlStaInfo &out) {
+    wlStaInfo station{};
+    station.flags = kStaAssociated;  // the kernel lists associated stations
+    bool haveMac = false, good = true;
+    bool whole = forEachAttribute(attributes, [&](const NlAttribute &attribute) {
+        if (attribute.type == NL80211_ATTR_MAC && attribute.payload.size() == kMacBytes) {
+            std::memcpy(station.mac, attribute.payload.data(), kMacBytes);
+            haveMac = true;
+        }
+        if (attribute.type == NL80211_ATTR_STA_INFO)
+            good = decodeStaInfo(attribute.payload, station);
+        return good;
+    });
+    if (!whole || !good || !haveMac) return false;
+    station.inUse = 1;
+    out = station;
+    return true;
+}
+
+NlDumpState nl80211DecodeStationDump(std::span<const uint8_t> bytes, uint32_t seq, uint16_t family,
+                                     StationCollector &out) {
+    NlDumpState state = NlDumpState::More;
+    bool whole = forEachMessage(bytes, [&](const NlMessage &message) {
+        if (message.seq != seq) return true;
+        state = stationMessage(message, family, out);
+        return state == NlDumpState::More;
+    });
+    return whole ? state : NlDumpState::Failed;
+}
+
+// --- the socket ---
+
+namespace {
+
+constexpr size_t kReceiveBytes = 32768;   // the largest chunk the kernel sends a dump in
+constexpr int kMaxReceives = 64;          // chunks of one answer; 64 stations fit in a few
+constexpr timeval kReceiveTimeout{1, 0};  // a silent kernel must not stall the main loop
+constexpr size_t kRequestAttributeBytes = 16;
+constexpr uint8_t kGenlVersion = 1;
+
+struct GenlRequest {
+    nlmsghdr header;
+    genlmsghdr genl;
+    uint8_t attributes[kRequestAttributeBytes];
+};
+static_assert(offsetof(GenlRequest, attributes) == NLMSG_LENGTH(GENL_HDRLEN));
+static_assert(NLA_HDRLEN + NLA_ALIGN(kFamilyName.size() + 1) <= kRequestAttributeBytes);
+
+using ReceiveBuffer = std::array<uint8_t, kReceiveBytes>;
+
+uint32_t nextSequence() {
+    static std::atomic<uint32_t> sequence{0};
+    return ++sequence;
+}
+
+UniqueFd openGenlSocket() {
+    UniqueFd sock(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC));
+    if (!sock.valid()) return sock;
+    timeval timeout = kReceiveTimeout;
+    if (setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0)
+        sock.reset();
+    return sock;
+}
+
+GenlRequest makeRequest(uint16_t type, uint16_t flags, uint32_t seq, uint8_t command) {
+    GenlRequest request{};
+    request.header.nlmsg_len = NLMSG_LENGTH(GENL_HDRLEN);
+    request.header.nlmsg_type = type;
+    request.header.nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | flags);
+    request.header.nlmsg_seq = seq;
+    request.genl.cmd = command;
+    request.genl.version = kGenlVersion;
+    return request;
+}
+
+// Appends one attribute; the request has room for the two kinds it ever carries.
+void addAttribute(GenlRequest &request, uint16_t type, const void *data, uint16_t size) {
+    nlattr attribute{static_cast<uint16_t>(NLA_HDRLEN + size), type};
+    auto *at = reinterpret_cast<uint8_t *>(&request) + request.header.nlmsg_len;
+    std::memcpy(at, &attribute, sizeof attribute);
+    std::memcpy(at + NLA_HDRLEN, data, size);
+    request.header.nlmsg_len += NLA_ALIGN(attribute.nla_len);
+}
+
+bool sendRequest(int fd, const GenlRequest &request) {
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    ssize_t sent;
+    do {
+        sent = sendto(fd, &request, request.header.nlmsg_len, 0,
+                      reinterpret_cast<const sockaddr *>(&kernel), sizeof kernel);
+    } while (sent < 0 && errno == EINTR);
+    return sent == static_cast<ssize_t>(request.header.nlmsg_len);
+}
+
+// One datagram from the kernel; its bytes, or an empty span on error, timeout,
+// truncation or a sender other than the kernel.
+std::span<const uint8_t> receiveChunk(int fd, ReceiveBuffer &buffer) {
+    sockaddr_nl from{};
+    socklen_t fromSize = sizeof from;
+    ssize_t got;
+    do {
+        got = recvfrom(fd, buffer.data(), buffer.size(), MSG_TRUNC,
+                       reinterpret_cast<sockaddr *>(&from), &fromSize);
+    } while (got < 0 && errno == EINTR);
+    if (got <= 0 || static_cast<size_t>(got) > buffer.size() || from.nl_pid != 0) return {};
+    return std::span<const uint8_t>(buffer.data(), static_cast<size_t>(got));
+}
+
+int resolveFamily(int fd, ReceiveBuffer &buffer) {
+    uint32_t seq = nextSequence();
+    GenlRequest request = makeRequest(GENL_ID_CTRL, 0, seq, CTRL_CMD_GETFAMILY);
+    addAttribute(request, CTRL_ATTR_FAMILY_NAME, kFamilyName.data(), kFamilyName.size() + 1);
+    if (!sendRequest(fd, request)) return -1;
+    for (int i = 0; i < kMaxReceives; ++i) {
+        std::span<const uint8_t> chunk = receiveChunk(fd, buffer);
+        int id = chunk.empty() ? -1 : nl80211DecodeFamilyReply(chunk, seq);
+        if (id != 0) return id;
+    }
+    return -1;
+}
+
+int dumpStations(int fd, uint16_t family, uint32_t ifindex, ReceiveBuffer &buffer,
+                 StationCollector &out) {
+    uint32_t seq = nextSequence();
+    GenlRequest request = makeRequest(family, NLM_F_DUMP, seq, NL80211_CMD_GET_STATION);
+    addAttribute(request, NL80211_ATTR_IFINDEX, &ifindex, sizeof ifindex);
+    if (!sendRequest(fd, request)) return -1;
+    for (int i = 0; i < kMaxReceives; ++i) {
+        std::span<const uint8_t> chunk = receiveChunk(fd, buffer);
+        NlDumpState state =
+            chunk.empty() ? NlDumpState::Failed : nl80211DecodeStationDump(chunk, seq, family, out);
+        bool full = out.count == out.slots.size();  // the rest would be dropped anyway
+        if (state == NlDumpState::Done || (full && state == NlDumpState::More))
+            return static_cast<int>(out.count);
+        if (state == NlDumpState::Failed) return -1;
+    }
+    return -1;
+}
+
+}  // namespace
+
+int nl80211ReadStations(const char *ifname, std::span<wlStaInfo> out) {
+    unsigned ifindex = ifname ? if_nametoindex(ifname) : 0;
+    if (ifindex == 0) return -1;
+    UniqueFd sock = openGenlSocket();
+    if (!sock.valid()) return -1;
+    ReceiveBuffer buffer;
+    int family = resolveFamily(sock.get(), buffer);
+    if (family <= 0 || family > UINT16_MAX) return -1;
+    StationCollector collector{out};
+    return dumpStations(sock.get(), static_cast<uint16_t>(family), ifindex, buffer, collector);
+}

@@ -1,0 +1,79 @@
+// Checks against the real kernel in a forked child that has its own network and mount
+// namespaces, with sysfs mounted afresh so /sys/class/net shows that namespace. No
+// interface the child makes is seen outside it. The child reports by its exit status
+// and says on standard error which check failed.
+#pragma once
+
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+inline constexpr int kNetnsPassed = 0;
+inline constexpr int kNetnsCheckFailed = 1;
+inline constexpr int kNetnsNotRoot = 100;
+inline constexpr int kNetnsNoNamespace = 101;
+inline constexpr int kNetnsNoSetup = 102;
+
+// In the child: a failed check prints where it is and ends the child's body.
+#define NETNS_CHECK(condition)                                                                 \
+    do {                                                                                       \
+        if (!(condition)) {                                                                    \
+            std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #condition); \
+            return kNetnsCheckFailed;                                                          \
+        }                                                                                      \
+    } while (0)
+
+// The bridge "br0" (MAC 0a:77:00:00:00:b0) with the port "d0" (0a:77:00:00:00:d0), all up.
+// A dummy port where the kernel has the driver, else one end of a veth pair.
+inline bool netnsMakeBridge() {
+    return std::system(
+               "ip link add br0 address 0a:77:00:00:00:b0 type bridge && "
+               "{ ip link add d0 address 0a:77:00:00:00:d0 type dummy 2>/dev/null || "
+               "{ ip link add d0 address 0a:77:00:00:00:d0 type veth peer name d0p && "
+               "ip link set d0p up; }; } && "
+               "ip link set d0 master br0 && ip link set d0 up && ip link set br0 up") == 0;
+}
+
+inline int netnsEnter() {
+    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) return kNetnsNoNamespace;
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return kNetnsNoNamespace;
+    (void)umount2("/sys", MNT_DETACH);
+    if (mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0) return kNetnsNoNamespace;
+    return kNetnsPassed;
+}
+
+// BODY's result from a child in fresh namespaces, one of the kNetns codes or -1.
+template <typename Body>
+int runInPrivateNetns(Body body) {
+    if (geteuid() != 0) return kNetnsNotRoot;
+    (void)std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid < 0) return -1;
+    if (pid == 0) {
+        const int entered = netnsEnter();
+        _exit(entered == kNetnsPassed ? body() : entered);
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0)
+        if (errno != EINTR) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Why a test with this child status is skipped, or nullptr when it is not.
+inline const char *netnsSkipReason(int status) {
+    switch (status) {
+        case kNetnsNotRoot:
+            return "needs root to make a private network namespace";
+        case kNetnsNoNamespace:
+            return "no private network and mount namespace could be made here";
+        case kNetnsNoSetup:
+            return "the bridge br0 and its port could not be made with ip link";
+        default:
+            return nullptr;
+    }
+}

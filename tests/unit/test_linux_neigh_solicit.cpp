@@ -1,0 +1,123 @@
+// IPv6 neighbour solicitation: the message byte by byte, its solicited-node group, the
+// refusals, and the frame that leaves a real bridge in a private network namespace.
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cstring>
+
+#include "linux_test_support.h"
+#include "netns_child.h"
+#include "platform/linux/neigh_solicit.h"
+#include "platform/zvt.h"
+
+namespace {
+
+using Address = std::array<uint8_t, kIpv6AddressBytes>;
+constexpr Address kTarget{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5};
+constexpr std::array<uint8_t, 6> kBridgeMac{0x0a, 0x77, 0, 0, 0, 0xb0};
+
+TEST(NeighSolicit, MessageByteByByte) {
+    // clang-format off
+    const uint8_t expected[kNeighSolicitBytes] = {
+        135, 0,                  // type neighbour solicitation, code 0
+        0, 0,                    // checksum, filled by the kernel
+        0, 0, 0, 0,              // reserved
+        0x20, 0x01, 0x0d, 0xb8,  // target 2001:db8::5
+        0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5,
+        1, 1,                    // option: source link-layer address, 8 bytes
+        0x0a, 0x77, 0, 0, 0, 0xb0,  // the interface MAC
+    };
+    // clang-format on
+    std::array<uint8_t, kNeighSolicitBytes + 1> out;
+    out.fill(0xee);
+    ASSERT_EQ(buildNeighSolicit(kTarget, kBridgeMac, out), kNeighSolicitBytes);
+    EXPECT_EQ(std::memcmp(out.data(), expected, sizeof expected), 0);
+    EXPECT_EQ(out.back(), 0xee);  // nothing written past the message
+    EXPECT_EQ(buildNeighSolicit(kTarget, kBridgeMac, std::span(out).first(kNeighSolicitBytes - 1)),
+              0u);
+}
+
+TEST(NeighSolicit, SolicitedNodeGroupTakesTheLast24Bits) {
+    const Address target{0xfd, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x12, 0x34, 0x56, 0x78};
+    const in6_addr group = solicitedNodeAddress(target);
+    const Address expected{0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0xff, 0x34, 0x56, 0x78};
+    EXPECT_EQ(std::memcmp(group.s6_addr, expected.data(), expected.size()), 0);
+}
+
+TEST(NeighSolicit, RefusesWhatCannotBeSent) {
+    const std::string tooLong(IFNAMSIZ, 'x');
+    for (const char *name :
+         {static_cast<const char *>(nullptr), "", "hx-no-such0", tooLong.c_str()})
+        EXPECT_EQ(zvt_ipv6_send_neigh_solicit(name, kTarget.data()), -1) << (name ? name : "null");
+    EXPECT_EQ(zvt_ipv6_send_neigh_solicit("lo", nullptr), -1);
+}
+
+// Offsets in the captured frame: Ethernet header, then IPv6, then ICMPv6.
+constexpr size_t kIp6 = 14, kIcmp6 = kIp6 + 40;
+constexpr size_t kFrameBytes = kIcmp6 + kNeighSolicitBytes;
+
+bool isOurSolicitation(const uint8_t *frame, ssize_t length) {
+    return length >= static_cast<ssize_t>(kFrameBytes) && frame[12] == 0x86 && frame[13] == 0xdd &&
+           frame[kIp6 + 6] == IPPROTO_ICMPV6 && frame[kIcmp6] == 135 &&
+           std::memcmp(frame + kIcmp6 + 8, kTarget.data(), kTarget.size()) == 0;
+}
+
+int checkFrame(const uint8_t *frame) {
+    const uint8_t dstMac[] = {0x33, 0x33, 0xff, 0, 0, 5};
+    const uint8_t group[] = {0xff, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0xff, 0, 0, 5};
+    NETNS_CHECK(std::memcmp(frame, dstMac, sizeof dstMac) == 0);
+    NETNS_CHECK(std::memcmp(frame + 6, kBridgeMac.data(), kBridgeMac.size()) == 0);
+    NETNS_CHECK(frame[kIp6 + 7] == 255);  // hop limit
+    NETNS_CHECK(std::memcmp(frame + kIp6 + 24, group, sizeof group) == 0);
+    NETNS_CHECK(frame[kIcmp6 + 1] == 0 && frame[kIcmp6 + 24] == 1 && frame[kIcmp6 + 25] == 1);
+    NETNS_CHECK(std::memcmp(frame + kIcmp6 + 26, kBridgeMac.data(), kBridgeMac.size()) == 0);
+    return kNetnsPassed;
+}
+
+// Outgoing frames reach only packet sockets of every protocol, so the capture takes all.
+UniqueFd captureOn(const char *ifname) {
+    UniqueFd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL)));
+    sockaddr_ll link{};
+    link.sll_family = AF_PACKET;
+    link.sll_protocol = htons(ETH_P_ALL);
+    link.sll_ifindex = static_cast<int>(if_nametoindex(ifname));
+    const timeval wait{0, 100'000};
+    if (bind(sock.get(), reinterpret_cast<sockaddr *>(&link), sizeof link) != 0 ||
+        setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait) != 0)
+        sock.reset();
+    return sock;
+}
+
+// Runs in the child. Sends until the bridge has its link-local source address.
+int checkRealSolicitation() {
+    if (std::system("sysctl -qw net.ipv6.conf.all.accept_dad=0 "
+                    "net.ipv6.conf.default.accept_dad=0") != 0 ||
+        !netnsMakeBridge())
+        return kNetnsNoSetup;
+    const UniqueFd capture = captureOn("br0");
+    NETNS_CHECK(capture.valid());
+    constexpr int kAttempts = 50;
+    uint8_t frame[2048];
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (zvt_ipv6_send_neigh_solicit("br0", kTarget.data()) != 0) {
+            (void)recv(capture.get(), frame, sizeof frame, 0);  // wait a little
+            continue;
+        }
+        ssize_t got;
+        while ((got = recv(capture.get(), frame, sizeof frame, 0)) > 0)
+            if (isOurSolicitation(frame, got)) return checkFrame(frame);
+    }
+    std::fprintf(stderr, "no solicitation for 2001:db8::5 left br0\n");
+    return kNetnsCheckFailed;
+}
+
+TEST(NeighSolicitKernel, FrameOnARealBridge) {
+    const int status = runInPrivateNetns(checkRealSolicitation);
+    if (const char *why = netnsSkipReason(status)) GTEST_SKIP() << why;
+    EXPECT_EQ(status, kNetnsPassed) << "the child's message above names the failed check";
+}
+
+}  // namespace
