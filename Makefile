@@ -7,7 +7,7 @@ FUZZ_BUILD   ?= build-fuzz
 BENCH_BUILD  ?= build-bench
 DEMO_SECONDS ?=
 # Seconds each fuzz target runs: bounded in `make check`, longer in `make fuzz`.
-CHECK_FUZZ_SECONDS ?= 30
+CHECK_FUZZ_SECONDS ?= 20
 FUZZ_SECONDS ?= 300
 
 DEPS := cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev \

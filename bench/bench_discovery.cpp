@@ -30,15 +30,7 @@ std::string macText(const fake::Mac &m) {
 }
 
 void addStation(const char *ifname, const fake::Mac &mac) {
-    auto &list = fake::state().stations[ifname];
-    if (list.empty()) list.push_back(wlStaInfo{});
-    if (list.size() > 64) return;
-    wlStaInfo record{};
-    record.inUse = 1;
-    record.flags = kStaAssociated;
-    std::copy(mac.begin(), mac.end(), record.mac);
-    list.push_back(record);
-    fake::state().interfaces[ifname].flags = 1;
+    if (fake::state().stations[ifname].size() <= 64) fake::addStation(ifname, mac);
 }
 
 void addHost(int i, std::string &arp, std::string &neigh) {

@@ -81,7 +81,8 @@ start_daemon() {
     note "binary: $HOSTRIX_BIN"
     note "HOSTRIX_ROOT=$DAEMON_ROOT (config $DAEMON_ROOT/etc/hostrix/mib.conf)"
     # Own session: a Ctrl-C reaches the demo, which then stops the daemon in order.
-    setsid ip netns exec hx-gw env HOSTRIX_ROOT="$DAEMON_ROOT" "$HOSTRIX_BIN" \
+    # PATH: the lab's bridge tool first (lab/lib/gateway.sh, bridge_tool_create).
+    setsid ip netns exec hx-gw env HOSTRIX_ROOT="$DAEMON_ROOT" PATH="$LAB_DIR/bin:$PATH" "$HOSTRIX_BIN" \
         </dev/null >>"$DAEMON_LOG" 2>&1 &
     DAEMON_PID=$!
     printf '%s\n' "$DAEMON_PID" >"$DAEMON_PID_FILE"

@@ -171,4 +171,30 @@ root_create() {
         "$LAB_DIR/stations" "$LAB_DIR/hosts"
     mib_config >"$(mib_file)"
     mib_apply_overrides
+    bridge_tool_create
+}
+
+
+# A gateway's bridge filters VLANs and learns its hosts on VLAN 1, so the daemon
+# deletes a departed station's entry "vlan 1". The lab's br0 does not filter VLANs
+# (many kernels cannot), its entries carry no VLAN and that delete matches nothing;
+# the daemon's `bridge` therefore retries such a delete without the VLAN.
+bridge_tool_create() {
+    local real
+    real="$(command -v bridge)"
+    mkdir -p "$LAB_DIR/bin"
+    cat >"$LAB_DIR/bin/bridge" <<TOOL
+#!/bin/sh
+# Written by lab/lab up (lab/lib/gateway.sh, bridge_tool_create).
+"$real" "\$@" && exit 0
+case " \$* " in *" fdb del "*" vlan 1 "*) ;; *) exit 1 ;; esac
+for arg do
+    shift
+    if [ "\$skip" = vlan ]; then skip=; continue; fi
+    if [ "\$arg" = vlan ]; then skip=vlan; continue; fi
+    set -- "\$@" "\$arg"
+done
+exec "$real" "\$@"
+TOOL
+    chmod 755 "$LAB_DIR/bin/bridge"
 }

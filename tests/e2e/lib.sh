@@ -149,7 +149,8 @@ require_daemon_bin() {
 
 # Runs the daemon in the gateway namespace the way lab/demo.sh does.
 daemon_start() {
-    setsid ip netns exec "$GW_NS" env HOSTRIX_ROOT="$LAB_DIR/root" "$HOSTRIX_BIN" "$@" \
+    # PATH: the lab's bridge tool first (lab/lib/gateway.sh, bridge_tool_create).
+    setsid ip netns exec "$GW_NS" env HOSTRIX_ROOT="$LAB_DIR/root" PATH="$LAB_DIR/bin:$PATH" "$HOSTRIX_BIN" "$@" \
         </dev/null >>"$LAB_DIR/hostrix.log" 2>&1 &
     DAEMON_PID=$!
     printf '%s\n' "$DAEMON_PID" >"$LAB_DIR/hostrix.daemon.pid"

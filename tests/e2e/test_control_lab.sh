@@ -17,7 +17,7 @@ ctl_says() { [[ "$(ctl "${@:2}" 2>/dev/null)" == "$1" ]]; }
 ctl_exits() { local want="$1" rc=0; shift; ctl "$@" >/dev/null 2>&1 || rc=$?; ((rc == want)); }
 logged() { grep -qF -- "$1" "$DAEMON_LOG" 2>/dev/null; }
 socket_up() { [[ -S "$ROOT/var/run/.hostrix_msg" ]]; }
-empty_host_file() { [[ -f "$ROOT/var/hostrix" && ! -s "$ROOT/var/hostrix" ]]; }
+host_file_there() { [[ -f "$ROOT/var/hostrix" ]]; }
 json_lines() { ctl "$@" --json | python3 -c 'import json,sys; [json.loads(l) for l in sys.stdin if l.strip()]'; }
 
 check_limits_and_counts() {
@@ -43,8 +43,9 @@ check_reports() {
     check "new --json parses" json_lines new
     check "left --json parses" json_lines left
     check "changed --json parses" json_lines changed
+    rm -f "$ROOT/var/hostrix"  # so that only the write SIGUSR2 asks for can bring it back
     kill -USR2 "$DAEMON_PID"
-    check "SIGUSR2 writes the host file" wait_for 50 empty_host_file
+    check "SIGUSR2 writes the host file" wait_for 50 host_file_there
     check "list reads it under the lock" ctl list
 }
 

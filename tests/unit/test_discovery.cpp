@@ -52,16 +52,6 @@ protected:
         fake::state().commandOutput["ip -6 neigh"] +=
             std::string(addr) + " dev br0 lladdr " + macText(mac) + " REACHABLE\n";
     }
-    void station(const char *ifname, const fake::Mac &mac) {
-        auto &list = fake::state().stations[ifname];
-        if (list.empty()) list.push_back(wlStaInfo{});  // position 0 is never read
-        wlStaInfo record{};
-        record.inUse = 1;
-        record.flags = kStaAssociated;
-        std::copy(mac.begin(), mac.end(), record.mac);
-        list.push_back(record);
-        fake::state().interfaces[ifname].flags = 1;
-    }
     // One cycle a few seconds later, so that the lease snapshot is read again.
     hostEntry *cycle(const fake::Mac &mac = kHost) {
         fake::advanceSeconds(5);
@@ -156,7 +146,7 @@ TEST_F(DiscoveryTest, ClassifiesPortNames) {
 
 TEST_F(DiscoveryTest, WirelessStationGetsItsSsidIndexAndMode) {
     seen(kHost, "wlan1-vap2");
-    station("wlan1-vap2", kHost);
+    fake::addStation("wlan1-vap2", kHost);
     fake::state().wirelessModes["wlan1-vap2"] = "ac";
     lease(kHost, "10.77.0.101", 3600);
     hostEntry *entry = cycle();
@@ -169,7 +159,7 @@ TEST_F(DiscoveryTest, WirelessStationGetsItsSsidIndexAndMode) {
 
 TEST_F(DiscoveryTest, KnownStationMissingFromTheListsIsLeftAloneOnItsOwnInterface) {
     seen(kHost, "wlan0");
-    station("wlan0", kHost);
+    fake::addStation("wlan0", kHost);
     arp("10.77.0.101", kHost);
     hostEntry *entry = cycle();
     ASSERT_NE(entry, nullptr);

@@ -86,6 +86,9 @@ void reset();
 
 Mac mac(uint8_t a, uint8_t b, uint8_t c, uint8_t d, uint8_t e, uint8_t f);
 void advanceSeconds(long seconds);  // moves the monotonic clock, wall clock and uptime
+// An associated station MAC on IFNAME, which is brought up. The list's position 0,
+// which the daemon never reads, is filled first.
+wlStaInfo &addStation(const std::string &ifname, const Mac &mac);
 std::vector<uint8_t> wanChainRecord(uint8_t enable, uint8_t mode, uint32_t ports);
 
 // Backend internals shared by the fake's files.

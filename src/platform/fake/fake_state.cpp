@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstring>
 
 #include "platform/fake/fake_platform.h"
@@ -29,6 +30,17 @@ void advanceSeconds(long seconds) {
     s.monotonic.tv_sec += seconds;
     s.wall += seconds;
     s.uptime += seconds;
+}
+
+wlStaInfo &addStation(const std::string &ifname, const Mac &mac) {
+    auto &list = state().stations[ifname];
+    if (list.empty()) list.push_back(wlStaInfo{});
+    wlStaInfo &record = list.emplace_back();
+    record.inUse = 1;
+    record.flags = kStaAssociated;
+    std::copy(mac.begin(), mac.end(), record.mac);
+    state().interfaces[ifname].flags = 1;
+    return record;
 }
 
 std::vector<uint8_t> wanChainRecord(uint8_t enable, uint8_t mode, uint32_t ports) {

@@ -15,31 +15,13 @@
 
 #include "core/unique_fd.h"
 #include "platform/linux/mib_store.h"
+#include "platform/linux/read_util.h"
 #include "platform/os.h"
 
 namespace {
 
-constexpr size_t kMacTextBytes = 17;   // "xx:xx:xx:xx:xx:xx"
 constexpr size_t kIpv4TextBytes = 15;  // "255.255.255.255"
 constexpr std::string_view kNoHostname = "*";
-constexpr std::string_view kBlanks = " \t\r";
-
-// The next blank-separated token of TEXT, which is advanced past it; "" at the end.
-std::string_view nextToken(std::string_view &text) {
-    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
-    size_t end = std::min(text.find_first_of(kBlanks), text.size());
-    std::string_view token = text.substr(0, end);
-    text.remove_prefix(end);
-    return token;
-}
-
-// Colon-separated hex MAC text, not all zero.
-bool parseMac(std::string_view text, uint8_t *mac) {
-    if (text.size() > kMacTextBytes) return false;
-    char buffer[kMacTextBytes + 1] = {};
-    std::memcpy(buffer, text.data(), text.size());
-    return convertMacFormat(buffer, mac) == 1 && !isZeroMac(mac);
-}
 
 // A dotted-quad IPv4 address other than 0.0.0.0, in network byte order.
 bool parseIpv4(std::string_view text, uint32_t &ip) {
@@ -79,7 +61,7 @@ bool parseDnsmasqLeaseLine(std::string_view line, time_t now, dhcp_lease &out) {
     std::string_view ipText = nextToken(line), nameText = nextToken(line);
     dhcp_lease lease{};
     uint64_t expiry = 0;
-    if (nameText.empty() || !parseExpiry(expiryText, expiry) || !parseMac(macText, lease.mac) ||
+    if (nameText.empty() || !parseExpiry(expiryText, expiry) || !parseMacText(macText, lease.mac) ||
         !parseIpv4(ipText, lease.ip))
         return false;
     lease.leaseTime = htonl(remainingSeconds(expiry, now));
@@ -104,19 +86,6 @@ struct FreeDeleter {
     void operator()(void *block) const { std::free(block); }
 };
 using LeaseBlock = std::unique_ptr<dhcp_lease[], FreeDeleter>;
-
-// Reads up to LIMIT bytes; returns the count, or -1.
-ssize_t readUpTo(int fd, char *buffer, size_t limit) {
-    size_t total = 0;
-    while (total < limit) {
-        ssize_t got = read(fd, buffer + total, limit - total);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return -1;
-        if (got == 0) break;
-        total += static_cast<size_t>(got);
-    }
-    return static_cast<ssize_t>(total);
-}
 
 // The whole lines among the first kMaxLeaseFileBytes of the file; false when it
 // cannot be read or is empty.

@@ -2,6 +2,8 @@
 // on it: settings, chain records, WLAN records and the interface-name tables.
 #include "platform/linux/mib_store.h"
 
+#include "platform/linux/read_util.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -67,19 +69,6 @@ void report(const char *path, const char *what) {
     (void)std::fprintf(stderr, "hostrix: %s: %s (using defaults)\n", path, what);
 }
 
-// Reads up to LIMIT bytes; returns the count, or -1 with errno.
-ssize_t readBounded(int fd, char *buffer, size_t limit) {
-    size_t total = 0;
-    while (total < limit) {
-        ssize_t got = read(fd, buffer + total, limit - total);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return -1;
-        if (got == 0) break;
-        total += static_cast<size_t>(got);
-    }
-    return static_cast<ssize_t>(total);
-}
-
 // Keeps whole lines only when the file is larger than we read.
 void clipOversized(const char *path, std::string &text) {
     if (text.size() <= kMaxConfigBytes) return;
@@ -104,7 +93,7 @@ bool readConfigFile(const char *path, std::string &text, FileStamp &stamp) {
         return false;
     }
     text.resize(kMaxConfigBytes + 1);
-    ssize_t got = readBounded(fd.get(), text.data(), text.size());
+    ssize_t got = readUpTo(fd.get(), text.data(), text.size());
     if (got < 0) {
         report(path, std::strerror(errno));
         return false;

@@ -15,35 +15,18 @@
 
 #include "core/unique_fd.h"
 #include "platform/linux/mib_store.h"
+#include "platform/linux/read_util.h"
 #include "platform/linux/nl80211.h"
 #include "platform/zvt.h"
 
 namespace {
 
 constexpr size_t kMacBytes = 6;
-constexpr size_t kMacTextBytes = 17;  // "xx:xx:xx:xx:xx:xx"
 constexpr long kSignalOffset = 100;   // the record keeps dBm + 100
 constexpr uint32_t kKbpsPerMbps = 1000;
 constexpr size_t kRateDecimals = 3;  // kb/s resolution; further digits are dropped
-constexpr std::string_view kBlanks = " \t\r";
 
 using StationArray = std::array<wlStaInfo, kMaxStationsPerInterface>;
-
-// The next blank-separated token of TEXT, which is advanced past it; "" at the end.
-std::string_view nextToken(std::string_view &text) {
-    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
-    size_t end = std::min(text.find_first_of(kBlanks), text.size());
-    std::string_view token = text.substr(0, end);
-    text.remove_prefix(end);
-    return token;
-}
-
-bool parseMac(std::string_view text, uint8_t *mac) {
-    if (text.size() > kMacTextBytes) return false;
-    char buffer[kMacTextBytes + 1] = {};
-    std::memcpy(buffer, text.data(), text.size());
-    return convertMacFormat(buffer, mac) == 1 && !isZeroMac(mac);
-}
 
 template <typename T>
 bool parseWhole(std::string_view text, T &value) {
@@ -94,7 +77,7 @@ bool parseStationLine(std::string_view line, wlStaInfo &out) {
     wlStaInfo station{};
     long dbm = 0;
     uint32_t rxKbps = 0, txKbps = 0;  // the record's own fields are unaligned
-    if (!nextToken(line).empty() || !parseMac(macText, station.mac) ||
+    if (!nextToken(line).empty() || !parseMacText(macText, station.mac) ||
         !parseWhole(signalText, dbm) || !parseRate(rxText, rxKbps) || !parseRate(txText, txKbps) ||
         !parseMode(modeText, station.mode))
         return false;
@@ -118,19 +101,6 @@ size_t parseStationFile(std::string_view text, std::span<wlStaInfo> out) {
 }
 
 namespace {
-
-// Reads up to LIMIT bytes; returns the count, or -1.
-ssize_t readUpTo(int fd, char *buffer, size_t limit) {
-    size_t total = 0;
-    while (total < limit) {
-        ssize_t got = read(fd, buffer + total, limit - total);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) return -1;
-        if (got == 0) break;
-        total += static_cast<size_t>(got);
-    }
-    return static_cast<ssize_t>(total);
-}
 
 // DIR/IFNAME's stations; -1 when the file is missing or unreadable.
 int readStationFile(const std::string &dir, const char *ifname, std::span<wlStaInfo> out) {

@@ -1,0 +1,18 @@
+// Small readers the linux backend's file and text decoders share.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+// Reads up to LIMIT bytes, retrying interrupted reads; the count, or -1 with errno.
+ssize_t readUpTo(int fd, char *buffer, size_t limit);
+
+// The next blank-separated (space, tab, CR) token of TEXT, which is advanced past
+// it; "" at the end.
+std::string_view nextToken(std::string_view &text);
+
+// Colon-separated hex MAC text, not all zero, into MAC.
+bool parseMacText(std::string_view text, uint8_t *mac);
