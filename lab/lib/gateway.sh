@@ -172,6 +172,7 @@ root_create() {
     mib_config >"$(mib_file)"
     mib_apply_overrides
     bridge_tool_create
+    iwpriv_tool_create
 }
 
 
@@ -197,4 +198,16 @@ done
 exec "$real" "\$@"
 TOOL
     chmod 755 "$LAB_DIR/bin/bridge"
+}
+
+# The daemon asks each radio's driver whether its function is switched off; the
+# lab's radios are veths without a driver to ask, and are never switched off.
+iwpriv_tool_create() {
+    mkdir -p "$LAB_DIR/bin"
+    cat >"$LAB_DIR/bin/iwpriv" <<'TOOL'
+#!/bin/sh
+# Written by lab/lab up (lab/lib/gateway.sh, iwpriv_tool_create).
+printf '%-10s%s:0\n' "$1" "$2"
+TOOL
+    chmod 755 "$LAB_DIR/bin/iwpriv"
 }

@@ -6,8 +6,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/clock.h"
 #include "core/log.h"
-#include "platform/os.h"
+#include "platform/mib.h"
 
 namespace {
 
@@ -32,18 +33,6 @@ class CacheLock {
     CacheLock(const CacheLock &) = delete;
     CacheLock &operator=(const CacheLock &) = delete;
 };
-
-int64_t nowSeconds() {
-    timespec now{};
-    if (os_clock_monotonic(&now) != 0) return 0;
-    return static_cast<int64_t>(now.tv_sec);
-}
-
-bool isZeroMac(const uint8_t *mac) {
-    for (size_t i = 0; i < kMacOctets; ++i)
-        if (mac[i] != 0) return false;
-    return true;
-}
 
 bool isUsableAddress(uint32_t ip) {
     return ip != 0 && (ntohl(ip) & kPrefix16Mask) != kLinkLocalPrefix;
@@ -84,7 +73,7 @@ int update_neighbor_host(const uint8_t *mac, const uint32_t *ip, const char *nam
     std::memcpy(entry->mac, mac, kMacOctets);
     if (ip) entry->ip = *ip;
     if (name) storeName(entry, name);
-    entry->last_seen = nowSeconds();
+    entry->last_seen = monotonicSeconds();
     if (isNew) TAILQ_INSERT_TAIL(&neighbors, entry, entries);
     return 0;
 }
@@ -107,7 +96,7 @@ int delSnifferNeighborHost(const uint8_t *mac) {
 
 int aging_neighbor_host(int force) {
     CacheLock lock;
-    int64_t now = nowSeconds();
+    int64_t now = monotonicSeconds();
     neighbor_host *entry = TAILQ_FIRST(&neighbors);
     while (entry) {
         neighbor_host *next = TAILQ_NEXT(entry, entries);
@@ -119,7 +108,7 @@ int aging_neighbor_host(int force) {
 
 int dump_neighbor_host() {
     CacheLock lock;
-    int64_t now = nowSeconds();
+    int64_t now = monotonicSeconds();
     logPlain("### Neighbor Host:\n");
     const neighbor_host *entry = nullptr;
     TAILQ_FOREACH(entry, &neighbors, entries) {

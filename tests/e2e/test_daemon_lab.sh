@@ -18,7 +18,7 @@ is_fifo() { [[ -p "$1" ]]; }
 daemon_alive() { ! all_dead "$DAEMON_PID"; }
 no_config_complaint() { ! logged "mib.conf:"; }
 stopped_with_zero() { daemon_stop; }
-hostrix_processes() { pgrep -x 'hostrix|hostrixctl' || true; }
+hostrix_processes() { pgrep -x hostrix || true; pgrep -x hostrixctl || true; }
 
 fifo_command() { printf '%s\n' "$1" >"$ROOT/var/run/hostrix.fifo"; }
 
@@ -53,9 +53,12 @@ check_clean_stop() {
 
 check_demo() {
     lab_run down
-    check "demo runs for 6 s and exits 0" sh -c "'$REPO_DIR/lab/demo.sh' 6 >'$E2E_TMP/demo.out' 2>&1"
+    check "demo runs for 8 s and exits 0" sh -c "'$REPO_DIR/lab/demo.sh' 8 >'$E2E_TMP/demo.out' 2>&1"
     check "demo started the daemon" grep -qF "Starting hostrix" "$E2E_TMP/demo.out"
     check "demo shows the leases" grep -qF "hx-h1" "$E2E_TMP/demo.out"
+    check "demo shows h1 arriving with address, name, port" \
+        grep -qE "NEW +0a:77:00:00:00:01 10\.77\.0\.[0-9]+ hx-h1 eth0\.2 LAN1" "$E2E_TMP/demo.out"
+    check "and h3 with its SSID" grep -qE "NEW +0a:77:00:00:00:03 .* wlan0 SSID1 ssid=hx-home" "$E2E_TMP/demo.out"
     check "no hostrix or hostrixctl process left after the demo" test -z "$(hostrix_processes)"
     check "no hx- namespace left after the demo" test -z "$(lab_namespaces)"
     check "no $LAB_DIR left after the demo" test ! -e "$LAB_DIR"
