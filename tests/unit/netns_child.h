@@ -4,6 +4,7 @@
 // and says on standard error which check failed.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -15,7 +16,6 @@
 
 inline constexpr int kNetnsPassed = 0;
 inline constexpr int kNetnsCheckFailed = 1;
-inline constexpr int kNetnsNotRoot = 100;
 inline constexpr int kNetnsNoNamespace = 101;
 inline constexpr int kNetnsNoSetup = 102;
 
@@ -39,41 +39,32 @@ inline bool netnsMakeBridge() {
                "ip link set d0 master br0 && ip link set d0 up && ip link set br0 up") == 0;
 }
 
-inline int netnsEnter() {
-    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) return kNetnsNoNamespace;
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return kNetnsNoNamespace;
+// Without root, unshare fails here too.
+inline bool netnsEnter() {
+    if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) return false;
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
     (void)umount2("/sys", MNT_DETACH);
-    if (mount("sysfs", "/sys", "sysfs", 0, nullptr) != 0) return kNetnsNoNamespace;
-    return kNetnsPassed;
+    return mount("sysfs", "/sys", "sysfs", 0, nullptr) == 0;
 }
 
 // BODY's result from a child in fresh namespaces, one of the kNetns codes or -1.
-template <typename Body>
-int runInPrivateNetns(Body body) {
-    if (geteuid() != 0) return kNetnsNotRoot;
+inline int runInPrivateNetns(int (*body)()) {
     (void)std::fflush(nullptr);
     const pid_t pid = fork();
     if (pid < 0) return -1;
-    if (pid == 0) {
-        const int entered = netnsEnter();
-        _exit(entered == kNetnsPassed ? body() : entered);
-    }
+    if (pid == 0) _exit(netnsEnter() ? body() : kNetnsNoNamespace);
     int status = 0;
     while (waitpid(pid, &status, 0) < 0)
         if (errno != EINTR) return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Why a test with this child status is skipped, or nullptr when it is not.
-inline const char *netnsSkipReason(int status) {
-    switch (status) {
-        case kNetnsNotRoot:
-            return "needs root to make a private network namespace";
-        case kNetnsNoNamespace:
-            return "no private network and mount namespace could be made here";
-        case kNetnsNoSetup:
-            return "the bridge br0 and its port could not be made with ip link";
-        default:
-            return nullptr;
-    }
+// The running test passes when BODY does in the child, and is skipped where the child
+// cannot have its namespaces or its bridge.
+inline void expectPassesInPrivateNetns(int (*body)()) {
+    const int status = runInPrivateNetns(body);
+    if (status == kNetnsNoNamespace)
+        GTEST_SKIP() << "no private network and mount namespace could be made (root is needed)";
+    if (status == kNetnsNoSetup) GTEST_SKIP() << "the bridge br0 and its port could not be made";
+    EXPECT_EQ(status, kNetnsPassed) << "the child's message above names the failed check";
 }

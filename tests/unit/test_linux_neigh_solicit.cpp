@@ -19,22 +19,23 @@ using Address = std::array<uint8_t, kIpv6AddressBytes>;
 constexpr Address kTarget{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5};
 constexpr std::array<uint8_t, 6> kBridgeMac{0x0a, 0x77, 0, 0, 0, 0xb0};
 
+// clang-format off
+constexpr uint8_t kMessage[kNeighSolicitBytes] = {
+    135, 0,                  // type neighbour solicitation, code 0
+    0, 0,                    // checksum, filled by the kernel
+    0, 0, 0, 0,              // reserved
+    0x20, 0x01, 0x0d, 0xb8,  // target 2001:db8::5
+    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5,
+    1, 1,                    // option: source link-layer address, 8 bytes
+    0x0a, 0x77, 0, 0, 0, 0xb0,  // the interface MAC
+};
+// clang-format on
+
 TEST(NeighSolicit, MessageByteByByte) {
-    // clang-format off
-    const uint8_t expected[kNeighSolicitBytes] = {
-        135, 0,                  // type neighbour solicitation, code 0
-        0, 0,                    // checksum, filled by the kernel
-        0, 0, 0, 0,              // reserved
-        0x20, 0x01, 0x0d, 0xb8,  // target 2001:db8::5
-        0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5,
-        1, 1,                    // option: source link-layer address, 8 bytes
-        0x0a, 0x77, 0, 0, 0, 0xb0,  // the interface MAC
-    };
-    // clang-format on
     std::array<uint8_t, kNeighSolicitBytes + 1> out;
     out.fill(0xee);
     ASSERT_EQ(buildNeighSolicit(kTarget, kBridgeMac, out), kNeighSolicitBytes);
-    EXPECT_EQ(std::memcmp(out.data(), expected, sizeof expected), 0);
+    EXPECT_EQ(std::memcmp(out.data(), kMessage, sizeof kMessage), 0);
     EXPECT_EQ(out.back(), 0xee);  // nothing written past the message
     EXPECT_EQ(buildNeighSolicit(kTarget, kBridgeMac, std::span(out).first(kNeighSolicitBytes - 1)),
               0u);
@@ -42,26 +43,23 @@ TEST(NeighSolicit, MessageByteByByte) {
 
 TEST(NeighSolicit, SolicitedNodeGroupTakesTheLast24Bits) {
     const Address target{0xfd, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x12, 0x34, 0x56, 0x78};
-    const in6_addr group = solicitedNodeAddress(target);
     const Address expected{0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0xff, 0x34, 0x56, 0x78};
-    EXPECT_EQ(std::memcmp(group.s6_addr, expected.data(), expected.size()), 0);
+    EXPECT_EQ(std::memcmp(solicitedNodeAddress(target).s6_addr, expected.data(), 16), 0);
 }
 
 TEST(NeighSolicit, RefusesWhatCannotBeSent) {
-    const std::string tooLong(IFNAMSIZ, 'x');
-    for (const char *name :
-         {static_cast<const char *>(nullptr), "", "hx-no-such0", tooLong.c_str()})
-        EXPECT_EQ(zvt_ipv6_send_neigh_solicit(name, kTarget.data()), -1) << (name ? name : "null");
+    EXPECT_EQ(zvt_ipv6_send_neigh_solicit(nullptr, kTarget.data()), -1);
+    EXPECT_EQ(zvt_ipv6_send_neigh_solicit("hx-no-such0", kTarget.data()), -1);
     EXPECT_EQ(zvt_ipv6_send_neigh_solicit("lo", nullptr), -1);
 }
 
 // Offsets in the captured frame: Ethernet header, then IPv6, then ICMPv6.
 constexpr size_t kIp6 = 14, kIcmp6 = kIp6 + 40;
-constexpr size_t kFrameBytes = kIcmp6 + kNeighSolicitBytes;
 
+// Ours: IPv6, ICMPv6, a solicitation for kTarget, whole.
 bool isOurSolicitation(const uint8_t *frame, ssize_t length) {
-    return length >= static_cast<ssize_t>(kFrameBytes) && frame[12] == 0x86 && frame[13] == 0xdd &&
-           frame[kIp6 + 6] == IPPROTO_ICMPV6 && frame[kIcmp6] == 135 &&
+    return length >= static_cast<ssize_t>(kIcmp6 + kNeighSolicitBytes) && frame[12] == 0x86 &&
+           frame[13] == 0xdd && frame[kIp6 + 6] == IPPROTO_ICMPV6 && frame[kIcmp6] == 135 &&
            std::memcmp(frame + kIcmp6 + 8, kTarget.data(), kTarget.size()) == 0;
 }
 
@@ -72,8 +70,7 @@ int checkFrame(const uint8_t *frame) {
     NETNS_CHECK(std::memcmp(frame + 6, kBridgeMac.data(), kBridgeMac.size()) == 0);
     NETNS_CHECK(frame[kIp6 + 7] == 255);  // hop limit
     NETNS_CHECK(std::memcmp(frame + kIp6 + 24, group, sizeof group) == 0);
-    NETNS_CHECK(frame[kIcmp6 + 1] == 0 && frame[kIcmp6 + 24] == 1 && frame[kIcmp6 + 25] == 1);
-    NETNS_CHECK(std::memcmp(frame + kIcmp6 + 26, kBridgeMac.data(), kBridgeMac.size()) == 0);
+    NETNS_CHECK(std::memcmp(frame + kIcmp6 + 4, kMessage + 4, sizeof kMessage - 4) == 0);
     return kNetnsPassed;
 }
 
@@ -99,15 +96,11 @@ int checkRealSolicitation() {
         return kNetnsNoSetup;
     const UniqueFd capture = captureOn("br0");
     NETNS_CHECK(capture.valid());
-    constexpr int kAttempts = 50;
     uint8_t frame[2048];
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        if (zvt_ipv6_send_neigh_solicit("br0", kTarget.data()) != 0) {
-            (void)recv(capture.get(), frame, sizeof frame, 0);  // wait a little
-            continue;
-        }
-        ssize_t got;
-        while ((got = recv(capture.get(), frame, sizeof frame, 0)) > 0)
+    for (int attempt = 0; attempt < 50; ++attempt) {
+        const bool sent = zvt_ipv6_send_neigh_solicit("br0", kTarget.data()) == 0;
+        ssize_t got;  // when not sent, one receive times out: a short wait
+        while ((got = recv(capture.get(), frame, sizeof frame, 0)) > 0 && sent)
             if (isOurSolicitation(frame, got)) return checkFrame(frame);
     }
     std::fprintf(stderr, "no solicitation for 2001:db8::5 left br0\n");
@@ -115,9 +108,7 @@ int checkRealSolicitation() {
 }
 
 TEST(NeighSolicitKernel, FrameOnARealBridge) {
-    const int status = runInPrivateNetns(checkRealSolicitation);
-    if (const char *why = netnsSkipReason(status)) GTEST_SKIP() << why;
-    EXPECT_EQ(status, kNetnsPassed) << "the child's message above names the failed check";
+    expectPassesInPrivateNetns(checkRealSolicitation);
 }
 
 }  // namespace

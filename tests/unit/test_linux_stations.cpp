@@ -1,5 +1,5 @@
-// Wi-Fi stations: the station-file lines, the directory source behind getWlStaInfo and
-// the mode lookup, and the nl80211 decoders on crafted netlink bytes.
+// Wi-Fi stations: station-file lines, the directory source behind getWlStaInfo and the
+// mode lookup, and the nl80211 decoders on crafted netlink bytes.
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
 #include <linux/nl80211.h>
@@ -11,54 +11,45 @@
 
 namespace {
 
-// --- station file lines ---
+using Mac = std::array<uint8_t, 6>;
 
-struct StationCase {
-    const char *name;
-    const char *line;
-    bool parsed;
-    uint8_t signal = 0;
-    uint32_t rxKbps = 0, txKbps = 0;
-    const char *mode = "";
-};
-
-class StationLine : public ::testing::TestWithParam<StationCase> {};
-
-TEST_P(StationLine, RecordOrSkip) {
-    const StationCase &c = GetParam();
-    wlStaInfo station{};
-    ASSERT_EQ(parseStationLine(c.line, station), c.parsed);
-    if (!c.parsed) return;
-    const uint8_t mac[6] = {0x02, 0, 0, 0, 0, 0xab};
-    EXPECT_EQ(std::memcmp(station.mac, mac, sizeof mac), 0);
-    EXPECT_EQ(+station.inUse, 1);
-    EXPECT_EQ(+station.flags, kStaAssociated);
-    EXPECT_EQ(station.signal, c.signal);
-    EXPECT_EQ(+station.rxRateKbps, c.rxKbps);
-    EXPECT_EQ(+station.txRateKbps, c.txKbps);
-    EXPECT_STREQ(station.mode, c.mode);
+// What the daemon reads of a record; of the MAC, the last byte.
+auto fieldsOf(const wlStaInfo &s) {
+    return std::tuple(+s.mac[5], +s.inUse, +s.flags, +s.signal, +s.rxRateKbps, +s.txRateKbps,
+                      std::string(s.mode, strnlen(s.mode, sizeof s.mode)));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Lines, StationLine,
-    ::testing::Values(
-        StationCase{"Whole", "02:00:00:00:00:ab -44 866 144 ac", true, 56, 866000, 144000, "ac"},
-        StationCase{"Decimals", "02:00:00:00:00:AB -60 5.5 866.67 g\r", true, 40, 5500, 866670,
-                    "g"},
-        StationCase{"ExtraDecimalsDropped", "02:00:00:00:00:ab -60 1.23456 0 n", true, 40, 1234, 0,
-                    "n"},
-        StationCase{"SignalClampedLow", "02:00:00:00:00:ab -250 1 1 n", true, 0, 1000, 1000, "n"},
-        StationCase{"SignalClampedHigh", "02:00:00:00:00:ab 300 1 1 n", true, 255, 1000, 1000, "n"},
-        StationCase{"LongestMode", "02:00:00:00:00:ab -44 1 1 abcdefgh", true, 56, 1000, 1000,
-                    "abcdefgh"},
-        StationCase{"OverlongMode", "02:00:00:00:00:ab -44 1 1 abcdefghi", false},
-        StationCase{"NoMode", "02:00:00:00:00:ab -44 1 1", false},
-        StationCase{"ExtraField", "02:00:00:00:00:ab -44 1 1 n x", false},
-        StationCase{"RateEndsInDot", "02:00:00:00:00:ab -44 5. 1 n", false},
-        StationCase{"RateTooLarge", "02:00:00:00:00:ab -44 4294968 1 n", false},
-        StationCase{"SignalNotANumber", "02:00:00:00:00:ab weak 1 1 n", false},
-        StationCase{"BadMac", "02:00:00:00:ab -44 1 1 n", false}),
-    [](const auto &param) { return std::string(param.param.name); });
+// --- station file lines ---
+
+TEST(StationLine, AcceptedLinesGiveTheRecord) {
+    const std::tuple<const char *, int, uint32_t, uint32_t, const char *> cases[] = {
+        {"02:00:00:00:00:ab -44 866 144 ac", 56, 866000, 144000, "ac"},
+        {"02:00:00:00:00:AB -60 5.5 866.67 g\r", 40, 5500, 866670, "g"},  // decimals, CR
+        {"02:00:00:00:00:ab -60 1.23456 0 n", 40, 1234, 0, "n"},  // digits past kb/s dropped
+        {"02:00:00:00:00:ab -250 1 1 abcdefgh", 0, 1000, 1000, "abcdefgh"},  // clamped; longest
+        {"02:00:00:00:00:ab 300 1 1 n", 255, 1000, 1000, "n"},               // clamped high
+    };
+    for (const auto &[line, signal, rxKbps, txKbps, mode] : cases) {
+        wlStaInfo s{};
+        ASSERT_TRUE(parseStationLine(line, s)) << line;
+        EXPECT_EQ(fieldsOf(s), std::tuple(0xab, 1, +kStaAssociated, signal, rxKbps, txKbps, mode))
+            << line;
+    }
+}
+
+TEST(StationLine, MalformedLinesAreSkipped) {
+    const char *const lines[] = {
+        "02:00:00:00:00:ab -44 1 1 abcdefghi",  // mode over 8 characters
+        "02:00:00:00:00:ab -44 1 1",            // no mode
+        "02:00:00:00:00:ab -44 1 1 n x",        // a field too many
+        "02:00:00:00:00:ab -44 5. 1 n",         // rate ends in a dot
+        "02:00:00:00:00:ab -44 4294968 1 n",    // rate over 2^32 kb/s
+        "02:00:00:00:00:ab weak 1 1 n",         // signal no number
+        "02:00:00:00:ab -44 1 1 n",             // MAC of five bytes
+    };
+    wlStaInfo s{};
+    for (const char *line : lines) EXPECT_FALSE(parseStationLine(line, s)) << line;
+}
 
 // --- the directory source ---
 
@@ -69,218 +60,158 @@ class StationDirectory : public HostrixRootTest {
         std::filesystem::create_directories(root_.file("stations"));
         writeConfig("stations = dir:" + root_.file("stations") + "\n");
     }
-    void writeStations(const std::string &ifname, const std::string &text) const {
-        std::ofstream(root_.file("stations/" + ifname)) << text;
+    int read(const char *ifname, const std::string &wlan0) {
+        std::ofstream(root_.file("stations/wlan0")) << wlan0;
+        return getWlStaInfo(ifname, buffer_.data());
+    }
+    static std::string modeOf(const char *ifname, uint8_t macEnd) {
+        char mode[9] = "zz";
+        const Mac mac{2, 0, 0, 0, 0, macEnd};
+        EXPECT_EQ(zvt_wlan_get_sta_wireless_mode(ifname, mac.data(), 1, mode), 0);
+        return mode;
     }
     // One record more than the daemon hands over, to catch a write past the buffer.
     std::array<wlStaInfo, kMaxStaNum + 1> buffer_{};
 };
 
-TEST_F(StationDirectory, RecordsFromPositionOneSkippingBadLines) {
-    writeStations("wlan1",
-                  "02:00:00:00:00:01 -44 866 866 ac\nbad line\n02:00:00:00:00:02 -70 54 6 g\n");
-    ASSERT_EQ(getWlStaInfo("wlan1", buffer_.data()), 2);
-    EXPECT_EQ(+buffer_[0].inUse, 0);
-    EXPECT_EQ(buffer_[1].mac[5], 1);
-    EXPECT_EQ(buffer_[2].mac[5], 2);
-    EXPECT_EQ(buffer_[2].signal, 30);
-    EXPECT_EQ(+buffer_[3].inUse, 0);
-    char mode[9] = "zz";
-    const uint8_t second[6] = {2, 0, 0, 0, 0, 2}, unknown[6] = {2, 0, 0, 0, 0, 9};
-    EXPECT_EQ(zvt_wlan_get_sta_wireless_mode("wlan1", second, 1, mode), 0);
-    EXPECT_STREQ(mode, "g");
-    EXPECT_EQ(zvt_wlan_get_sta_wireless_mode("wlan1", unknown, 1, mode), 0);
-    EXPECT_STREQ(mode, "");
+TEST_F(StationDirectory, PositionsOneToSixtyFourSkippingBadLines) {
+    std::string text = "02:00:00:00:00:01 -44 1 1 ac\nbad line\n02:00:00:00:00:02 -70 1 1 g\n";
+    for (int i = 0; i < 70; ++i) text += "02:00:00:00:00:03 -50 1 1 n\n";
+    ASSERT_EQ(read("wlan0", text), 64);
+    EXPECT_EQ(std::tuple(+buffer_[0].inUse, +buffer_[1].mac[5], +buffer_[2].mac[5],
+                         +buffer_[2].signal, +buffer_[64].inUse, +buffer_[kMaxStaNum].inUse),
+              std::tuple(0, 1, 2, 30, 1, 0));
+    EXPECT_EQ(modeOf("wlan0", 2), "g");
+    EXPECT_EQ(modeOf("wlan0", 9), "");
 }
 
-TEST_F(StationDirectory, AtMostSixtyFourStations) {
-    std::string text;
-    for (int i = 1; i <= 70; ++i)
-        text += "02:00:00:00:01:" + std::to_string(10 + i) + " -50 1 1 n\n";
-    writeStations("wlan0", text);
-    ASSERT_EQ(getWlStaInfo("wlan0", buffer_.data()), 64);
-    EXPECT_EQ(+buffer_[64].inUse, 1);
-    EXPECT_EQ(+buffer_[kMaxStaNum].inUse, 0);
+TEST_F(StationDirectory, EmptyFileHasNoneMissingFileOrForeignNameIsUnreadable) {
+    EXPECT_EQ(read("wlan0", ""), 0);
+    for (const char *name : {"wlan1", "../stations/wlan0", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(getWlStaInfo(name, buffer_.data()), -1) << (name ? name : "null");
+    EXPECT_EQ(modeOf("wlan1", 1), "");
 }
 
-TEST_F(StationDirectory, MissingFileOrBadNameIsUnreadable) {
-    writeStations("wlan0", "");
-    EXPECT_EQ(getWlStaInfo("wlan0", buffer_.data()), 0);
-    EXPECT_EQ(getWlStaInfo("wlan1", buffer_.data()), -1);
-    EXPECT_EQ(getWlStaInfo("../stations/wlan0", buffer_.data()), -1);
-    EXPECT_EQ(getWlStaInfo(nullptr, buffer_.data()), -1);
-    char mode[9] = "zz";
-    EXPECT_EQ(zvt_wlan_get_sta_wireless_mode("wlan1", buffer_[0].mac, 1, mode), 0);
-    EXPECT_STREQ(mode, "");
-}
-
-// --- nl80211 ---
+// --- nl80211: messages and attributes as the kernel lays them out ---
 
 constexpr uint32_t kSeq = 7;
 constexpr uint16_t kFamily = 0x1c;
+constexpr uint32_t kAssociated = 1u << NL80211_STA_FLAG_ASSOCIATED;
+constexpr uint32_t kAuthorized = 1u << NL80211_STA_FLAG_AUTHORIZED;
+using Bytes = std::vector<uint8_t>;
 
-// Netlink messages and (nested) attributes, lengths filled in by end().
-class NlBuilder {
-   public:
-    NlBuilder &message(uint16_t type, uint32_t seq) {
-        open_.push_back({bytes_.size(), true});
-        nlmsghdr header{0, type, 0, seq, 0};
-        return put(&header, sizeof header);
-    }
-    NlBuilder &genl(uint8_t command) {
-        genlmsghdr header{command, 1, 0};
-        return put(&header, sizeof header);
-    }
-    template <typename T>
-    NlBuilder &attr(uint16_t type, const T &value) {
-        nlattr header{static_cast<uint16_t>(NLA_HDRLEN + sizeof value), type};
-        return put(&header, sizeof header).put(&value, sizeof value).pad();
-    }
-    template <typename T>
-    NlBuilder &raw(const T &value) {
-        return put(&value, sizeof value).pad();
-    }
-    NlBuilder &nest(uint16_t type) {
-        open_.push_back({bytes_.size(), false});
-        nlattr header{0, static_cast<uint16_t>(type | NLA_F_NESTED)};
-        return put(&header, sizeof header);
-    }
-    NlBuilder &end() {
-        auto [at, isMessage] = open_.back();
-        open_.pop_back();
-        uint32_t length = static_cast<uint32_t>(bytes_.size() - at);
-        if (isMessage) std::memcpy(&bytes_[at], &length, sizeof length);
-        uint16_t short_length = static_cast<uint16_t>(length);
-        if (!isMessage) std::memcpy(&bytes_[at], &short_length, sizeof short_length);
-        return *this;
-    }
-    std::vector<uint8_t> &bytes() { return bytes_; }
-
-   private:
-    NlBuilder &put(const void *data, size_t size) {
-        auto *p = static_cast<const uint8_t *>(data);
-        bytes_.insert(bytes_.end(), p, p + size);
-        return *this;
-    }
-    NlBuilder &pad() {
-        while (bytes_.size() % NLA_ALIGNTO) bytes_.push_back(0);
-        return *this;
-    }
-    std::vector<uint8_t> bytes_;
-    std::vector<std::pair<size_t, bool>> open_;
-};
-
-using Mac = std::array<uint8_t, 6>;
-
-// A VHT station (-50 dBm, rx 866.7 Mb/s) with FLAGS set of associated|authorized.
-void vhtStation(NlBuilder &b, const Mac &mac, uint32_t flagsSet) {
-    const uint32_t both = 1u << NL80211_STA_FLAG_ASSOCIATED | 1u << NL80211_STA_FLAG_AUTHORIZED;
-    b.message(kFamily, kSeq).genl(NL80211_CMD_NEW_STATION).attr(NL80211_ATTR_IFINDEX, 3u);
-    b.attr(NL80211_ATTR_MAC, mac)
-        .nest(NL80211_ATTR_STA_INFO)
-        .attr(NL80211_STA_INFO_SIGNAL, int8_t{-50});
-    b.nest(NL80211_STA_INFO_RX_BITRATE).attr(NL80211_RATE_INFO_BITRATE, uint16_t{1});
-    b.attr(NL80211_RATE_INFO_BITRATE32, 8667u).attr(NL80211_RATE_INFO_VHT_MCS, uint8_t{9}).end();
-    b.attr(NL80211_STA_INFO_STA_FLAGS, nl80211_sta_flag_update{both, flagsSet}).end().end();
+template <typename T>
+Bytes raw(const T &value) {
+    Bytes out(sizeof value);
+    std::memcpy(out.data(), &value, sizeof value);
+    return out;
 }
 
-// A legacy station (-70 dBm, tx 54 Mb/s) without flags.
-void legacyStation(NlBuilder &b, const Mac &mac) {
-    b.message(kFamily, kSeq).genl(NL80211_CMD_NEW_STATION).attr(NL80211_ATTR_MAC, mac);
-    b.nest(NL80211_ATTR_STA_INFO).attr(NL80211_STA_INFO_SIGNAL, int8_t{-70});
-    b.nest(NL80211_STA_INFO_TX_BITRATE).attr(NL80211_RATE_INFO_BITRATE, uint16_t{540}).end();
-    b.end().end();
+Bytes join(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes &part : parts) out.insert(out.end(), part.begin(), part.end());
+    return out;
 }
 
-void done(NlBuilder &b) {
-    b.message(NLMSG_DONE, kSeq).raw(0).end();  // payload: error 0
+// The length counts the payload; the padding after it does not.
+Bytes attr(int type, Bytes payload) {
+    const nlattr header{static_cast<uint16_t>(NLA_HDRLEN + payload.size()),
+                        static_cast<uint16_t>(type)};
+    payload.resize(NLA_ALIGN(payload.size()));
+    return join({raw(header), payload});
 }
 
-class Nl80211Dump : public ::testing::Test {
-   protected:
-    NlDumpState decode(const std::vector<uint8_t> &bytes) {
-        collector_ = StationCollector{stations_};
-        return nl80211DecodeStationDump(bytes, kSeq, kFamily, collector_);
-    }
-    std::array<wlStaInfo, 4> stations_{};
-    StationCollector collector_;
-    const Mac a_{2, 0, 0, 0, 0, 0xa}, b_{2, 0, 0, 0, 0, 0xb}, c_{2, 0, 0, 0, 0, 0xc};
-};
-
-TEST_F(Nl80211Dump, VhtLegacyAndUnauthorizedStations) {
-    NlBuilder b;
-    vhtStation(b, a_, ~0u);
-    b.message(kFamily, kSeq + 1).genl(NL80211_CMD_NEW_STATION).attr(NL80211_ATTR_MAC, b_).end();
-    legacyStation(b, b_);
-    vhtStation(b, c_, 1u << NL80211_STA_FLAG_ASSOCIATED);
-    done(b);
-    ASSERT_EQ(decode(b.bytes()), NlDumpState::Done);
-    ASSERT_EQ(collector_.count, 3u);  // the other sequence's station is passed over
-    const wlStaInfo &vht = stations_[0], &legacy = stations_[1];
-    EXPECT_EQ(std::memcmp(vht.mac, a_.data(), 6), 0);
-    EXPECT_EQ(std::tuple(+vht.inUse, +vht.flags, +vht.signal, +vht.rxRateKbps, +vht.txRateKbps),
-              std::tuple(1, +kStaAssociated, 50, 866700u, 0u));
-    EXPECT_STREQ(vht.mode, "ac");
-    EXPECT_EQ(std::memcmp(legacy.mac, b_.data(), 6), 0);
-    EXPECT_EQ(std::tuple(+legacy.flags, +legacy.signal, +legacy.txRateKbps),
-              std::tuple(+kStaAssociated, 30, 54000u));
-    EXPECT_STREQ(legacy.mode, "g");
-    EXPECT_EQ(std::tuple(+stations_[2].inUse, +stations_[2].flags), std::tuple(1, 0));  // no auth
+Bytes message(uint16_t type, uint32_t seq, const Bytes &payload) {
+    const nlmsghdr header{static_cast<uint32_t>(NLMSG_HDRLEN + payload.size()), type, 0, seq, 0};
+    return join({raw(header), payload});
 }
 
-TEST_F(Nl80211Dump, EveryTruncationStopsShortOfDone) {
-    NlBuilder b;
-    vhtStation(b, a_, ~0u);
-    legacyStation(b, b_);
-    done(b);
-    for (size_t size = 0; size < b.bytes().size(); ++size) {
-        std::vector<uint8_t> prefix(b.bytes().begin(), b.bytes().begin() + size);
-        EXPECT_NE(decode(prefix), NlDumpState::Done) << size;
-        EXPECT_LE(collector_.count, 2u);
-    }
+Bytes genl(uint8_t command, const Bytes &attributes) {
+    return join({raw(genlmsghdr{command, 1, 0}), attributes});
 }
 
-TEST_F(Nl80211Dump, OverrunsAndErrors) {
-    NlBuilder b;
-    vhtStation(b, a_, ~0u);
-    const size_t infoLengthAt = sizeof(nlmsghdr) + GENL_HDRLEN + 8 + 12;  // after IFINDEX, MAC
-    b.bytes()[infoLengthAt] = 0xf0;  // STA_INFO claims more than its message holds
-    legacyStation(b, b_);
-    done(b);
-    ASSERT_EQ(decode(b.bytes()), NlDumpState::Done);
-    ASSERT_EQ(collector_.count, 1u);  // the broken station alone is dropped
-    EXPECT_EQ(stations_[0].mac[5], 0xb);
+Bytes station(const Mac &mac, const Bytes &info, uint32_t seq = kSeq) {
+    return message(kFamily, seq,
+                   genl(NL80211_CMD_NEW_STATION,
+                        join({attr(NL80211_ATTR_IFINDEX, raw(3u)), attr(NL80211_ATTR_MAC, raw(mac)),
+                              attr(NL80211_ATTR_STA_INFO | NLA_F_NESTED, info)})));
+}
 
-    const uint32_t tooLong = 0x10000;  // nlmsg_len past the chunk: nothing after it is trusted
-    std::memcpy(b.bytes().data(), &tooLong, sizeof tooLong);
-    EXPECT_EQ(decode(b.bytes()), NlDumpState::Failed);
-    NlBuilder error;
-    error.message(NLMSG_ERROR, kSeq).raw(-ENODEV).end();
-    EXPECT_EQ(decode(error.bytes()), NlDumpState::Failed);
+Bytes signal(int8_t dbm) {
+    return attr(NL80211_STA_INFO_SIGNAL, raw(dbm));
+}
+
+Bytes staFlags(uint32_t mask, uint32_t set) {
+    return attr(NL80211_STA_INFO_STA_FLAGS, raw(nl80211_sta_flag_update{mask, set}));
+}
+
+const Mac kMacA{2, 0, 0, 0, 0, 0xa}, kMacB{2, 0, 0, 0, 0, 0xb};
+const Bytes kDone = message(NLMSG_DONE, kSeq, raw(0));
+
+// How the dump chunk BYTES left the dump, and its stations (room for four).
+std::pair<NlDumpState, std::vector<wlStaInfo>> decodeDump(const Bytes &bytes) {
+    std::array<wlStaInfo, 4> slots{};
+    StationCollector collector{slots};
+    const NlDumpState state = nl80211DecodeStationDump(bytes, kSeq, kFamily, collector);
+    return {state, std::vector<wlStaInfo>(slots.begin(), slots.begin() + collector.count)};
+}
+
+TEST(Nl80211Dump, VhtLegacyAndUnauthorizedStations) {
+    // The 32-bit rate comes first: the 16-bit one after it must not replace it.
+    const Bytes vhtRx = attr(NL80211_STA_INFO_RX_BITRATE | NLA_F_NESTED,
+                             join({attr(NL80211_RATE_INFO_BITRATE32, raw(8667u)),
+                                   attr(NL80211_RATE_INFO_BITRATE, raw(uint16_t{1})),
+                                   attr(NL80211_RATE_INFO_VHT_MCS, raw(uint8_t{9}))}));
+    const Bytes legacyTx =
+        attr(NL80211_STA_INFO_TX_BITRATE, attr(NL80211_RATE_INFO_BITRATE, raw(uint16_t{540})));
+    // The first station's flags leave authorized out of the mask: it does not count.
+    const auto [state, stations] = decodeDump(join({
+        station(kMacA, join({signal(-50), vhtRx, staFlags(kAssociated, kAssociated)})),
+        station(kMacA, {}, kSeq + 1),  // another dump's
+        station(kMacB, join({signal(-70), legacyTx})),
+        station(kMacA, staFlags(kAssociated | kAuthorized, kAssociated)),  // not authorized
+        kDone,
+    }));
+    ASSERT_EQ(state, NlDumpState::Done);
+    ASSERT_EQ(stations.size(), 3u);
+    EXPECT_EQ(fieldsOf(stations[0]), std::tuple(0xa, 1, +kStaAssociated, 50, 866700u, 0u, "ac"));
+    EXPECT_EQ(fieldsOf(stations[1]), std::tuple(0xb, 1, +kStaAssociated, 30, 0u, 54000u, "g"));
+    EXPECT_EQ(fieldsOf(stations[2]), std::tuple(0xa, 1, 0, 0, 0u, 0u, ""));
+}
+
+TEST(Nl80211Dump, BrokenStationDroppedBrokenChunkOrErrorFails) {
+    // STA_INFO claims more than its message holds: that station alone is dropped.
+    const Bytes broken = message(
+        kFamily, kSeq,
+        genl(NL80211_CMD_NEW_STATION,
+             join({attr(NL80211_ATTR_MAC, raw(kMacA)), raw(nlattr{0xf0, NL80211_ATTR_STA_INFO})})));
+    const Bytes good = station(kMacB, signal(-70));
+    const auto [state, stations] = decodeDump(join({broken, good, kDone}));
+    ASSERT_EQ(state, NlDumpState::Done);
+    ASSERT_EQ(stations.size(), 1u);
+    EXPECT_EQ(stations[0].mac[5], 0xb);
+    EXPECT_EQ(decodeDump(Bytes(good.begin(), good.end() - 1)).first, NlDumpState::Failed);  // cut
+    EXPECT_EQ(decodeDump(join({good, good, good, good, good, kDone})).second.size(), 4u);   // room
+    EXPECT_EQ(decodeDump(message(NLMSG_DONE, kSeq, raw(-EINTR))).first, NlDumpState::Failed);
+    EXPECT_EQ(decodeDump(message(NLMSG_ERROR, kSeq, raw(-ENODEV))).first, NlDumpState::Failed);
 }
 
 TEST(Nl80211Family, IdFromTheAnswerToOurRequest) {
-    NlBuilder b;
-    b.message(GENL_ID_CTRL, kSeq + 1)
-        .genl(CTRL_CMD_NEWFAMILY)
-        .attr(CTRL_ATTR_FAMILY_ID, uint16_t{9})
-        .end();
-    EXPECT_EQ(nl80211DecodeFamilyReply(b.bytes(), kSeq), 0);  // not ours yet
-    b.message(GENL_ID_CTRL, kSeq).genl(CTRL_CMD_NEWFAMILY).attr(CTRL_ATTR_FAMILY_ID, kFamily).end();
-    EXPECT_EQ(nl80211DecodeFamilyReply(b.bytes(), kSeq), kFamily);
-    NlBuilder error;
-    error.message(NLMSG_ERROR, kSeq).raw(-ENOENT).end();
-    EXPECT_EQ(nl80211DecodeFamilyReply(error.bytes(), kSeq), -1);
-    error.bytes().resize(sizeof(nlmsghdr) - 1);
-    EXPECT_EQ(nl80211DecodeFamilyReply(error.bytes(), kSeq), -1);
+    auto answer = [](uint32_t seq, uint16_t id) {
+        return message(GENL_ID_CTRL, seq,
+                       genl(CTRL_CMD_NEWFAMILY, attr(CTRL_ATTR_FAMILY_ID, raw(id))));
+    };
+    EXPECT_EQ(nl80211DecodeFamilyReply(answer(kSeq + 1, 9), kSeq), 0);  // not ours yet
+    EXPECT_EQ(nl80211DecodeFamilyReply(join({answer(kSeq + 1, 9), answer(kSeq, kFamily)}), kSeq),
+              kFamily);
+    EXPECT_EQ(nl80211DecodeFamilyReply(message(NLMSG_ERROR, kSeq, raw(-ENOENT)), kSeq), -1);
 }
 
 // No radio here: the real socket path must answer -1 for what is not a wireless device.
 TEST(Nl80211Socket, NoWirelessInterfaceIsUnreadable) {
     std::array<wlStaInfo, kMaxStationsPerInterface> stations{};
-    EXPECT_EQ(nl80211ReadStations("lo", stations), -1);
-    EXPECT_EQ(nl80211ReadStations("hx-no-such0", stations), -1);
-    EXPECT_EQ(nl80211ReadStations(nullptr, stations), -1);
+    for (const char *name : {"lo", "hx-no-such0", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(nl80211ReadStations(name, stations), -1) << (name ? name : "null");
 }
 
 }  // namespace

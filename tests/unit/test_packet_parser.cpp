@@ -1,6 +1,6 @@
+#include <arpa/inet.h>
+
 #include <algorithm>
-#include <cstring>
-#include <functional>
 #include <memory>
 #include <regex>
 #include <string>
@@ -12,115 +12,73 @@
 
 namespace {
 
-using Frame = std::vector<uint8_t>;
-using Ip = std::array<uint8_t, 4>;
+using Frame = std::vector<uint8_t>;  // also MACs and IPv4 addresses, in wire order
 
-const fake::Mac kHost = fake::mac(0x02, 0, 0, 0, 0, 0x01);
-const fake::Mac kGateway = fake::mac(0x02, 0xaa, 0xbb, 0xcc, 0xdd, 0xee);
-const fake::Mac kZero{};
-const Ip kHostIp{192, 168, 1, 20};
-const Ip kGatewayIp{192, 168, 1, 1};
-
-template <typename Range>
-void put(Frame &f, const Range &bytes) {
-    f.insert(f.end(), bytes.begin(), bytes.end());
-}
-void put16(Frame &f, uint16_t v) {
-    put(f, Frame{uint8_t(v >> 8), uint8_t(v)});
+Frame operator+(Frame a, const Frame &b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
 }
 
-Frame ethernet(const fake::Mac &source, uint16_t type) {
-    Frame f(6, 0xff);  // destination: broadcast
-    put(f, source);    // source MAC
-    put16(f, type);    // EtherType
-    return f;
+const Frame kHost{0x02, 0, 0, 0, 0, 0x01};
+const Frame kGateway{0x02, 0xaa, 0xbb, 0xcc, 0xdd, 0xee};
+const Frame kZero(6, 0);
+const Frame kHostIp{192, 168, 1, 20};
+const Frame kGatewayIp{192, 168, 1, 1};
+
+Frame ethernet(const Frame &source, uint16_t type) {
+    return Frame(6, 0xff) + source + Frame{uint8_t(type >> 8), uint8_t(type)};
 }
 
-Frame arp(uint16_t op, const fake::Mac &sender, const Ip &senderIp, const fake::Mac &target,
-          const Ip &targetIp) {
-    Frame f = ethernet(sender, 0x0806);
-    put16(f, 1);                       // hardware type: Ethernet
-    put16(f, 0x0800);                  // protocol type: IPv4
-    put(f, Frame{6, 4});               // hardware and protocol sizes
-    put16(f, op);                      // operation
-    put(f, sender), put(f, senderIp);  // sender MAC and address
-    put(f, target), put(f, targetIp);  // target MAC and address
-    return f;
+Frame arp(uint8_t op, const Frame &sender, const Frame &senderIp, const Frame &target,
+          const Frame &targetIp) {
+    // Ethernet, IPv4, sizes 6 and 4, operation; then the two pairs.
+    return ethernet(sender, 0x0806) + Frame{0, 1, 0x08, 0, 6, 4, 0, op} + sender + senderIp +
+           target + targetIp;
 }
 
-Frame ipv4(const fake::Mac &source, uint8_t proto, const Ip &from, const Frame &payload) {
-    Frame f = ethernet(source, 0x0800);
-    put(f, Frame{0x45, 0});                        // version 4, header 5 words; TOS
-    put16(f, uint16_t(20 + payload.size()));       // total length
-    put(f, Frame(4, 0));                           // id, flags, fragment offset
-    put(f, Frame{64, proto, 0, 0});                // TTL, protocol, checksum
-    put(f, from), put(f, Ip{255, 255, 255, 255});  // source, destination
-    put(f, payload);
-    return f;
+// From the host to the broadcast address; the total length is not read.
+Frame ipv4(uint8_t proto, const Frame &from, const Frame &payload, uint8_t versionIhl = 0x45) {
+    return ethernet(kHost, 0x0800) + Frame{versionIhl, 0, 0, 0, 0, 0, 0, 0, 64, proto, 0, 0} +
+           from + Frame(4, 255) + payload;
 }
 
-Frame udp(uint16_t dport, const Frame &payload, int lengthExtra = 0) {
-    Frame f;
-    put16(f, 68), put16(f, dport);                         // ports
-    put16(f, uint16_t(8 + payload.size() + lengthExtra));  // length
-    put16(f, 0);                                           // checksum
-    put(f, payload);
-    return f;
-}
-
-// BOOTP fixed part (op, xid, yiaddr, giaddr, chaddr, cookie) followed by OPTIONS.
-Frame dhcp(const fake::Mac &client, const Ip &yiaddr, const Frame &options) {
-    Frame f(240, 0);
-    f[0] = 2;                                                 // op: reply
-    f[4] = 0xde, f[5] = 0xad, f[6] = 0xbe, f[7] = 0xef;       // transaction id
-    std::copy(yiaddr.begin(), yiaddr.end(), f.begin() + 16);  // yiaddr
-    std::copy(client.begin(), client.end(), f.begin() + 28);  // chaddr
-    f[236] = 99, f[237] = 130, f[238] = 83, f[239] = 99;      // magic cookie
-    put(f, options);
-    return f;
-}
-
-// A UDP datagram from the host to PORT, its length field LENGTHEXTRA beyond the data.
+// A UDP datagram from port 68 to PORT, its length field LENGTHEXTRA beyond the data.
 Frame toServer(const Frame &payload, uint16_t port = 67, int lengthExtra = 0) {
-    return ipv4(kHost, 17, Ip{}, udp(port, payload, lengthExtra));
+    auto length = uint16_t(8 + payload.size() + lengthExtra);
+    Frame udp{0, 68, uint8_t(port >> 8), uint8_t(port), uint8_t(length >> 8), uint8_t(length),
+              0, 0};
+    return ipv4(17, Frame(4, 0), udp + payload);
 }
 
-Frame dhcpFrame(uint8_t type, const Frame &moreOptions = {}) {
-    Frame options{53, 1, type};  // message type
-    put(options, moreOptions);
-    options.push_back(255);  // end
-    return toServer(dhcp(kHost, kHostIp, options));
+// BOOTP reply for the host: op and xid, yiaddr at 16, chaddr at 28, cookie; then OPTIONS.
+Frame dhcp(const Frame &options) {
+    return Frame{2, 0, 0, 0, 0xde, 0xad, 0xbe, 0xef} + Frame(8, 0) + kHostIp + Frame(8, 0) + kHost +
+           Frame(202, 0) + Frame{99, 130, 83, 99} + options;
+}
+
+// No end option: the last option ends exactly at the frame's end.
+Frame dhcpFrame(uint8_t type, const Frame &moreOptions = {}, uint16_t port = 67) {
+    return toServer(dhcp(Frame{53, 1, type} + moreOptions), port);
 }
 
 Frame hostName(const std::string &name) {
-    Frame f{12, uint8_t(name.size())};
-    for (char c : name) f.push_back(static_cast<uint8_t>(c));  // GCC 12 misreads an insert here
-    return f;
+    return Frame{12, uint8_t(name.size())} + Frame(name.begin(), name.end());
 }
 
 // An exactly sized heap copy, so that ASan catches any read past the frame.
-int parse(const Frame &frame, size_t length) {
-    std::unique_ptr<uint8_t[]> copy(new uint8_t[length]);
-    std::copy_n(frame.begin(), length, copy.get());
-    return parse_packet(copy.get(), length);
-}
 int parse(const Frame &frame) {
-    return parse(frame, frame.size());
+    auto copy = std::make_unique<uint8_t[]>(frame.size());
+    std::copy(frame.begin(), frame.end(), copy.get());
+    return parse_packet(copy.get(), frame.size());
 }
 
-struct Sighting {
-    int found = 0;
-    Ip ip{};
-    std::string name;
-};
-Sighting lookup(const fake::Mac &mac) {
-    Sighting s;
-    char name[kNeighborNameLen] = {};
+// "ADDRESS NAME" as the cache hands them out for MAC, or "none".
+std::string lookup(const Frame &mac) {
     uint32_t ip = 0;
-    s.found = getSnifferNeighborHost(mac.data(), &ip, name, sizeof name);
-    std::memcpy(s.ip.data(), &ip, 4);
-    s.name = name;
-    return s;
+    char name[kNeighborNameLen] = {};
+    if (!getSnifferNeighborHost(mac.data(), &ip, name, sizeof name)) return "none";
+    char text[INET_ADDRSTRLEN];
+    return std::string(inet_ntop(AF_INET, &ip, text, sizeof text)) + " " + name;
 }
 
 std::string dump() {
@@ -129,133 +87,88 @@ std::string dump() {
     return ::testing::internal::GetCapturedStdout();
 }
 
-class NeighborTest : public HostrixTest {
-   protected:
-    void SetUp() override {
-        HostrixTest::SetUp();
-        aging_neighbor_host(1);
-    }
-    void TearDown() override { aging_neighbor_host(1); }
-};
+class NeighborTest : public HostrixTest {};
 
-TEST_F(NeighborTest, ArpReplyRecordsSenderAndTargetUnlessTheirMacIsZero) {
-    EXPECT_EQ(parse(arp(2, kHost, kHostIp, kGateway, kGatewayIp)), 0);
-    EXPECT_EQ(lookup(kHost).found, 1);
-    EXPECT_EQ(lookup(kHost).ip, kHostIp);
-    EXPECT_EQ(lookup(kGateway).ip, kGatewayIp);
-
-    aging_neighbor_host(1);
+TEST_F(NeighborTest, ArpRepliesAndOtherIpv4RecordTheirPairsButNoZeroMac) {
+    EXPECT_EQ(parse(Frame(13, 0)), -1);
     parse(arp(2, kZero, kHostIp, kGateway, kGatewayIp));
     parse(arp(2, kHost, kHostIp, kZero, kGatewayIp));
-    EXPECT_EQ(dump(),
-              "### Neighbor Host:\n"
-              "    HOST 02AABBCCDDEE IP 192.168.1.1 timeout 1200 NAME \n"
-              "    HOST 020000000001 IP 192.168.1.20 timeout 1200 NAME \n\n");
+    EXPECT_EQ(lookup(kHost), "192.168.1.20 ");
+    EXPECT_EQ(lookup(kGateway), "192.168.1.1 ");
+    EXPECT_EQ(lookup(kZero), "none");
+    parse(ipv4(2, Frame{192, 168, 1, 21}, Frame(8, 0)));  // IGMP: Ethernet and IPv4 sources
+    EXPECT_EQ(lookup(kHost), "192.168.1.21 ");
 }
 
-TEST_F(NeighborTest, IgmpRecordsTheEthernetSourceWithTheIpv4Source) {
-    parse(ipv4(kHost, 2, kHostIp, Frame(8, 0)));
-    EXPECT_EQ(lookup(kHost).ip, kHostIp);
-}
-
-TEST_F(NeighborTest, AckRecordsYiaddrAndNameAndReleaseClearsTheAddressOnly) {
-    parse(dhcpFrame(5, hostName("phone")));
-    EXPECT_EQ(lookup(kHost).ip, kHostIp);
-    EXPECT_EQ(lookup(kHost).name, "phone");
-
-    parse(dhcpFrame(7, hostName("phone-2")));
-    EXPECT_EQ(lookup(kHost).found, 0);
-    parse(arp(2, kHost, kHostIp, kGateway, kGatewayIp));  // no name: the old one stays
-    EXPECT_EQ(lookup(kHost).name, "phone-2");
-}
-
-TEST_F(NeighborTest, LongNameKeepsSixtyThreeCharactersAndShortBufferIsNotTerminated) {
-    parse(dhcpFrame(5, hostName(std::string(70, 'n'))));
-    EXPECT_EQ(lookup(kHost).name, std::string(63, 'n'));
-    char name[4] = {'x', 'x', 'x', 'x'};
+TEST_F(NeighborTest, DhcpRecordsAddressAndNameAndOnlyUsableAddressesAreHandedOut) {
+    parse(dhcpFrame(5, hostName(std::string(70, 'n'))));  // ACK
+    EXPECT_EQ(lookup(kHost), "192.168.1.20 " + std::string(63, 'n'));
+    char name[4] = {'x', 'x', 'x', 'x'};  // a full buffer is left unterminated
     EXPECT_EQ(getSnifferNeighborHost(kHost.data(), nullptr, name, sizeof name), 1);
     EXPECT_EQ(std::string(name, 4), "nnnn");
-}
-
-TEST_F(NeighborTest, LinkLocalAddressIsCachedButNotHandedOut) {
-    parse(arp(2, kHost, Ip{169, 254, 7, 9}, kGateway, kGatewayIp));
-    EXPECT_EQ(lookup(kHost).found, 0);
-    EXPECT_NE(dump().find("IP 169.254.7.9"), std::string::npos);
+    // RELEASE, a pad before its name: the address becomes 0, the name is taken.
+    parse(dhcpFrame(7, Frame{0} + hostName("phone") + Frame{50, 4, 10, 0, 0, 9}));
+    EXPECT_EQ(lookup(kHost), "none");
+    parse(dhcpFrame(2, {}, 68));  // OFFER without a name: the old one stays
+    EXPECT_EQ(lookup(kHost), "192.168.1.20 phone");
+    parse(arp(2, kHost, Frame{169, 254, 7, 9}, kZero, kGatewayIp));
+    EXPECT_EQ(lookup(kHost), "none");
 }
 
 TEST_F(NeighborTest, AgeingRemovesAtTwelveHundredSecondsAndDumpShowsTimeLeft) {
     parse(arp(2, kHost, kHostIp, kZero, kGatewayIp));
     fake::advanceSeconds(1);
     parse(arp(2, kGateway, kGatewayIp, kZero, kHostIp));
-    fake::advanceSeconds(1198);
-    EXPECT_NE(dump().find("IP 192.168.1.20 timeout    1 NAME"), std::string::npos);
-    fake::advanceSeconds(6);
-    EXPECT_NE(dump().find("IP 192.168.1.20 timeout   -5 NAME"), std::string::npos);
-    EXPECT_NE(dump().find("IP 192.168.1.1 timeout   -4 NAME"), std::string::npos);
-    fake::advanceSeconds(-5);  // host at 1200, gateway at 1199
+    fake::advanceSeconds(1200);
+    EXPECT_EQ(dump(),
+              "### Neighbor Host:\n"
+              "    HOST 020000000001 IP 192.168.1.20 timeout   -1 NAME \n"
+              "    HOST 02AABBCCDDEE IP 192.168.1.1 timeout    0 NAME \n\n");
+    fake::advanceSeconds(-1);  // host 1200 s old, gateway 1199
     aging_neighbor_host(0);
-    EXPECT_EQ(lookup(kHost).found, 0);
-    EXPECT_EQ(lookup(kGateway).found, 1);
+    EXPECT_EQ(lookup(kHost), "none");
+    EXPECT_EQ(lookup(kGateway), "192.168.1.1 ");
     delSnifferNeighborHost(kGateway.data());
-    EXPECT_EQ(lookup(kGateway).found, 0);
+    EXPECT_EQ(lookup(kGateway), "none");
 }
 
 struct IgnoredCase {
     const char *name;
     Frame frame;
 };
-void PrintTo(const IgnoredCase &c, std::ostream *os) {
-    *os << c.name;
-}
 class IgnoredFrameTest : public NeighborTest, public ::testing::WithParamInterface<IgnoredCase> {};
 
+// Every frame is parsed at its exact size, so the short ones also check the bounds.
 TEST_P(IgnoredFrameTest, ChangesNothing) {
     EXPECT_EQ(parse(GetParam().frame), 0);
     EXPECT_EQ(dump(), "### Neighbor Host:\n\n");
 }
 
-Frame vlanTagged() {
-    Frame f = arp(2, kHost, kHostIp, kGateway, kGatewayIp);
-    Frame tag{0x81, 0x00, 0x00, 0x01};  // 802.1Q tag before the real EtherType
-    f.insert(f.begin() + 12, tag.begin(), tag.end());
-    return f;
-}
-
-const Frame kAckOnly{53, 1, 5};
+const Frame kReply = arp(2, kHost, kHostIp, kGateway, kGatewayIp);
+const Frame kAck = dhcp({53, 1, 5});
 
 INSTANTIATE_TEST_SUITE_P(
     Parser, IgnoredFrameTest,
-    ::testing::Values(IgnoredCase{"ArpRequest", arp(1, kHost, kHostIp, kGateway, kGatewayIp)},
-                      IgnoredCase{"VlanTagged", vlanTagged()},
-                      IgnoredCase{"Discover", dhcpFrame(1, {50, 4, 10, 0, 0, 9})},
-                      IgnoredCase{"Request", dhcpFrame(3, hostName("phone"))},
-                      IgnoredCase{"UdpLengthBeyondData",
-                                  toServer(dhcp(kHost, kHostIp, kAckOnly), 67, 1)},
-                      IgnoredCase{"DhcpPayload239", toServer(Frame(239, 0))},
-                      IgnoredCase{"OtherPort", toServer(dhcp(kHost, kHostIp, kAckOnly), 53)},
-                      // The walk stops at an option running past the frame, before the type.
-                      IgnoredCase{"OptionPastFrameEndsWalk",
-                                  toServer(dhcp(kHost, kHostIp, {12, 40, 'a', 53, 1, 5}))}),
+    ::testing::Values(
+        IgnoredCase{"ArpRequest", arp(1, kHost, kHostIp, kGateway, kGatewayIp)},
+        IgnoredCase{"ArpForIpv6",
+                    ethernet(kHost, 0x0806) + Frame{0, 1, 0x86, 0xdd, 6, 4, 0, 2} + Frame(20, 1)},
+        IgnoredCase{"ArpOneByteShort", Frame(kReply.begin(), kReply.end() - 1)},
+        IgnoredCase{"VlanTagged", ethernet(kHost, 0x8100) + Frame{0, 1} +
+                                      Frame(kReply.begin() + 12, kReply.end())},
+        IgnoredCase{"IpHeaderPastFrame", ipv4(17, Frame(4, 0), Frame(8, 0), 0x4f)},
+        IgnoredCase{"Discover", dhcpFrame(1, {50, 4, 10, 0, 0, 9})},
+        IgnoredCase{"Request", dhcpFrame(3, Frame{50, 4, 10, 0, 0, 9} + hostName("phone"))},
+        IgnoredCase{"OptionsAfterEnd", toServer(dhcp({53, 1, 1, 255, 0, 53, 1, 5}))},
+        IgnoredCase{"UdpHeaderCut", ipv4(17, Frame(4, 0), Frame(4, 0))},
+        IgnoredCase{"UdpLengthBeyondData", toServer(kAck, 67, 1)},
+        IgnoredCase{"DhcpPayload239", toServer(Frame(kAck.begin(), kAck.begin() + 239))},
+        IgnoredCase{"OtherPort", toServer(kAck, 53)},
+        // The walk stops at an option running past the frame, before the type.
+        IgnoredCase{"OptionPastFrameEndsWalk", toServer(dhcp({12, 40, 'a', 53, 1, 5}))},
+        // An empty address option, then a lone code byte: neither may be read past.
+        IgnoredCase{"OptionsEndMidOption", toServer(dhcp({53, 1, 1, 50, 0, 3}))}),
     CaseName());
-
-TEST_F(NeighborTest, TruncatedFramesAreNeverReadPastTheirEnd) {
-    Frame longHeader = toServer(Frame(300, 0));
-    longHeader[14] = 0x4f;  // 60-byte IPv4 header
-    for (const Frame &frame : {arp(2, kHost, kHostIp, kGateway, kGatewayIp),
-                               ipv4(kHost, 2, kHostIp, Frame(8, 0)), longHeader, dhcpFrame(5)})
-        for (size_t length = 0; length <= frame.size(); ++length)
-            EXPECT_EQ(parse(frame, length), length < 14 ? -1 : 0) << length;
-}
-
-TEST_F(NeighborTest, OptionsCutAnywhereAreNeverReadPastTheFrame) {
-    // Type and name, then empty options whose fixed-size data lies beyond the cut.
-    Frame options{53, 1, 5, 12, 5, 'p', 'h', 'o', 'n', 'e', 50, 0, 3, 0, 53, 0};
-    for (size_t count = 0; count <= options.size(); ++count) {
-        Frame cut(options.begin(), options.begin() + count);
-        EXPECT_EQ(parse(toServer(dhcp(kHost, kHostIp, cut))), 0) << count;
-    }
-    EXPECT_EQ(lookup(kHost).name, "phone");
-}
 
 TEST_F(NeighborTest, PacketLinesNameTheParser) {
     setSnifferMonitorLogLevel(kSnifferPacket);
