@@ -13,45 +13,29 @@
 #include <vector>
 
 #include "linux_test_support.h"
+#include "netlink_bytes.h"
 #include "netns_child.h"
 #include "platform/linux/bridge_fdb.h"
 
 namespace {
 
 using Mac = std::array<uint8_t, 6>;
-using Bytes = std::vector<uint8_t>;
+using Bytes = nlbytes::Bytes;
 constexpr int kBridge = 5;
 constexpr uint32_t kSeq = 7;
 constexpr Mac kHostA{0x0a, 0x77, 0, 0, 0, 0x01};
 constexpr Mac kHostB{0x0a, 0x77, 0, 0, 0, 0x02};
 
-// --- netlink messages laid out as the kernel sends them ---
-
-template <typename T>
-Bytes raw(const T &value) {
-    Bytes out(sizeof value);
-    std::memcpy(out.data(), &value, sizeof value);
-    return out;
-}
-
-Bytes join(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes &part : parts) out.insert(out.end(), part.begin(), part.end());
-    return out;
-}
+using nlbytes::join;
+using nlbytes::raw;
 
 template <typename T>
 Bytes attr(uint16_t type, const T &value) {
-    Bytes out = join(
-        {raw(rtattr{static_cast<unsigned short>(RTA_LENGTH(sizeof value)), type}), raw(value)});
-    out.resize(RTA_ALIGN(out.size()));
-    return out;
+    return nlbytes::attr(type, raw(value));
 }
 
 Bytes message(uint16_t type, const Bytes &payload, uint32_t seq = kSeq) {
-    const nlmsghdr header{static_cast<uint32_t>(NLMSG_HDRLEN + payload.size()), type, NLM_F_MULTI,
-                          seq, 0};
-    return join({raw(header), payload});
+    return nlbytes::message(type, seq, payload, NLM_F_MULTI);
 }
 
 Bytes neigh(int ifindex, uint16_t state, uint8_t flags, const Bytes &attributes,

@@ -5,6 +5,7 @@
 #include <linux/nl80211.h>
 
 #include "linux_test_support.h"
+#include "netlink_bytes.h"
 #include "platform/linux/nl80211.h"
 #include "platform/linux/wifi_stations.h"
 #include "platform/zvt.h"
@@ -98,33 +99,12 @@ constexpr uint32_t kSeq = 7;
 constexpr uint16_t kFamily = 0x1c;
 constexpr uint32_t kAssociated = 1u << NL80211_STA_FLAG_ASSOCIATED;
 constexpr uint32_t kAuthorized = 1u << NL80211_STA_FLAG_AUTHORIZED;
-using Bytes = std::vector<uint8_t>;
+using Bytes = nlbytes::Bytes;
 
-template <typename T>
-Bytes raw(const T &value) {
-    Bytes out(sizeof value);
-    std::memcpy(out.data(), &value, sizeof value);
-    return out;
-}
-
-Bytes join(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes &part : parts) out.insert(out.end(), part.begin(), part.end());
-    return out;
-}
-
-// The length counts the payload; the padding after it does not.
-Bytes attr(int type, Bytes payload) {
-    const nlattr header{static_cast<uint16_t>(NLA_HDRLEN + payload.size()),
-                        static_cast<uint16_t>(type)};
-    payload.resize(NLA_ALIGN(payload.size()));
-    return join({raw(header), payload});
-}
-
-Bytes message(uint16_t type, uint32_t seq, const Bytes &payload) {
-    const nlmsghdr header{static_cast<uint32_t>(NLMSG_HDRLEN + payload.size()), type, 0, seq, 0};
-    return join({raw(header), payload});
-}
+using nlbytes::attr;
+using nlbytes::join;
+using nlbytes::message;
+using nlbytes::raw;
 
 Bytes genl(uint8_t command, const Bytes &attributes) {
     return join({raw(genlmsghdr{command, 1, 0}), attributes});
