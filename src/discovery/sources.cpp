@@ -290,8 +290,7 @@ ipv6_neigh *update_ipv6_neigh(const uint8_t *mac, const char *text, ipv6_neigh *
     if (inet_pton(AF_INET6, text, addr) != 1) std::memset(addr, 0, sizeof addr);
     ipv6_neigh *node = find_ipv6_neigh(head, mac);
     if (node) {
-        static constexpr uint8_t kNone[kIpv6AddrLen] = {};
-        bool empty = std::memcmp(node->addr, kNone, sizeof kNone) == 0;
+        bool empty = isZeroIpv6(node->addr);
         if (!empty) HX_DBG(DBG_TRACE, "[%s %d]: %s\n", __func__, __LINE__, text);
         if (empty || isLinkLocalIpv6(node->addr)) {
             std::memcpy(node->addr, addr, sizeof addr);
