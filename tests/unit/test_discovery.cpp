@@ -48,10 +48,6 @@ protected:
         std::snprintf(record.hostname, sizeof record.hostname, "%s", name);
         fake::state().leases.push_back(record);
     }
-    void neigh6(const char *addr, const fake::Mac &mac) {
-        fake::state().commandOutput["ip -6 neigh"] +=
-            std::string(addr) + " dev br0 lladdr " + macText(mac) + " REACHABLE\n";
-    }
     // One cycle a few seconds later, so that the lease snapshot is read again.
     hostEntry *cycle(const fake::Mac &mac = kHost) {
         fake::advanceSeconds(5);
@@ -64,43 +60,29 @@ protected:
     }
 };
 
-TEST_F(DiscoveryTest, NewDhcpHostArrivesWithItsLease) {
-    seen(kHost, "eth0.3");
+TEST_F(DiscoveryTest, NewDhcpHostArrivesWithItsLeaseOnceRecentlySeen) {
+    seen(kHost, "eth0.3", 9100);
     lease(kHost, "10.77.0.101", 3600, "hx-h1");
     fake::state().phyIds["eth0.3"] = 2;
+    EXPECT_EQ(cycle(), nullptr);  // 91 s is past the 90 s limit: nobody is created
+    fake::state().fdb[0].ageing = 9000;
     hostEntry *entry = cycle();
     ASSERT_NE(entry, nullptr);
     const lanHostInfo_t &host = entry->lanHost;
     EXPECT_EQ(ipOf(entry), "10.77.0.101");
-    EXPECT_EQ(host.ipSource, LANHOST_IP_SOURCE_DHCP);
-    EXPECT_EQ(host.dhcpClientState, DHCP_CLIENT_FOUND);
     EXPECT_STREQ(host.devName, "hx-h1");
     EXPECT_EQ(host.port, 2);
     EXPECT_EQ(host.connectionType, CONNECTION_WIRED);
     EXPECT_EQ(host.phy_port, 2);
     EXPECT_STREQ(host.ifName, "eth0.3");
     EXPECT_STREQ(host.brand, "OTHER");
-    EXPECT_STREQ(host.os, "OTHER");
-    EXPECT_EQ(host.internetAccess, kInternetAccessDefault);
     EXPECT_EQ(host.firstConnect, 1);
     EXPECT_EQ(host.firstGotIP, 1);
-    EXPECT_EQ(entry->valid, 1);
-    EXPECT_EQ(entry->informChange, 1);
     EXPECT_EQ(entry->startOnLine, fake::state().monotonic.tv_sec);
     EXPECT_NE(host.latestActiveTime[0], '\0');
     EXPECT_EQ(fake::state().hpcUpdates.size(), 2u);  // both counter sets
-    EXPECT_EQ(lanHostNum, 1u);
-}
-
-TEST_F(DiscoveryTest, AgeFilterKeepsOnlyTheIdleTime) {
-    seen(kHost, "eth0.2", 9100);
-    lease(kHost, "10.77.0.101", 3600);
-    EXPECT_EQ(cycle(), nullptr);  // 91 s is past the 90 s limit: nobody is created
-    fake::state().fdb[0].ageing = 9000;
-    hostEntry *entry = cycle();
-    ASSERT_NE(entry, nullptr);
     uint32_t confirmed = entry->updateTime;
-    fake::state().fdb[0].ageing = 9100;
+    fake::state().fdb[0].ageing = 9100;  // too old again: only the idle time is kept
     cycle();
     EXPECT_EQ(entry->idleSecs, 91u);
     EXPECT_EQ(entry->updateTime, confirmed);
@@ -110,74 +92,62 @@ struct SkipCase {
     const char *name;
     const char *ifname;
     uint8_t isLocal;
+    bool leased;
 };
 class SkippedPortTest : public DiscoveryTest, public ::testing::WithParamInterface<SkipCase> {};
 
 TEST_P(SkippedPortTest, NeverCreatesAHost) {
+    std::ofstream(hostrixPath(HostrixFile::IgnoreIfnames)) << "eth0.3\n";
     fake::state().fdb.push_back({kHost, GetParam().ifname, 100, 1, GetParam().isLocal});
-    lease(kHost, "10.77.0.101", 3600);
+    if (GetParam().leased) lease(kHost, "10.77.0.101", 3600);
     EXPECT_EQ(cycle(), nullptr);
     EXPECT_EQ(lanHostNum, 0u);
 }
 INSTANTIATE_TEST_SUITE_P(Ports, SkippedPortTest,
-                         ::testing::Values(SkipCase{"repeater", "wlan0-vxd", 0},
-                                           SkipCase{"wan_port", "nas0_0", 0},
-                                           SkipCase{"bridge_itself", "eth0.2", 1}),
+                         ::testing::Values(SkipCase{"repeater", "wlan0-vxd", 0, true},
+                                           SkipCase{"ignored_by_file", "eth0.3", 0, true},
+                                           SkipCase{"bridge_itself", "eth0.2", 1, true},
+                                           SkipCase{"no_address_at_all", "eth0.2", 0, false}),
                          CaseName());
-
-TEST_F(DiscoveryTest, HostWithoutAnyAddressTakesNoEntry) {
-    seen(kHost);
-    EXPECT_EQ(cycle(), nullptr);
-    EXPECT_EQ(lanHostNum, 0u);
-}
 
 TEST_F(DiscoveryTest, ClassifiesPortNames) {
     struct {
         const char *name;
         int lanPort, ssidIndex;
-    } cases[] = {{"eth0.4", 3, 1},       {"eth0.4.mc", 1, 1}, {"wlan0", 0, 1},
-                 {"wlan0-vap3", 0, 5},   {"wlan1", 0, 6},     {"wlan1-vap2", 0, 9},
-                 {"wlan9-vap0", 0, 1},   {"eth1", 1, 1}};
+    } cases[] = {{"eth0.4", 3, 1}, {"eth0.4.mc", 1, 1}, {"wlan0-vap3", 0, 5},
+                 {"wlan9-vap0", 0, 1}};
     for (auto &c : cases) {
         EXPECT_EQ(get_lan_port_by_ifname(c.name), c.lanPort) << c.name;
         EXPECT_EQ(get_ssid_index_by_ifname(c.name), c.ssidIndex) << c.name;
     }
 }
 
-TEST_F(DiscoveryTest, WirelessStationGetsItsSsidIndexAndMode) {
+TEST_F(DiscoveryTest, KnownStationMissingFromTheListsIsLeftAloneOnItsOwnInterface) {
     seen(kHost, "wlan1-vap2");
     fake::addStation("wlan1-vap2", kHost);
     fake::state().wirelessModes["wlan1-vap2"] = "ac";
-    lease(kHost, "10.77.0.101", 3600);
+    arp("10.77.0.101", kHost);
     hostEntry *entry = cycle();
     ASSERT_NE(entry, nullptr);
     EXPECT_EQ(entry->lanHost.port, 9);
     EXPECT_EQ(entry->lanHost.connectionType, CONNECTION_WIRELESS);
     EXPECT_EQ(entry->lanHost.isWifi, 1);
     EXPECT_STREQ(entry->lanHost.wirelessMode, "ac");
-}
-
-TEST_F(DiscoveryTest, KnownStationMissingFromTheListsIsLeftAloneOnItsOwnInterface) {
-    seen(kHost, "wlan0");
-    fake::addStation("wlan0", kHost);
-    arp("10.77.0.101", kHost);
-    hostEntry *entry = cycle();
-    ASSERT_NE(entry, nullptr);
     fake::state().stations.clear();
     entry->lanHost.ip = ipv4("10.77.0.9");
     cycle();
     EXPECT_EQ(ipOf(entry), "10.77.0.9");  // untouched, though ARP names another address
     EXPECT_EQ(entry->lanHost.isWifi, 1);
-    fake::state().fdb[0].ifname = "wlan0-vap0";  // another SSID: a mesh device now
+    fake::state().fdb[0].ifname = "wlan1";  // another SSID: a mesh device now
     cycle();
     EXPECT_EQ(entry->lanHost.isWifi, 0);
-    EXPECT_EQ(entry->lanHost.port, 2);
+    EXPECT_EQ(entry->lanHost.port, 6);
     EXPECT_EQ(ipOf(entry), "10.77.0.101");
 }
 
 struct SourceCase {
     const char *name;
-    std::vector<const char *> arp;  // complete entries of the host, in table order
+    std::vector<const char *> arp;  // entries of the host in table order; '~' marks incomplete
     const char *leaseIp;
     uint32_t leaseSecs;
     const char *expectedIp;
@@ -188,29 +158,24 @@ class Ipv4SourceTest : public DiscoveryTest, public ::testing::WithParamInterfac
 TEST_P(Ipv4SourceTest, PicksTheAddressByPrecedence) {
     const SourceCase &c = GetParam();
     seen(kHost);
-    for (const char *ip : c.arp) arp(ip, kHost);
+    for (const char *ip : c.arp) ip[0] == '~' ? arp(ip + 1, kHost, "0x0") : arp(ip, kHost);
     if (c.leaseIp) lease(kHost, c.leaseIp, c.leaseSecs);
     hostEntry *entry = cycle();
-    ASSERT_NE(entry, nullptr);
+    ASSERT_EQ(entry == nullptr, c.expectedIp == nullptr);
+    if (!entry) return;
     EXPECT_EQ(ipOf(entry), c.expectedIp);
     EXPECT_EQ(entry->lanHost.ipSource, c.expectedSource);
 }
 INSTANTIATE_TEST_SUITE_P(
     Sources, Ipv4SourceTest,
     ::testing::Values(
-        SourceCase{"arp_over_lease", {"10.0.0.10"}, "10.0.0.20", 3600, "10.0.0.10", 1},
+        SourceCase{"complete_arp_over_lease", {"~10.0.0.5", "10.0.0.10"}, "10.0.0.20", 3600,
+                   "10.0.0.10", 1},
         SourceCase{"lease_names_one_of_two", {"10.0.0.10", "10.0.0.20"}, "10.0.0.20", 3600,
                    "10.0.0.20", 1},
         SourceCase{"lease_61s_is_valid", {}, "10.0.0.20", 61, "10.0.0.20", 2},
-        SourceCase{"static_host_by_arp", {"10.0.0.50"}, nullptr, 0, "10.0.0.50", 1}),
+        SourceCase{"incomplete_arp_and_60s_lease", {"~10.0.0.10"}, "10.0.0.20", 60, nullptr, 0}),
     CaseName());
-
-TEST_F(DiscoveryTest, IncompleteArpEntryIsNoSource) {
-    seen(kHost);
-    arp("10.0.0.10", kHost, "0x0");
-    lease(kHost, "10.0.0.20", 60);  // 60 s left: released
-    EXPECT_EQ(cycle(), nullptr);
-}
 
 TEST_F(DiscoveryTest, ReleasedLeaseDisconnectsAHostWithoutIpv6) {
     seen(kHost);
@@ -221,7 +186,6 @@ TEST_F(DiscoveryTest, ReleasedLeaseDisconnectsAHostWithoutIpv6) {
     fake::state().leases[0].leaseTime = 0;
     cycle();
     EXPECT_EQ(entry->lanHost.ip, 0u);
-    EXPECT_EQ(entry->lanHost.ipSource, LANHOST_IP_SOURCE_DHCP);
     EXPECT_EQ(entry->lanHost.dhcpClientState, DHCP_CLIENT_RELEASED);
     EXPECT_EQ(entry->valid, 0);
     EXPECT_EQ(entry->lanHost.disConnect, 1);
@@ -235,25 +199,23 @@ TEST_F(DiscoveryTest, ReleasedLeaseDisconnectsAHostWithoutIpv6) {
 }
 
 TEST_F(DiscoveryTest, FuzzyLeaseMatchForTwoCompleteArpEntries) {
-    const uint8_t host[6] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
+    const fake::Mac host = fake::mac(0x00, 0x11, 0x22, 0x33, 0x44, 0x55);
+    const fake::Mac macs[3] = {fake::mac(0x00, 0x11, 0x23, 0x33, 0x44, 0x55),  // third differs
+                               fake::mac(0x02, 0x11, 0x22, 0x33, 0x44, 0x56), host};
     dhcp_lease leases[3] = {};
-    const uint8_t thirdDiffers[6] = {0x00, 0x11, 0x23, 0x33, 0x44, 0x55};
-    const uint8_t near[6] = {0x02, 0x11, 0x22, 0x33, 0x44, 0x56};
-    std::copy(thirdDiffers, thirdDiffers + 6, leases[0].mac);
-    std::copy(near, near + 6, leases[1].mac);
-    std::copy(host, host + 6, leases[2].mac);
+    for (int i = 0; i < 3; ++i) std::copy(macs[i].begin(), macs[i].end(), leases[i].mac);
     dhcp_lease *record = nullptr;
-    EXPECT_EQ(find_dhcp_lease_fuzzy(leases, 3, host, &record), 1);
+    EXPECT_EQ(find_dhcp_lease_fuzzy(leases, 3, host.data(), &record), 1);
     EXPECT_EQ(record, &leases[1]);
     leases[1].mac[5] = 0x55 + 15;  // one past the spread
-    EXPECT_EQ(find_dhcp_lease_fuzzy(leases, 3, host, &record), 1);
+    EXPECT_EQ(find_dhcp_lease_fuzzy(leases, 3, host.data(), &record), 1);
     EXPECT_EQ(record, &leases[2]);
-    EXPECT_EQ(find_dhcp_lease_fuzzy(leases, 1, host, &record), 0);
 }
 
 TEST_F(DiscoveryTest, Ipv6OnlyHostArrivesWithoutAskingTheSniffer) {
     seen(kHost, "wlan1");
-    neigh6("2001:db8::5", kHost);
+    fake::state().commandOutput["ip -6 neigh"] =
+        "2001:db8::5 dev br0 lladdr " + macText(kHost) + " REACHABLE\n";
     uint32_t cached = ipv4("10.0.0.30");
     update_neighbor_host(kHost.data(), &cached, nullptr);
     hostEntry *entry = cycle();
@@ -261,33 +223,26 @@ TEST_F(DiscoveryTest, Ipv6OnlyHostArrivesWithoutAskingTheSniffer) {
     EXPECT_EQ(entry->lanHost.ip, 0u);
     EXPECT_EQ(entry->lanHost.firstGotIP, 1);
     EXPECT_EQ(entry->lanHost.ipv6[0], 0x20);
-    cycle();  // the next cycle asks it
+    cycle();  // the next cycle asks it; beside IPv6 this is no first address
     EXPECT_EQ(ipOf(entry), "10.0.0.30");
     EXPECT_EQ(entry->lanHost.ipSource, LANHOST_IP_SOURCE_SNIFFER);
     EXPECT_EQ(entry->lanHost.firstGotIP, 0);
-}
-
-TEST_F(DiscoveryTest, FirstIpv4AfterIpv6CountsAsFirstOnlyFromArp) {
-    seen(kHost);
-    neigh6("2001:db8::5", kHost);
-    hostEntry *entry = cycle();
-    ASSERT_NE(entry, nullptr);
+    entry->lanHost.ip = 0;
     lease(kHost, "10.0.0.20", 3600);
     cycle();
     EXPECT_EQ(entry->lanHost.firstGotIP, 0);
     entry->lanHost.ip = 0;
     arp("10.0.0.10", kHost);
     cycle();
-    EXPECT_EQ(entry->lanHost.firstGotIP, 1);
+    EXPECT_EQ(entry->lanHost.firstGotIP, 1);  // ARP counts as first all the same
 }
 
 TEST_F(DiscoveryTest, BridgeBoundHostTakesItsAddressFromTheSnifferOnly) {
     seen(kHost, "eth0.5");
     fake::state().logicIds["eth0.5"] = 3;
     bridge_bind_logic_port_mask = 1u << 3;
-    arp("10.0.0.10", kHost);
+    arp("10.0.0.10", kHost);  // neither source counts here
     lease(kHost, "10.0.0.20", 3600);
-    EXPECT_EQ(cycle(), nullptr);
     uint32_t linkLocal = ipv4("169.254.7.9");
     update_neighbor_host(kHost.data(), &linkLocal, "cam");
     EXPECT_EQ(cycle(), nullptr);
@@ -314,7 +269,6 @@ TEST_F(DiscoveryTest, PortChangeIsReportedOnlyAfterTheArrival) {
     fake::state().fdb[0].ifname = "eth0.4";
     cycle();
     EXPECT_EQ(entry->informChange, 1);
-    EXPECT_EQ(entry->lanHost.port, 3);
 }
 
 TEST_F(DiscoveryTest, ArrivalIsRestampedOnceAfterTimeSync) {
@@ -322,7 +276,6 @@ TEST_F(DiscoveryTest, ArrivalIsRestampedOnceAfterTimeSync) {
     arp("10.0.0.10", kHost);
     hostEntry *entry = cycle();
     ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(entry->lanHost.latestActiveTimeSynced, 0);
     fake::state().timeSynchronized = true;
     fake::state().wall = 1800000000;
     entry->lanHost.onLineTime = 100;
@@ -330,8 +283,7 @@ TEST_F(DiscoveryTest, ArrivalIsRestampedOnceAfterTimeSync) {
     char expected[kHostTextLen];
     formatHostTime(expected, 1800000005 - 100);
     EXPECT_STREQ(entry->lanHost.latestActiveTime, expected);
-    EXPECT_EQ(entry->lanHost.latestActiveTimeSynced, 1);
-    cycle();
+    cycle();  // a second restamp would move it 5 s on
     EXPECT_STREQ(entry->lanHost.latestActiveTime, expected);
 }
 
@@ -347,15 +299,6 @@ TEST_F(DiscoveryTest, FullTableStillRefreshesKnownHosts) {
     entry->updateTime = 0;
     cycle();
     EXPECT_EQ(entry->updateTime, fake::state().monotonic.tv_sec);
-    EXPECT_EQ(lanHostNum, 1u);
-}
-
-TEST_F(DiscoveryTest, IgnoredPortLosesItsHostsWithinOneCycle) {
-    seen(kHost, "eth0.3");
-    arp("10.0.0.10", kHost);
-    ASSERT_NE(cycle(), nullptr);
-    std::ofstream(hostrixPath(HostrixFile::IgnoreIfnames)) << "eth0.3\n";
-    EXPECT_EQ(cycle(), nullptr);
 }
 
 }  // namespace
