@@ -62,6 +62,7 @@ bench: deps
 	cmake -S . -B $(BENCH_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHOSTRIX_BENCH=ON -DHOSTRIX_TESTS=OFF
 	cmake --build $(BENCH_BUILD)
 	@for b in $(BENCH_BUILD)/bin/bench_*; do [ -x "$$b" ] && "$$b"; done; true
+	@HOSTRIX_BIN=$(BENCH_BUILD)/bin/hostrix bash bench/capture_lab.sh || true
 
 # Brings the virtual LAN up, runs the daemon in it and shows what it sees.
 demo: deps build

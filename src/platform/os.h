@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <ctime>
 #include <memory>
+#include <string>
+#include <vector>
 #include <sys/time.h>
 
 int os_clock_monotonic(timespec *ts);  // 0, or -1 when the clock cannot be read
@@ -24,3 +26,8 @@ int os_system(const char *command);
 
 // A kernel file (/proc, /sys) opened for reading, or nullptr.
 FILE *os_open_kernel_file(const char *path);
+
+// Whether a kernel path (/sys) exists: a file, a directory or a link.
+bool os_kernel_path_exists(const char *path);
+// The names in a kernel directory (/sys), without "." and ".."; empty when unreadable.
+std::vector<std::string> os_kernel_dir_entries(const char *path);

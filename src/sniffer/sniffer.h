@@ -10,6 +10,16 @@ int dumpSnifferMonitorInfo();
 
 unsigned int snifferLogLevel();
 
+// The thread's body, given its own heap copy of the comma-separated list (freed with
+// free()); and its cancellation handler.
+void *sniffer_monitor(void *interfaces);
+void CancelSnifferMobitor(void *unused);
+
+// For tests: whether a sniffer thread is alive; and a stop that also forgets every
+// monitored interface, so that the next start begins from an empty list.
+bool snifferRunning();
+void snifferReset();
+
 // Sniffer levels: 3 errors, 4 notices, 6 progress, 7 packet detail.
 inline constexpr unsigned int kSnifferError = 3;
 inline constexpr unsigned int kSnifferNotice = 4;

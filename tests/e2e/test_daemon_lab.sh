@@ -25,8 +25,9 @@ fifo_command() { printf '%s\n' "$1" >"$ROOT/var/run/hostrix.fifo"; }
 check_daemon_runs() {
     daemon_start  # no extra arguments: the daemon takes none
     check "daemon writes its PID file" wait_for 50 pid_file_names_daemon
-    check "control socket is listening" is_socket "$ROOT/var/run/.hostrix_msg"
-    check "debug FIFO is there" is_fifo "$ROOT/var/run/hostrix.fifo"
+    check "control socket is listening" wait_for 25 is_socket "$ROOT/var/run/.hostrix_msg"
+    # Made after the counter table, which takes one run of nft.
+    check "debug FIFO is there" wait_for 25 is_fifo "$ROOT/var/run/hostrix.fifo"
     check "table initialised" logged "init HostrixData."
     check "the lab's configuration is read without complaint" no_config_complaint
 }

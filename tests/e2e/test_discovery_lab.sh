@@ -2,7 +2,8 @@
 # The daemon tracks the lab's LAN: a new DHCP device is reported once with its
 # lease, port and name; a static host by ARP; an IPv6-only host by its global
 # address; a silent host is probed with ARP requests on br0 and reported gone; a
-# station that leaves is reported and leaves the FDB; an ignored port loses its hosts.
+# station that leaves is reported and leaves the FDB; an ignored port loses its hosts;
+# a host on a bridge-bound port takes its address from the sniffer.
 # shellcheck disable=SC2317 # predicates are called through check()
 # shellcheck source-path=SCRIPTDIR
 set -euo pipefail
@@ -153,6 +154,22 @@ check_ignored_port() {
     rm -f "$ROOT/var/run/.hostrix_ignore_ifnames"
 }
 
+# eth0.5 (logical port 3) bound to a bridged WAN connection: a host that arrives there
+# takes its address from the sniffer cache alone (here from its ARP reply to the
+# gateway), never from its lease or the ARP table.
+check_bridge_bound_port() {
+    local mac ip
+    check "lab set: eth0.5 bound to a bridged connection" lab_run set chain.3004 enable=1 mode=0 ports=0x8
+    kill -USR1 "$DAEMON_PID"
+    check "the reload computes the bridge-bind mask 8" wait_for 20 logged "bridge_bind_logic_port_mask = 8"
+    check "add-host h8 on eth0.5 with DHCP" lab_run add-host h8 eth0.5
+    mac="$(host_mac h8)"
+    ip="$(lease_ip_of "$mac")"
+    ip netns exec "$GW_NS" busybox ping -c 1 -W 2 "$ip" >/dev/null 2>&1 || true
+    check "h8 on the bridge-bound port takes its address from the sniffer" wait_for 30 host_file_says "$mac" ipSource 3
+    check "its leased address, $ip" host_file_says "$mac" ip "$ip"
+}
+
 main() {
     lab_test_setup
     require_daemon_bin
@@ -167,7 +184,7 @@ main() {
     check_station_leave
     check_ignored_port
     check_silent_host
-    printf 'skip - a host on a bridge-bound port takes its address from the sniffer cache: needs the sniffer thread, which is not built yet\n'
+    check_bridge_bound_port
     check "the daemon is still running" all_alive "$DAEMON_PID"
     stop_v6_pinger
     finish

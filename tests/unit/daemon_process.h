@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
@@ -35,7 +36,14 @@ public:
     DaemonProcess(const DaemonProcess &) = delete;
     DaemonProcess &operator=(const DaemonProcess &) = delete;
 
+    // Without a configuration of its own the daemon gets one that keeps it off the
+    // machine's firewall: no counter table in the real network namespace.
     void start() {
+        std::filesystem::path config = root_ / "etc/hostrix/mib.conf";
+        if (!std::filesystem::exists(config)) {
+            std::filesystem::create_directories(config.parent_path());
+            std::ofstream(config) << "counters = off\n";
+        }
         pid_ = fork();
         if (pid_ == 0) {
             setenv("HOSTRIX_ROOT", root_.c_str(), 1);

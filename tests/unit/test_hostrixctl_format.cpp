@@ -168,7 +168,10 @@ TEST(CtlFormat, TableAlignsColumnsAndHidesControlBytes) {
     std::strcpy(wireless.devName, "ph\x1b[2Jone");
     wireless.connectionType = CONNECTION_WIRELESS;
     wireless.port = 3;
-    std::string table = hostTable({sampleHost(), wireless}, "none");
+    lanHostInfo_t wired = sampleHost();
+    wired.upRate = 1000;
+    wired.downRate = 1536;
+    std::string table = hostTable({wired, wireless}, "none");
     std::vector<std::string> lines;
     for (size_t at = 0, end; (end = table.find('\n', at)) != std::string::npos; at = end + 1)
         lines.push_back(table.substr(at, end - at));
@@ -178,7 +181,9 @@ TEST(CtlFormat, TableAlignsColumnsAndHidesControlBytes) {
     EXPECT_EQ(lines[0].find("PORT"), lines[1].find("LAN1"));
     EXPECT_EQ(lines[0].find("PORT"), lines[2].find("SSID3"));
     EXPECT_NE(lines[2].find("ph?[2Jone"), std::string::npos);
-    EXPECT_NE(lines[1].find("  1d 01:01:01  fd77::77:ff:fe00:1"), std::string::npos) << lines[1];
+    EXPECT_NE(lines[1].find("  1d 01:01:01  1000 Kib/s  1.5 Mib/s  fd77::77:ff:fe00:1"),
+              std::string::npos)
+        << lines[1];
 }
 
 TEST(CtlFormat, EventLineShowsKindMacAddressNameAndInterface) {

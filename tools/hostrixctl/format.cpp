@@ -57,16 +57,28 @@ std::string portText(const lanHostInfo_t &host) {
     return kind + std::to_string(host.port);
 }
 
-using Row = std::array<std::string, 7>;
-const Row kHeader = {"MAC", "IPV4", "NAME", "INTERFACE", "PORT", "ONLINE", "IPV6"};
-
-Row hostRow(const lanHostInfo_t &host) {
-    return {formatMac(host.mac),       displayIpv4(host.ip), displayField(host.devName),
-            displayField(host.ifName), portText(host),       durationText(host.onLineTime),
-            displayIpv6(host.ipv6)};
+// Rates come in units of 1024 bit/s.
+std::string rateText(uint32_t units) {
+    constexpr uint32_t kUnitsPerMebibit = 1024;
+    char text[32];
+    if (units < kUnitsPerMebibit)
+        std::snprintf(text, sizeof text, "%u Kib/s", units);
+    else
+        std::snprintf(text, sizeof text, "%.1f Mib/s", units / double(kUnitsPerMebibit));
+    return text;
 }
 
-std::string joinRow(const Row &row, const std::array<size_t, 7> &widths) {
+constexpr size_t kColumns = 9;
+using Row = std::array<std::string, kColumns>;
+const Row kHeader = {"MAC", "IPV4", "NAME", "INTERFACE", "PORT", "ONLINE", "UP", "DOWN", "IPV6"};
+
+Row hostRow(const lanHostInfo_t &host) {
+    return {formatMac(host.mac),       displayIpv4(host.ip),    displayField(host.devName),
+            displayField(host.ifName), portText(host),          durationText(host.onLineTime),
+            rateText(host.upRate),     rateText(host.downRate), displayIpv6(host.ipv6)};
+}
+
+std::string joinRow(const Row &row, const std::array<size_t, kColumns> &widths) {
     std::string line;
     for (size_t i = 0; i < row.size(); ++i) {
         line += row[i];
@@ -208,7 +220,7 @@ std::string hostTable(const std::vector<lanHostInfo_t> &hosts, std::string_view 
     if (hosts.empty()) return std::string(emptyNote) + "\n";
     std::vector<Row> rows{kHeader};
     for (const lanHostInfo_t &host : hosts) rows.push_back(hostRow(host));
-    std::array<size_t, 7> widths{};
+    std::array<size_t, kColumns> widths{};
     for (const Row &row : rows)
         for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
     std::string table;

@@ -1,5 +1,6 @@
 // Clocks, commands and kernel files on the fake state.
 #include <cstring>
+#include <set>
 #include <string>
 
 #include "platform/fake/fake_platform.h"
@@ -25,8 +26,9 @@ int os_clock_monotonic(timespec *ts) {
 }
 
 int os_gettimeofday(timeval *tv) {
+    if (fake::state().wallFails) return -1;
     tv->tv_sec = fake::state().wall;
-    tv->tv_usec = 0;
+    tv->tv_usec = fake::state().wallUsec;
     return 0;
 }
 
@@ -52,4 +54,21 @@ FILE *os_open_kernel_file(const char *path) {
     auto &files = fake::state().kernelFiles;
     auto it = files.find(path);
     return it == files.end() ? nullptr : streamOf(it->second);
+}
+
+// A kernel directory is every path under it in kernelFiles, or a key of its own.
+bool os_kernel_path_exists(const char *path) {
+    const std::string wanted(path);
+    for (const auto &[name, content] : fake::state().kernelFiles)
+        if (name == wanted || name.starts_with(wanted + "/")) return true;
+    return false;
+}
+
+std::vector<std::string> os_kernel_dir_entries(const char *path) {
+    const std::string prefix = std::string(path) + "/";
+    std::set<std::string> names;
+    for (const auto &[name, content] : fake::state().kernelFiles)
+        if (name.starts_with(prefix))
+            names.insert(name.substr(prefix.size(), name.find('/', prefix.size()) - prefix.size()));
+    return {names.begin(), names.end()};
 }

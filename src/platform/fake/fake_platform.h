@@ -70,13 +70,16 @@ struct State {
     std::map<std::string, std::string> commandOutput;
     std::function<void(const std::string &)> onCommand;
 
-    // Kernel files (/proc, /sys) by path; absent = cannot be opened.
+    // Kernel files (/proc, /sys) by path; absent = cannot be opened. A path that some
+    // key lies under is a directory ("/sys/class/net/br0/lower_eth0.2" makes br0 one).
     std::map<std::string, std::string> kernelFiles;
 
     // Clocks.
     timespec monotonic{1000, 0};
     bool monotonicFails = false;
     time_t wall = 1700000000;
+    long wallUsec = 0;
+    bool wallFails = false;  // gettimeofday fails
     long uptime = 5000;
 };
 

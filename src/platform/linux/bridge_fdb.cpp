@@ -27,6 +27,7 @@
 #include <utility>
 
 #include "core/unique_fd.h"
+#include "platform/linux/netlink_socket.h"
 
 static_assert(sizeof(__fdb_entry) == kBrforwardRecordBytes);
 
@@ -268,7 +269,7 @@ void appendDumpRecords(const std::vector<FdbRecord> &records, FdbList &list) {
 }
 
 UniqueFd openRouteSocket() {
-    UniqueFd sock(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+    UniqueFd sock = openKernelNetlinkSocket(NETLINK_ROUTE);
     const timeval timeout{kDumpTimeoutSeconds, 0};
     if (sock.valid() &&
         setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0)

@@ -17,6 +17,7 @@
 #include <string_view>
 
 #include "core/unique_fd.h"
+#include "platform/linux/netlink_socket.h"
 #include "platform/linux/wifi_stations.h"
 
 namespace {
@@ -309,7 +310,7 @@ uint32_t nextSequence() {
 }
 
 UniqueFd openGenlSocket() {
-    UniqueFd sock(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_GENERIC));
+    UniqueFd sock = openKernelNetlinkSocket(NETLINK_GENERIC);
     if (!sock.valid()) return sock;
     timeval timeout = kReceiveTimeout;
     if (setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0)

@@ -1,7 +1,10 @@
 // The operating-system view of os.h, straight onto the C library.
+#include <dirent.h>
+#include <sys/stat.h>
 #include <sys/sysinfo.h>
 
 #include <cstdlib>
+#include <string_view>
 
 #include "platform/os.h"
 
@@ -37,4 +40,20 @@ int os_system(const char *command) {
 
 FILE *os_open_kernel_file(const char *path) {
     return path ? std::fopen(path, "re") : nullptr;
+}
+
+bool os_kernel_path_exists(const char *path) {
+    struct stat info {};
+    return path && lstat(path, &info) == 0;
+}
+
+std::vector<std::string> os_kernel_dir_entries(const char *path) {
+    std::vector<std::string> names;
+    std::unique_ptr<DIR, int (*)(DIR *)> dir(path ? opendir(path) : nullptr, closedir);
+    if (!dir) return names;
+    while (const dirent *entry = readdir(dir.get())) {
+        std::string_view name(entry->d_name);
+        if (name != "." && name != "..") names.emplace_back(name);
+    }
+    return names;
 }

@@ -1,7 +1,7 @@
 // The switch library on a plain Linux box: port ids come from the configuration file,
-// link and speed from sysfs, station rates from the station records. The traffic
-// counters are not there yet and answer "not available". Station modes live with the
-// station sources, neighbour solicitation in its own file.
+// link and speed from sysfs, station rates from the station records. Station modes live
+// with the station sources, neighbour solicitation and the traffic counters in their
+// own files.
 #include "platform/linux/zvt_linux.h"
 
 #include <fcntl.h>
@@ -145,26 +145,4 @@ int zvt_wlan_get_sta_rate(const void *station, int direction, char *text, int si
     std::memcpy(&record, station, sizeof record);  // the caller's buffer may be unaligned
     formatRate(direction == 0 ? record.txRateKbps : record.rxRateKbps, text, size);
     return 0;
-}
-
-int zvt_fc_host_police_control_mib_counter_init() {
-    return 0;
-}
-int zvt_fc_update_lan_hpc_for_mib(void *, int) {
-    return 0;
-}
-int zvt_update_lan_hpc_for_mib(void *, int) {
-    return 0;
-}
-int zvt_host_police_control_mib_counter_get_begin() {
-    return 0;
-}
-int zvt_host_police_control_mib_counter_get_end() {
-    return 0;
-}
-int zvt_host_police_control_mib_counter_get(void *, uint64_t *) {
-    return -1;
-}
-int zvt_fc_host_police_control_mib_counter_get(void *, uint64_t *) {
-    return -1;
 }

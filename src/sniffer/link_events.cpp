@@ -1,0 +1,145 @@
+#include "sniffer/link_events.h"
+
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "core/unique_fd.h"
+#include "sniffer/monitor_intf.h"
+#include "sniffer/sniffer.h"
+
+// The walk is part of the netlink read and logs in its name.
+#define EVENT_LOG(level, format, ...) \
+    SNIFFER_LOG_AS(level, "read_nl_event", format __VA_OPT__(, ) __VA_ARGS__)
+
+namespace {
+
+using Bytes = std::span<const uint8_t>;
+
+constexpr size_t kMessageHeaderLen = sizeof(nlmsghdr);  // 16
+constexpr size_t kLinkHeaderLen = sizeof(ifinfomsg);    // 16, after the message header
+constexpr size_t kLinkFamily = kMessageHeaderLen;       // ifi_family, the first byte
+constexpr size_t kAttributeHeaderLen = sizeof(rtattr);  // 4
+constexpr size_t kMasterIndexLen = sizeof(uint32_t);
+constexpr const char *kWanPortPrefix = "nas0";
+constexpr size_t kWanPortPrefixLen = 4;
+constexpr const char *kRepeaterMark = "vxd";
+
+// Only the sniffer thread reads link events.
+uint8_t eventBuffer[kNetlinkBufferSize];
+
+struct LinkEvent {
+    bool hasName = false;
+    char name[IFNAMSIZ] = {};
+    uint32_t master = 0;  // interface index; 0 = none
+};
+
+// The name may come without a terminator or longer than any interface name.
+void takeName(Bytes payload, LinkEvent &event) {
+    const size_t bounded = std::min(payload.size(), sizeof event.name - 1);
+    const auto *text = reinterpret_cast<const char *>(payload.data());
+    const size_t length = strnlen(text, bounded);
+    std::memcpy(event.name, text, length);
+    event.name[length] = '\0';
+    event.hasName = true;
+}
+
+void takeAttribute(uint16_t type, Bytes payload, LinkEvent &event) {
+    if (type == IFLA_IFNAME) takeName(payload, event);
+    if (type == IFLA_MASTER && payload.size() >= kMasterIndexLen)
+        std::memcpy(&event.master, payload.data(), kMasterIndexLen);
+}
+
+// Attributes run while a whole one remains; a length that does not fit ends the walk.
+LinkEvent decodeLinkAttributes(Bytes attributes) {
+    LinkEvent event;
+    while (attributes.size() >= kAttributeHeaderLen) {
+        rtattr header{};
+        std::memcpy(&header, attributes.data(), sizeof header);
+        if (header.rta_len < kAttributeHeaderLen || header.rta_len > attributes.size()) break;
+        takeAttribute(header.rta_type,
+                      attributes.subspan(kAttributeHeaderLen, header.rta_len - kAttributeHeaderLen),
+                      event);
+        attributes =
+            attributes.subspan(std::min<size_t>(RTA_ALIGN(header.rta_len), attributes.size()));
+    }
+    return event;
+}
+
+bool isWatchedPortName(const char *name) {
+    return std::strncmp(name, kWanPortPrefix, kWanPortPrefixLen) == 0 ||
+           std::strstr(name, kRepeaterMark) != nullptr;
+}
+
+void actOnBridgePort(uint16_t type, const LinkEvent &event) {
+    char masterName[IF_NAMESIZE] = {};
+    if (event.master != 0 && !if_indextoname(event.master, masterName)) masterName[0] = '\0';
+    EVENT_LOG(kSnifferPacket, "Ifname %s, master %s(%u)\n", event.name, masterName, event.master);
+    sd_intf *record = find_monitor_intf(event.name);
+    // Only this thread changes the list, so the record stays valid after the lookup.
+    if (type == RTM_NEWLINK && !record && event.master != 0 && masterName[0] &&
+        isWatchedPortName(event.name))
+        add_monitor_intf(event.name, masterName);
+    if (type == RTM_DELLINK && record) del_monitor_intf(record);
+}
+
+// MESSAGE is one whole link message, its header included.
+void processLinkMessage(uint16_t type, Bytes message) {
+    if (message.size() < kMessageHeaderLen + kLinkHeaderLen) return;
+    const LinkEvent event =
+        decodeLinkAttributes(message.subspan(kMessageHeaderLen + kLinkHeaderLen));
+    // Bridge port notifications carry the bridge family; the others repeat the link's.
+    if (event.hasName && message[kLinkFamily] == AF_BRIDGE) actOnBridgePort(type, event);
+}
+
+}  // namespace
+
+int init_netlink_socket() {
+    UniqueFd fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+    if (!fd.valid()) {
+        SNIFFER_LOG(kSnifferError, "Socket error: %s\n", std::strerror(errno));
+        return -1;
+    }
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    address.nl_pid = static_cast<uint32_t>(getpid());
+    address.nl_groups = RTMGRP_LINK;
+    if (bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        SNIFFER_LOG(kSnifferError, "Bind socket error: %s\n", std::strerror(errno));
+        return -1;
+    }
+    return fd.release();
+}
+
+int read_nl_event(int fd) {
+    sockaddr_nl source{};
+    iovec vector{eventBuffer, sizeof eventBuffer};
+    msghdr message{};
+    message.msg_name = &source;
+    message.msg_namelen = sizeof source;
+    message.msg_iov = &vector;
+    message.msg_iovlen = 1;
+    const ssize_t received = recvmsg(fd, &message, 0);
+    SNIFFER_LOG(kSnifferProgress, "Read netlink event, ret %d\n", static_cast<int>(received));
+    if (received < 1) return -1;
+    process_nl_messages(Bytes(eventBuffer, static_cast<size_t>(received)));
+    return 0;
+}
+
+void process_nl_messages(std::span<const uint8_t> bytes) {
+    while (bytes.size() >= kMessageHeaderLen) {
+        nlmsghdr header{};
+        std::memcpy(&header, bytes.data(), sizeof header);
+        if (header.nlmsg_len < kMessageHeaderLen || header.nlmsg_len > bytes.size()) return;
+        EVENT_LOG(kSnifferPacket, "Process netlink event, type %d\n", header.nlmsg_type);
+        if (header.nlmsg_type == RTM_NEWLINK || header.nlmsg_type == RTM_DELLINK)
+            processLinkMessage(header.nlmsg_type, bytes.first(header.nlmsg_len));
+        bytes = bytes.subspan(std::min<size_t>(NLMSG_ALIGN(header.nlmsg_len), bytes.size()));
+    }
+}

@@ -1,0 +1,98 @@
+#!/usr/bin/env python3
+"""Traffic that a LAN device makes, for the end-to-end tests and the capture bench.
+Run inside a client namespace (ip netns exec hx-NAME python3 lan_traffic.py ...).
+
+  igmp-join GROUP SECONDS          join a multicast group (the kernel sends IGMP reports)
+  udp-burst PORT COUNT PAYLOAD     COUNT broadcast UDP datagrams to PORT, PAYLOAD bytes each
+  tcp-sink PORT                    accept one connection, read it to the end, print the count
+  tcp-send HOST PORT BYTES RATE    send BYTES at RATE bytes/s (paced in 64 KiB chunks)
+  arp-replies IFACE COUNT RATE     COUNT broadcast ARP replies from 50 made-up hosts, at RATE/s
+"""
+import socket
+import struct
+import sys
+import time
+
+CHUNK = 64 * 1024
+
+
+def igmp_join(group, seconds):
+    sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    request = struct.pack("4s4s", socket.inet_aton(group), socket.inet_aton("0.0.0.0"))
+    sock.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, request)
+    time.sleep(float(seconds))
+
+
+def udp_burst(port, count, payload):
+    sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    sock.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+    data = b"x" * int(payload)
+    for _ in range(int(count)):
+        sock.sendto(data, ("255.255.255.255", int(port)))
+
+
+def tcp_sink(port):
+    server = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+    server.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    server.bind(("0.0.0.0", int(port)))
+    server.listen(1)
+    conn, _ = server.accept()
+    total = 0
+    while True:
+        data = conn.recv(CHUNK)
+        if not data:
+            break
+        total += len(data)
+    print(total)
+
+
+def paced(count, rate, step):
+    """Yields COUNT times, never ahead of RATE per second (STEP units per yield)."""
+    start = time.monotonic()
+    for i in range(count):
+        ahead = start + i * step / rate - time.monotonic()
+        if ahead > 0:
+            time.sleep(ahead)
+        yield i
+
+
+def tcp_send(host, port, total, rate):
+    total, rate = int(total), float(rate)
+    sock = socket.create_connection((host, int(port)))
+    data = b"y" * CHUNK
+    chunks = (total + CHUNK - 1) // CHUNK
+    for i in paced(chunks, rate, CHUNK):
+        sock.sendall(data[: min(CHUNK, total - i * CHUNK)])
+    sock.close()
+
+
+def arp_reply(index):
+    mac = bytes([0x0A, 0x78, 0, 0, 0, index])
+    ip = socket.inet_aton("10.77.1.%d" % (index + 1))
+    return (b"\xff" * 6 + mac + b"\x08\x06"           # Ethernet: broadcast, ARP
+            + struct.pack("!HHBBH", 1, 0x0800, 6, 4, 2)  # Ethernet/IPv4, reply
+            + mac + ip + b"\xff" * 6 + ip)              # sender, target
+
+
+def arp_replies(iface, count, rate):
+    sock = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+    sock.bind((iface, 0))
+    frames = [arp_reply(i) for i in range(50)]
+    batch = 100  # frames per pacing step, so the pacing itself stays cheap
+    for i in paced(int(count) // batch, float(rate), batch):
+        for j in range(batch):
+            sock.send(frames[(i * batch + j) % len(frames)])
+
+
+COMMANDS = {
+    "igmp-join": igmp_join,
+    "udp-burst": udp_burst,
+    "tcp-sink": tcp_sink,
+    "tcp-send": tcp_send,
+    "arp-replies": arp_replies,
+}
+
+if __name__ == "__main__":
+    if len(sys.argv) < 2 or sys.argv[1] not in COMMANDS:
+        sys.exit(__doc__)
+    COMMANDS[sys.argv[1]](*sys.argv[2:])

@@ -1,0 +1,186 @@
+#!/usr/bin/env bash
+# The sniffer thread and traffic counters in the lab: a static host the gateway never
+# talks to is learnt from its IGMP reports; a "nas0" port added to br0 at run time is
+# monitored and dropped when it goes; the socket filter keeps other frames out of the
+# daemon; a DHCP release clears the cached address; a paced transfer between two hosts
+# shows up in both hosts' counts and rates; SIGTERM ends the daemon at once and leaves
+# no nftables table behind.
+# shellcheck disable=SC2317 # predicates are called through check()
+# shellcheck source-path=SCRIPTDIR
+set -euo pipefail
+# shellcheck source=lib.sh
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+ROOT="$LAB_DIR/root"
+HOSTRIXCTL_BIN="${HOSTRIXCTL_BIN:-$REPO_DIR/build/bin/hostrixctl}"
+TRAFFIC="$E2E_DIR/lan_traffic.py"
+# Debug bit 0x400: sniffer log level 7, so every frame that passes the filter is logged.
+# Interval 0: counters are sampled only on SIGUSR2, when the test asks.
+export LAB_MIB_OVERRIDES='480=0x402;475=0'
+TICKS_2=50
+
+ctl() { HOSTRIX_ROOT="$ROOT" "$HOSTRIXCTL_BIN" "$@"; }
+socket_up() { [[ -S "$ROOT/var/run/.hostrix_msg" ]]; }
+in_ns() { local ns="$1"; shift; ip netns exec "$ns" "$@"; }
+traffic() { local host="$1"; shift; in_ns "hx-$host" python3 "$TRAFFIC" "$@"; }
+log_lines() { grep -cF -- "$1" "$LAB_DIR/hostrix.log" 2>/dev/null || true; }
+
+poll() { ctl "$1" --json >>"$E2E_TMP/$1.json" 2>/dev/null || true; }
+reported() { poll "$1"; grep -qF "\"mac\":\"$2\"" "$E2E_TMP/$1.json"; }
+
+field_in() {
+    python3 - "$1" "$2" "$3" <<'PY'
+import json, sys
+path, mac, field = sys.argv[1:]
+for line in open(path):
+    if line.strip():
+        record = json.loads(line)
+        if record.get("mac") == mac:
+            print(record.get(field, ""))
+            break
+PY
+}
+
+# The host file after a forced sample (SIGUSR2 samples the counters, then writes it).
+refresh() { kill -USR2 "$DAEMON_PID"; sleep 0.3; ctl list --json >"$E2E_TMP/list.json" 2>/dev/null; }
+listed_field() { field_in "$E2E_TMP/list.json" "$1" "$2"; }
+host_file_says() { refresh && [[ "$(listed_field "$1" "$2")" == "$3" ]]; }
+in_host_file() { refresh && grep -qF "\"mac\":\"$1\"" "$E2E_TMP/list.json"; }
+
+# The SIGHUP dump's block, from its last "Sniffer Information" line on.
+sniffer_dump() {
+    local before
+    before="$(log_lines '====> [Sniffer Information] <====')"
+    kill -HUP "$DAEMON_PID"
+    wait_for 10 test "$(log_lines '====> [Sniffer Information] <====')" -gt "$before" || return 1
+    sleep 0.2
+    awk '/====> \[Sniffer Information\] <====/ { block = "" } { block = block $0 "\n" } END { printf "%s", block }' \
+        "$LAB_DIR/hostrix.log"
+}
+dump_has() { sniffer_dump | grep -qE -- "$1"; }
+dump_lacks() { ! sniffer_dump | grep -qE -- "$1"; }
+
+check_startup_interfaces() {
+    check "br0 is monitored with no master" wait_for 10 dump_has '^    IF br0\([0-9]+\) SOCK [0-9]+ MASTER NULL$'
+    check "its member port nas0_0 with master br0" dump_has '^    IF nas0_0\([0-9]+\) SOCK [0-9]+ MASTER br0$'
+    check "eth0.2 is not monitored" dump_lacks '^    IF eth0\.2\('
+}
+
+check_sniffer_learnt_host() {
+    local mac joiner
+    check "add-host h7 on eth0.3 with static 10.77.0.70" lab_run add-host h7 eth0.3 --static 10.77.0.70
+    mac="$(host_mac h7)"
+    traffic h7 igmp-join 239.77.0.7 4 &
+    joiner=$!
+    check "h7 is reported" wait_for "$TICKS_2" reported new "$mac"
+    check "at 10.77.0.70" wait_for 30 host_file_says "$mac" ip 10.77.0.70
+    check "learnt by the sniffer (ipSource 3)" host_file_says "$mac" ipSource 3
+    check "the gateway never resolved it by ARP" test -z "$(ip -n "$GW_NS" -4 neigh show 10.77.0.70 | grep -v FAILED)"
+    wait "$joiner" || true
+}
+
+check_runtime_ports() {
+    ip -n "$GW_NS" link add nas0_7 type veth peer name nas0_7p
+    ip -n "$GW_NS" link add eth0.9 type veth peer name eth0.9p
+    ip -n "$GW_NS" link set nas0_7 master br0 up
+    ip -n "$GW_NS" link set eth0.9 master br0 up
+    check "nas0_7 joining br0 is monitored with master br0" \
+        wait_for 20 dump_has '^    IF nas0_7\([0-9]+\) SOCK [0-9]+ MASTER br0$'
+    check "eth0.9 joining br0 is not" dump_lacks '^    IF eth0\.9\('
+    ip -n "$GW_NS" link del nas0_7
+    ip -n "$GW_NS" link del eth0.9
+    check "nas0_7 removed disappears from the dump" wait_for 20 dump_lacks '^    IF nas0_7\('
+    check "br0 is still monitored" dump_has '^    IF br0\('
+}
+
+# 10,000 broadcast datagrams to an unwatched port, then 20 to the DHCP server port as
+# a control: only the control frames reach the thread (frame sizes 375 and 343).
+check_filter() {
+    traffic h1 udp-burst 9999 10000 333
+    traffic h1 udp-burst 67 20 301
+    check "the 20 frames to port 67 reach the sniffer" wait_for 25 test "$(log_lines 'SIZE 343 PROTO 0x0800')" -ge 20
+    check "none of the 10,000 frames to port 9999 does" test "$(log_lines 'SIZE 375 PROTO 0x0800')" -eq 0
+}
+
+cache_line_of() { sniffer_dump | grep -E "^    HOST ${1//:/} IP " | head -n 1; }
+cached_ip_is() { [[ "$(cache_line_of "$1" | awk '{ print $4 }')" == "$2" ]]; }
+
+# The gateway resolves h2 afresh, so h2's ARP reply to it passes the sniffer; then
+# h2's DHCP client releases its lease.
+check_dhcp_release() {
+    local mac ip
+    mac="$(host_mac h2)"
+    ip="$(lease_ip_of "$mac")"
+    ip -n "$GW_NS" neigh flush to "$ip" 2>/dev/null || true
+    in_ns "$GW_NS" busybox ping -c 1 -W 2 "$ip" >/dev/null 2>&1 || true
+    check "h2's ARP reply puts $ip in the cache" wait_for 25 cached_ip_is "${mac^^}" "$ip"
+    kill -USR2 "$(cat "$LAB_DIR/udhcpc.h2.pid")"
+    check "h2's DHCP release clears its cached address" wait_for 25 cached_ip_is "${mac^^}" 0.0.0.0
+}
+
+# rxBytes/txBytes of MAC in the last listing.
+counter_of() { listed_field "$1" "$2"; }
+within_20_percent() { python3 -c 'import sys; a, e = map(float, sys.argv[1:]); sys.exit(abs(a - e) > 0.2 * e)' "$1" "$2"; }
+
+check_traffic() {
+    local tx_mac rx_mac bytes=$((20 * 1024 * 1024)) rate=2000000 tx0 rx0 sink sender up down
+    tx_mac="$(host_mac h1)"
+    rx_mac="$(host_mac h5)"
+    in_ns "$GW_NS" busybox ping -c 1 -W 2 10.77.0.50 >/dev/null 2>&1 || true
+    check "sender h1 and receiver h5 are in the host file" \
+        wait_for 30 eval 'in_host_file "$tx_mac" && in_host_file "$rx_mac"'
+    tx0="$(counter_of "$tx_mac" txBytes)"
+    rx0="$(counter_of "$rx_mac" rxBytes)"
+    traffic h5 tcp-sink 5001 >"$E2E_TMP/sink.out" &
+    sink=$!
+    sleep 0.5
+    traffic h1 tcp-send 10.77.0.50 5001 "$bytes" "$rate" &
+    sender=$!
+    sleep 3
+    refresh  # sample A, mid-transfer
+    sleep 4
+    refresh  # sample B: rates over the 4 s between
+    up="$(counter_of "$tx_mac" upRate)"
+    down="$(counter_of "$rx_mac" downRate)"
+    check "h1's upRate $up is within 20% of $((rate / 128)) (1024 bit/s units)" within_20_percent "$up" $((rate / 128))
+    check "h5's downRate $down is within 20% of $((rate / 128))" within_20_percent "$down" $((rate / 128))
+    wait "$sender" || true
+    wait "$sink" || true
+    check "h5 received all $bytes bytes" test "$(cat "$E2E_TMP/sink.out")" -eq "$bytes"
+    refresh
+    check "h1's txBytes grew by about 20 MiB" within_20_percent $(($(counter_of "$tx_mac" txBytes) - tx0)) "$bytes"
+    check "h5's rxBytes grew by about 20 MiB" within_20_percent $(($(counter_of "$rx_mac" rxBytes) - rx0)) "$bytes"
+}
+
+nft_table_present() { in_ns "$GW_NS" nft list table bridge hostrix >/dev/null 2>&1; }
+
+check_shutdown() {
+    local pid="$DAEMON_PID"
+    check "the counter table exists while the daemon runs" nft_table_present
+    kill -TERM "$pid"
+    check "SIGTERM ends the daemon within 1 s" wait_for 5 all_dead "$pid"
+    wait "$pid" 2>/dev/null || true
+    DAEMON_PID=""
+    check "the sniffer stopped first" wait_for 5 test "$(log_lines 'Stop Sniffer')" -ge 1
+    check "no nftables table is left" eval '! nft_table_present'
+}
+
+main() {
+    lab_test_setup
+    require_daemon_bin
+    [[ -x "$HOSTRIXCTL_BIN" ]] || skip "no client at $HOSTRIXCTL_BIN (build it or set HOSTRIXCTL_BIN)"
+    command -v nft >/dev/null 2>&1 || skip "'nft' is not installed (make check installs it)"
+    check "lab up" lab_run up
+    daemon_start
+    check "control socket is listening" wait_for 50 socket_up
+    check_startup_interfaces
+    check_sniffer_learnt_host
+    check_runtime_ports
+    check_filter
+    check_dhcp_release
+    check_traffic
+    check_shutdown
+    finish
+}
+
+main "$@"
