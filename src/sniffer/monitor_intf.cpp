@@ -137,8 +137,11 @@ void receiveFrame(const sd_intf &record) {
                     record.sock, static_cast<int>(length), errno);
         return;
     }
+    // The name lookup costs three system calls: only for a line that is printed.
     char arrival[IF_NAMESIZE] = {};
-    if (!if_indextoname(static_cast<unsigned>(sender.sll_ifindex), arrival)) arrival[0] = '\0';
+    if (snifferLogLevel() >= kSnifferProgress &&
+        !if_indextoname(static_cast<unsigned>(sender.sll_ifindex), arrival))
+        arrival[0] = '\0';
     RECEIVE_LOG(kSnifferProgress, "=== Receive packet SIZE %d PROTO 0x%04x IF %s TYPE %hhu ===\n",
                 static_cast<int>(length), static_cast<unsigned>(ntohs(sender.sll_protocol)),
                 arrival, sender.sll_pkttype);

@@ -166,3 +166,29 @@ daemon_stop() {
     DAEMON_PID=""
     return "$rc"
 }
+
+# --- the client's view of the daemon in the lab ---
+
+ROOT="$LAB_DIR/root"
+HOSTRIXCTL_BIN="${HOSTRIXCTL_BIN:-$REPO_DIR/build/bin/hostrixctl}"
+
+ctl() { HOSTRIX_ROOT="$ROOT" "$HOSTRIXCTL_BIN" "$@"; }
+socket_up() { [[ -S "$ROOT/var/run/.hostrix_msg" ]]; }
+
+# Every report a query returns is appended to its log, so none is lost between checks.
+poll() { ctl "$1" --json >>"$E2E_TMP/$1.json" 2>/dev/null || true; }
+reported() { poll "$1"; grep -qF "\"mac\":\"$2\"" "$E2E_TMP/$1.json"; }
+
+# FIELD of the first record of MAC in the JSON lines of FILE.
+field_in() {
+    python3 - "$1" "$2" "$3" <<'PY'
+import json, sys
+path, mac, field = sys.argv[1:]
+for line in open(path):
+    if line.strip():
+        record = json.loads(line)
+        if record.get("mac") == mac:
+            print(record.get(field, ""))
+            break
+PY
+}

@@ -8,15 +8,11 @@ set -euo pipefail
 # shellcheck source=lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-ROOT="$LAB_DIR/root"
 DAEMON_LOG="$LAB_DIR/hostrix.log"
-HOSTRIXCTL_BIN="${HOSTRIXCTL_BIN:-$REPO_DIR/build/bin/hostrixctl}"
 
-ctl() { HOSTRIX_ROOT="$ROOT" "$HOSTRIXCTL_BIN" "$@"; }
 ctl_says() { [[ "$(ctl "${@:2}" 2>/dev/null)" == "$1" ]]; }
 ctl_exits() { local want="$1" rc=0; shift; ctl "$@" >/dev/null 2>&1 || rc=$?; ((rc == want)); }
 logged() { grep -qF -- "$1" "$DAEMON_LOG" 2>/dev/null; }
-socket_up() { [[ -S "$ROOT/var/run/.hostrix_msg" ]]; }
 host_file_there() { [[ -f "$ROOT/var/hostrix" ]]; }
 json_lines() { ctl "$@" --json | python3 -c 'import json,sys; [json.loads(l) for l in sys.stdin if l.strip()]'; }
 

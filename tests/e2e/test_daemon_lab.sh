@@ -8,7 +8,6 @@ set -euo pipefail
 # shellcheck source=lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-ROOT="$LAB_DIR/root"
 DAEMON_LOG="$LAB_DIR/hostrix.log"
 
 logged() { grep -qF -- "$1" "$DAEMON_LOG" 2>/dev/null; }

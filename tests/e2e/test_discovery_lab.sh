@@ -10,36 +10,16 @@ set -euo pipefail
 # shellcheck source=lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-ROOT="$LAB_DIR/root"
-HOSTRIXCTL_BIN="${HOSTRIXCTL_BIN:-$REPO_DIR/build/bin/hostrixctl}"
 # Short timeouts so a silent host is gone in well under a minute: ARP interval 5 s,
 # probing after 10 s idle, 2 requests, FDB entries older than 8 s confirm nothing,
 # offline after 20 s; debug groups 0x2 and 0x800 (probing) in the log.
 export LAB_MIB_OVERRIDES='480=0x802;481=5;482=10;483=2;484=8;485=20'
 TICKS_2=50  # two 3 s main-loop ticks and some slack, in 0.2 s tries
 
-ctl() { HOSTRIX_ROOT="$ROOT" "$HOSTRIXCTL_BIN" "$@"; }
-socket_up() { [[ -S "$ROOT/var/run/.hostrix_msg" ]]; }
 logged() { grep -qF -- "$1" "$LAB_DIR/hostrix.log" 2>/dev/null; }
 
-# Every report a query returns is appended to its log, so none is lost between checks.
-poll() { ctl "$1" --json >>"$E2E_TMP/$1.json" 2>/dev/null || true; }
-reported() { poll "$1"; grep -qF "\"mac\":\"$2\"" "$E2E_TMP/$1.json"; }
 report_count() { grep -cF "\"mac\":\"$2\"" "$E2E_TMP/$1.json" || true; }
 
-# FIELD of the first record of MAC in the JSON lines of FILE.
-field_in() {
-    python3 - "$1" "$2" "$3" <<'PY'
-import json, sys
-path, mac, field = sys.argv[1:]
-for line in open(path):
-    if line.strip():
-        record = json.loads(line)
-        if record.get("mac") == mac:
-            print(record.get(field, ""))
-            break
-PY
-}
 reported_field() { field_in "$E2E_TMP/$1.json" "$2" "$3"; }
 field_is() { [[ "$(reported_field "$1" "$2" "$3")" == "$4" ]]; }
 

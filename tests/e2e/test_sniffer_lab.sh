@@ -11,35 +11,15 @@ set -euo pipefail
 # shellcheck source=lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-ROOT="$LAB_DIR/root"
-HOSTRIXCTL_BIN="${HOSTRIXCTL_BIN:-$REPO_DIR/build/bin/hostrixctl}"
-TRAFFIC="$E2E_DIR/lan_traffic.py"
+TRAFFIC="$REPO_DIR/lab/lan_traffic.py"
 # Debug bit 0x400: sniffer log level 7, so every frame that passes the filter is logged.
 # Interval 0: counters are sampled only on SIGUSR2, when the test asks.
 export LAB_MIB_OVERRIDES='480=0x402;475=0'
 TICKS_2=50
 
-ctl() { HOSTRIX_ROOT="$ROOT" "$HOSTRIXCTL_BIN" "$@"; }
-socket_up() { [[ -S "$ROOT/var/run/.hostrix_msg" ]]; }
 in_ns() { local ns="$1"; shift; ip netns exec "$ns" "$@"; }
 traffic() { local host="$1"; shift; in_ns "hx-$host" python3 "$TRAFFIC" "$@"; }
 log_lines() { grep -cF -- "$1" "$LAB_DIR/hostrix.log" 2>/dev/null || true; }
-
-poll() { ctl "$1" --json >>"$E2E_TMP/$1.json" 2>/dev/null || true; }
-reported() { poll "$1"; grep -qF "\"mac\":\"$2\"" "$E2E_TMP/$1.json"; }
-
-field_in() {
-    python3 - "$1" "$2" "$3" <<'PY'
-import json, sys
-path, mac, field = sys.argv[1:]
-for line in open(path):
-    if line.strip():
-        record = json.loads(line)
-        if record.get("mac") == mac:
-            print(record.get(field, ""))
-            break
-PY
-}
 
 # The host file after a forced sample (SIGUSR2 samples the counters, then writes it).
 refresh() { kill -USR2 "$DAEMON_PID"; sleep 0.3; ctl list --json >"$E2E_TMP/list.json" 2>/dev/null; }

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Traffic that a LAN device makes, for the end-to-end tests and the capture bench.
+"""Traffic that a LAN device makes, for the end-to-end tests, the capture bench and by hand.
 Run inside a client namespace (ip netns exec hx-NAME python3 lan_traffic.py ...).
 
   igmp-join GROUP SECONDS          join a multicast group (the kernel sends IGMP reports)
