@@ -67,7 +67,7 @@ measure_delivery() {
     nas0="$(receive_lines nas0_0)"
     send_replies 10000
     sleep 2
-    printf 'delivery %d frames sent at 10000/s with every frame logged: %d reached the parser from br0, %d from nas0_0 (the flood leaving)\n' \
+    printf 'delivery %d frames sent at 10000/s with every frame logged: %d reached the parser from br0, %d from nas0_0 (no carrier in the lab: nothing is forwarded to it)\n' \
         "$FRAMES" $(($(receive_lines br0) - br0)) $(($(receive_lines nas0_0) - nas0))
 }
 

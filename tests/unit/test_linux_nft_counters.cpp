@@ -1,15 +1,13 @@
 // Traffic counters on nftables: the listing parser on crafted JSON, then the counter
 // operations against real nft in a private network namespace. Also the port ids of the
 // backend's netlink sockets, which must leave the process id to the sniffer.
-#include <arpa/inet.h>
 #include <linux/netlink.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstdlib>
-#include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
@@ -55,14 +53,12 @@ const std::string kTwoHosts =
     listing({set("tx", {elem("0a:77:00:00:00:02", "300"), elem("0a:77:00:00:00:01", "100")}),
              set("rx", {elem("0a:77:00:00:00:01", "200"), elem("0a:77:00:00:00:02", "400")})});
 
-struct ListingCase {
-    const char *what;
-    std::string json;
-    std::vector<NftCounter> expected;
-};
-
 TEST(NftListing, CraftedListings) {
-    const ListingCase cases[] = {
+    const struct {
+        const char *what;
+        std::string json;
+        std::vector<NftCounter> expected;
+    } cases[] = {
         {"two hosts in both sets, sorted by MAC",
          kTwoHosts,
          {counter(kHostA, 100, 200), counter(kHostB, 300, 400)}},
@@ -97,7 +93,7 @@ TEST(NftListing, CraftedListings) {
          R"({"set": {"elem": [)" + elem("0a:77:00:00:00:01", "1") + R"(], "name": "tx"}})",
          {}},
     };
-    for (const ListingCase &c : cases)
+    for (const auto &c : cases)
         EXPECT_EQ(parseNftCounterListing(c.json), c.expected) << c.what;
 }
 
@@ -127,26 +123,16 @@ TEST(NftListing, ElementsCapped) {
 
 // --- against real nft, in the child ---
 
-bool nftWorks(const char *command) {
-    return std::system((std::string("nft ") + command + " >/dev/null 2>&1").c_str()) == 0;
-}
-
 bool tablePresent() {
-    return nftWorks("list table bridge hostrix");
+    return std::system("nft list table bridge hostrix >/dev/null 2>&1") == 0;
 }
-
-// A host entry begins with its MAC.
-struct Entry {
-    Entry(const Mac &mac) { std::memcpy(bytes, mac.data(), mac.size()); }
-    uint8_t bytes[16] = {};
-};
 
 // The plain set's pair for ENTRY in one sampling pass; -1 in [0] when not answered.
-std::array<int64_t, 2> sample(Entry &entry) {
+std::array<int64_t, 2> sample(Mac entry = kHostA) {
     uint64_t pair[2] = {};
     zvt_host_police_control_mib_counter_get_begin();
-    int answer = zvt_host_police_control_mib_counter_get(entry.bytes, pair);
-    int fc = zvt_fc_host_police_control_mib_counter_get(entry.bytes, pair);
+    int answer = zvt_host_police_control_mib_counter_get(entry.data(), pair);
+    int fc = zvt_fc_host_police_control_mib_counter_get(entry.data(), pair);
     zvt_host_police_control_mib_counter_get_end();
     if (answer != 0 || fc != -1) return {-1, -1};
     return {static_cast<int64_t>(pair[0]), static_cast<int64_t>(pair[1])};
@@ -154,56 +140,9 @@ std::array<int64_t, 2> sample(Entry &entry) {
 
 // One UDP datagram from the gateway through br0 to host A's address.
 bool sendToHostA() {
-    if (std::system("ip addr add 192.168.77.1/24 dev br0 && "
-                    "ip neigh add 192.168.77.2 lladdr 0a:77:00:00:00:01 dev br0") != 0)
-        return false;
-    UniqueFd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(9);
-    inet_pton(AF_INET, "192.168.77.2", &to.sin_addr);
-    const char payload[100] = {};
-    return sendto(sock.get(), payload, sizeof payload, 0, reinterpret_cast<sockaddr *>(&to),
-                  sizeof to) == static_cast<ssize_t>(sizeof payload);
-}
-
-int checkCountersOnRealNft() {
-    Entry hostA(kHostA);
-    NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0 && tablePresent());
-    NETNS_CHECK(sample(hostA)[0] == -1);  // not registered
-    NETNS_CHECK(zvt_update_lan_hpc_for_mib(hostA.bytes, 1) == 0);
-    NETNS_CHECK(zvt_fc_update_lan_hpc_for_mib(hostA.bytes, 1) == 0);
-    NETNS_CHECK((sample(hostA) == std::array<int64_t, 2>{0, 0}));
-    if (!netnsMakeBridge()) return kNetnsNoSetup;
-    NETNS_CHECK(sendToHostA());
-    const auto counted = sample(hostA);
-    NETNS_CHECK(counted[0] == 0 && counted[1] >= 100);
-    NETNS_CHECK(zvt_update_lan_hpc_for_mib(hostA.bytes, 0) == 0 && sample(hostA)[0] == -1);
-    NETNS_CHECK(zvt_update_lan_hpc_for_mib(hostA.bytes, 0) == 0);  // already gone: no error
-    NETNS_CHECK(zvt_update_lan_hpc_for_mib(hostA.bytes, 1) == 0 && sample(hostA)[0] == 0);
-    NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0 && tablePresent());
-    NETNS_CHECK(sample(hostA)[0] == -1);  // a new table has no elements
-    return kNetnsPassed;
-}
-
-// Nothing is made and nothing answers.
-int checkCountersOff() {
-    Entry hostA(kHostA);
-    NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0 && !tablePresent());
-    NETNS_CHECK(zvt_update_lan_hpc_for_mib(hostA.bytes, 1) == -1 && sample(hostA)[0] == -1);
-    return kNetnsPassed;
-}
-
-// A process that made the table and exits takes it away.
-int checkTableRemovedAtExit() {
-    const pid_t pid = fork();
-    if (pid == 0)
-        std::exit(zvt_fc_host_police_control_mib_counter_init() == 0 && tablePresent() ? 0 : 1);
-    int status = -1;
-    NETNS_CHECK(pid > 0 && waitpid(pid, &status, 0) == pid);
-    NETNS_CHECK(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    NETNS_CHECK(!tablePresent());
-    return kNetnsPassed;
+    return std::system("ip addr add 192.168.77.1/24 dev br0 && "
+                       "ip neigh add 192.168.77.2 lladdr 0a:77:00:00:00:01 dev br0 && "
+                       "bash -c 'echo to-host-a >/dev/udp/192.168.77.2/9'") == 0;
 }
 
 class NftCountersKernel : public HostrixRootTest {
@@ -216,16 +155,44 @@ class NftCountersKernel : public HostrixRootTest {
 };
 
 TEST_F(NftCountersKernel, RegisterCountUnregisterReplace) {
-    expectPassesInPrivateNetns(checkCountersOnRealNft);
+    expectPassesInPrivateNetns([] {
+        Mac hostA = kHostA;
+        NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0 && tablePresent());
+        NETNS_CHECK(sample()[0] == -1);  // not registered
+        NETNS_CHECK(zvt_update_lan_hpc_for_mib(hostA.data(), 1) == 0 && sample()[0] == 0);
+        if (!netnsMakeBridge()) return kNetnsNoSetup;
+        NETNS_CHECK(sendToHostA());
+        const auto counted = sample();
+        NETNS_CHECK(counted[0] == 0 && counted[1] > 0);
+        NETNS_CHECK(zvt_update_lan_hpc_for_mib(hostA.data(), 0) == 0 && sample()[0] == -1);
+        NETNS_CHECK(zvt_update_lan_hpc_for_mib(hostA.data(), 0) == 0);  // already gone: no error
+        NETNS_CHECK(zvt_update_lan_hpc_for_mib(hostA.data(), 1) == 0 && sample()[0] == 0);
+        NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0 && sample()[0] == -1);
+        return kNetnsPassed;
+    });
 }
 
+// Nothing is made and nothing answers.
 TEST_F(NftCountersKernel, OffInTheConfiguration) {
     writeConfig("counters = off\n");
-    expectPassesInPrivateNetns(checkCountersOff);
+    expectPassesInPrivateNetns([] {
+        Mac hostA = kHostA;
+        NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0 && !tablePresent());
+        NETNS_CHECK(zvt_update_lan_hpc_for_mib(hostA.data(), 1) == -1 && sample()[0] == -1);
+        return kNetnsPassed;
+    });
 }
 
+// A process that made the table and exits takes it away.
 TEST_F(NftCountersKernel, TableRemovedAtExit) {
-    expectPassesInPrivateNetns(checkTableRemovedAtExit);
+    expectPassesInPrivateNetns([] {
+        const pid_t pid = fork();
+        if (pid == 0)
+            std::exit(zvt_fc_host_police_control_mib_counter_init() == 0 && tablePresent() ? 0 : 1);
+        int status = -1;
+        NETNS_CHECK(pid > 0 && waitpid(pid, &status, 0) == pid && status == 0 && !tablePresent());
+        return kNetnsPassed;
+    });
 }
 
 // Without nft the daemon says so once and runs on without counters.
@@ -242,8 +209,7 @@ TEST_F(NftCountersMissing, ReportedAndNotAvailable) {
     EXPECT_EQ(said,
               "hostrix: traffic counters are not available: nft was not found (install nftables, "
               "or set counters = off in mib.conf)\n");
-    Entry hostA(kHostA);
-    EXPECT_EQ(sample(hostA)[0], -1);
+    EXPECT_EQ(sample()[0], -1);
 }
 
 uint32_t portIdOf(const UniqueFd &sock) {
@@ -253,29 +219,17 @@ uint32_t portIdOf(const UniqueFd &sock) {
                                                                                      : 0;
 }
 
-// An unbound socket gets its port id at its first send.
-bool sendNoop(const UniqueFd &sock) {
-    const nlmsghdr noop{NLMSG_HDRLEN, NLMSG_NOOP, NLM_F_REQUEST, 1, 0};
-    sockaddr_nl kernel{};
-    kernel.nl_family = AF_NETLINK;
-    return sendto(sock.get(), &noop, sizeof noop, 0, reinterpret_cast<sockaddr *>(&kernel),
-                  sizeof kernel) == static_cast<ssize_t>(sizeof noop);
-}
-
 // The sniffer binds to the process id whenever it starts; ours must never hold it, and
-// a second one of ours still gets a socket.
+// one opened while the sniffer's is bound still gets a port of its own.
 TEST(KernelNetlinkSocket, LeavesTheProcessIdFree) {
+    const uint32_t pid = static_cast<uint32_t>(getpid());
     const UniqueFd ours = openKernelNetlinkSocket(NETLINK_ROUTE);
-    ASSERT_TRUE(ours.valid() && sendNoop(ours));
-    EXPECT_NE(portIdOf(ours), static_cast<uint32_t>(getpid()));
     UniqueFd sniffer(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
-    sockaddr_nl local{};
-    local.nl_family = AF_NETLINK;
-    local.nl_pid = static_cast<uint32_t>(getpid());
-    EXPECT_EQ(bind(sniffer.get(), reinterpret_cast<sockaddr *>(&local), sizeof local), 0);
+    const sockaddr_nl local{.nl_family = AF_NETLINK, .nl_pad = 0, .nl_pid = pid, .nl_groups = 0};
+    EXPECT_EQ(bind(sniffer.get(), reinterpret_cast<const sockaddr *>(&local), sizeof local), 0);
     const UniqueFd second = openKernelNetlinkSocket(NETLINK_ROUTE);
-    ASSERT_TRUE(second.valid());
-    EXPECT_NE(portIdOf(second), 0u);
+    for (const UniqueFd *sock : {&ours, &second})
+        EXPECT_TRUE(sock->valid() && portIdOf(*sock) != 0 && portIdOf(*sock) != pid);
     EXPECT_NE(portIdOf(second), portIdOf(ours));
 }
 
