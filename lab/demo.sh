@@ -13,7 +13,8 @@ HOSTRIXCTL_BIN="${HOSTRIXCTL_BIN:-$REPO/build/bin/hostrixctl}"
 DAEMON_ROOT="$LAB_DIR/root"
 DAEMON_LOG="$LAB_DIR/hostrix.log"
 DAEMON_PID_FILE="$LAB_DIR/hostrix.daemon.pid"
-readonly REFRESH_S=3 STOP_GRACE_S=3
+CONTROL_SOCKET="$DAEMON_ROOT/var/run/.hostrix_msg"
+readonly REFRESH_S=3 STOP_GRACE_S=3 SOCKET_WAIT_S=15
 
 DURATION=0
 DEADLINE=0
@@ -34,7 +35,7 @@ usage() {
     cat <<USAGE
 usage: lab/demo.sh [SECONDS]    (as root)
 Builds the lab, starts hostrix in hx-gw and shows the live picture; stops by
-itself after SECONDS (0 or none: at Ctrl-C), then stops the daemon and the lab.
+itself after SECONDS of watching (0 or none: at Ctrl-C), then stops the daemon and the lab.
 env: HOSTRIX_BIN (default build/bin/hostrix), HOSTRIXCTL_BIN (default build/bin/hostrixctl),
      HOSTRIX_LAB_DIR (default /run/hostrix-lab), plus lab/lab's LAB_MIB_OVERRIDES
 USAGE
@@ -76,6 +77,17 @@ lab_fresh_up() {
     "$LAB" up
 }
 
+# The client needs the control socket, which comes after the daemon's start-up work
+# (its first nft run can take a while on a cold machine); a fixed pause would race it.
+wait_for_control_socket() {
+    local tries=$((SOCKET_WAIT_S * 10))
+    while ((tries-- > 0)) && pid_alive "$DAEMON_PID" && [[ ! -S "$CONTROL_SOCKET" ]]; do
+        sleep 0.1
+    done
+    [[ -S "$CONTROL_SOCKET" ]] || ! pid_alive "$DAEMON_PID" ||
+        note "no control socket at $CONTROL_SOCKET after ${SOCKET_WAIT_S} s; going on"
+}
+
 start_daemon() {
     say "Starting hostrix in namespace hx-gw"
     note "binary: $HOSTRIX_BIN"
@@ -87,7 +99,7 @@ start_daemon() {
     DAEMON_PID=$!
     printf '%s\n' "$DAEMON_PID" >"$DAEMON_PID_FILE"
     note "pid $DAEMON_PID, log $DAEMON_LOG"
-    pause 1
+    wait_for_control_socket
     if ! pid_alive "$DAEMON_PID"; then
         local rc=0
         wait "$DAEMON_PID" || rc=$?
@@ -157,6 +169,8 @@ start_story() {
 show_live_view() {
     local until="until Ctrl-C"
     if ((DURATION > 0)); then until="for $DURATION s (Ctrl-C stops earlier)"; fi
+    # SECONDS is watching time: building the lab does not eat into it.
+    if ((DURATION > 0)); then DEADLINE=$(($(date +%s) + DURATION)); fi
     if [[ -x "$HOSTRIXCTL_BIN" ]]; then
         say "Watching with '$HOSTRIXCTL_BIN watch' $until"
         note "every 15 s the demo adds a TV on eth0.5, roams h3 to wlan1, then lets h4 leave"
@@ -229,7 +243,6 @@ main() {
     trap cleanup EXIT
     trap 'STOP_REQUESTED=1' INT TERM HUP
     trap '' PIPE  # a closed output ends the view with an error, then cleanup runs
-    if ((DURATION > 0)); then DEADLINE=$(($(date +%s) + DURATION)); fi
     lab_fresh_up
     start_daemon
     show_live_view

@@ -171,20 +171,22 @@ host_move() {
 }
 
 # One frame from the host after it moved or came back, as a real device sends
-# on association, so br0 learns the MAC on its new port without waiting.
+# on association, so br0 learns the MAC on its new port without waiting. Tried
+# again if unanswered: a link just brought up may drop the first one.
 host_announce() {
-    local name="$1" ns
+    local name="$1" ns family=-4 target="$GW_V4" tries=3
     ns="$(host_ns "$name")"
-    if [[ "$(host_get "$name" mode)" == v6only ]]; then
-        in_ns "$ns" busybox ping -6 -c 1 -W 1 "$GW_V6" >/dev/null 2>&1 || true
-    else
-        in_ns "$ns" busybox ping -c 1 -W 1 "$GW_V4" >/dev/null 2>&1 || true
-    fi
+    if [[ "$(host_get "$name" mode)" == v6only ]]; then family=-6 target="$GW_V6"; fi
+    while ((tries-- > 0)); do
+        in_ns "$ns" busybox ping "$family" -c 1 -W 1 "$target" >/dev/null 2>&1 && return 0
+    done
+    return 0
 }
 
 host_has_lease() { grep -qi " $(host_get "$1" mac) " "$LAB_DIR/dnsmasq.leases" 2>/dev/null; }
 host_has_v4() { ip -n "$(host_ns "$1")" -4 addr show dev "$HOST_IF" 2>/dev/null | grep -q "inet $V4_NET\."; }
-host_has_v6() { ip -n "$(host_ns "$1")" -6 addr show dev "$HOST_IF" scope global 2>/dev/null | grep -q "inet6 $V6_PREFIX"; }
+# Usable only once duplicate address detection is over: a tentative address sends nothing.
+host_has_v6() { ip -n "$(host_ns "$1")" -6 addr show dev "$HOST_IF" scope global -tentative 2>/dev/null | grep -q "inet6 $V6_PREFIX"; }
 
 # What a host lacks, as words (empty once it is fully configured).
 host_missing() {

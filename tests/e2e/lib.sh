@@ -150,7 +150,7 @@ require_daemon_bin() {
 # Runs the daemon in the gateway namespace the way lab/demo.sh does.
 daemon_start() {
     # PATH: the lab's bridge tool first (lab/lib/gateway.sh, bridge_tool_create).
-    setsid ip netns exec "$GW_NS" env HOSTRIX_ROOT="$LAB_DIR/root" PATH="$LAB_DIR/bin:$PATH" "$HOSTRIX_BIN" "$@" \
+    setsid ip netns exec "$GW_NS" env HOSTRIX_ROOT="$LAB_DIR/root" PATH="$LAB_DIR/bin:$PATH" "$HOSTRIX_BIN" \
         </dev/null >>"$LAB_DIR/hostrix.log" 2>&1 &
     DAEMON_PID=$!
     printf '%s\n' "$DAEMON_PID" >"$LAB_DIR/hostrix.daemon.pid"
@@ -174,6 +174,17 @@ HOSTRIXCTL_BIN="${HOSTRIXCTL_BIN:-$REPO_DIR/build/bin/hostrixctl}"
 
 ctl() { HOSTRIX_ROOT="$ROOT" "$HOSTRIXCTL_BIN" "$@"; }
 socket_up() { [[ -S "$ROOT/var/run/.hostrix_msg" ]]; }
+
+require_client_bin() {
+    [[ -x "$HOSTRIXCTL_BIN" ]] || skip "no client at $HOSTRIXCTL_BIN (build it or set HOSTRIXCTL_BIN)"
+}
+
+# The lab, and the daemon in it answering on its control socket.
+start_daemon_in_lab() {
+    check "lab up" lab_run up
+    daemon_start
+    check "control socket is listening" wait_for 50 socket_up
+}
 
 # Every report a query returns is appended to its log, so none is lost between checks.
 poll() { ctl "$1" --json >>"$E2E_TMP/$1.json" 2>/dev/null || true; }

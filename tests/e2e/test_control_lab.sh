@@ -61,10 +61,8 @@ check_unreachable() {
 main() {
     lab_test_setup
     require_daemon_bin
-    [[ -x "$HOSTRIXCTL_BIN" ]] || skip "no client at $HOSTRIXCTL_BIN (build it or set HOSTRIXCTL_BIN)"
-    check "lab up" lab_run up
-    daemon_start
-    check "control socket is listening" wait_for 50 socket_up
+    require_client_bin
+    start_daemon_in_lab
     check_limits_and_counts
     check_actions
     check_reports

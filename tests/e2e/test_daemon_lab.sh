@@ -2,7 +2,7 @@
 # The real daemon in the lab's gateway namespace: it starts on the lab's
 # configuration, answers its FIFO and SIGUSR1 reload, stops cleanly on SIGTERM;
 # and the demo brings the lab and the daemon up and down leaving nothing behind.
-# shellcheck disable=SC2317,SC2119 # predicates are called through check()
+# shellcheck disable=SC2317 # predicates are called through check()
 # shellcheck source-path=SCRIPTDIR
 set -euo pipefail
 # shellcheck source=lib.sh
@@ -22,7 +22,7 @@ hostrix_processes() { pgrep -x hostrix || true; pgrep -x hostrixctl || true; }
 fifo_command() { printf '%s\n' "$1" >"$ROOT/var/run/hostrix.fifo"; }
 
 check_daemon_runs() {
-    daemon_start  # no extra arguments: the daemon takes none
+    daemon_start
     check "daemon writes its PID file" wait_for 50 pid_file_names_daemon
     check "control socket is listening" wait_for 25 is_socket "$ROOT/var/run/.hostrix_msg"
     # Made after the counter table, which takes one run of nft.
@@ -52,6 +52,7 @@ check_clean_stop() {
 }
 
 check_demo() {
+    local failed_before="$FAILURES"
     lab_run down
     check "demo runs for 8 s and exits 0" sh -c "'$REPO_DIR/lab/demo.sh' 8 >'$E2E_TMP/demo.out' 2>&1"
     check "demo started the daemon" grep -qF "Starting hostrix" "$E2E_TMP/demo.out"
@@ -59,6 +60,7 @@ check_demo() {
     check "demo shows h1 arriving with address, name, port" \
         grep -qE "NEW +0a:77:00:00:00:01 10\.77\.0\.[0-9]+ hx-h1 eth0\.2 LAN1" "$E2E_TMP/demo.out"
     check "and h3 with its SSID" grep -qE "NEW +0a:77:00:00:00:03 .* wlan0 SSID1 ssid=hx-home" "$E2E_TMP/demo.out"
+    if ((FAILURES > failed_before)); then sed 's/^/    | /' "$E2E_TMP/demo.out"; fi
     check "no hostrix or hostrixctl process left after the demo" test -z "$(hostrix_processes)"
     check "no hx- namespace left after the demo" test -z "$(lab_namespaces)"
     check "no $LAB_DIR left after the demo" test ! -e "$LAB_DIR"

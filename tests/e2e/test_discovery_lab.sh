@@ -153,11 +153,9 @@ check_bridge_bound_port() {
 main() {
     lab_test_setup
     require_daemon_bin
-    [[ -x "$HOSTRIXCTL_BIN" ]] || skip "no client at $HOSTRIXCTL_BIN (build it or set HOSTRIXCTL_BIN)"
+    require_client_bin
     command -v tcpdump >/dev/null 2>&1 || skip "'tcpdump' is not installed (make check installs it)"
-    check "lab up" lab_run up
-    daemon_start
-    check "control socket is listening" wait_for 50 socket_up
+    start_daemon_in_lab
     check_new_device
     check_static_host
     check_ipv6_only_host

@@ -27,18 +27,27 @@ listed_field() { field_in "$E2E_TMP/list.json" "$1" "$2"; }
 host_file_says() { refresh && [[ "$(listed_field "$1" "$2")" == "$3" ]]; }
 in_host_file() { refresh && grep -qF "\"mac\":\"$1\"" "$E2E_TMP/list.json"; }
 
-# The SIGHUP dump's block, from its last "Sniffer Information" line on.
+# The SIGHUP dump's block, from its last "Sniffer Information" line on. The block is
+# read once its last section (the neighbour cache, ended by an empty line) is out: the
+# list lock can hold the dump back while the thread is handling frames.
+last_dump_block() {
+    awk '/====> \[Sniffer Information\] <====/ { block = ""; cache = 0; done = 0 }
+         { block = block $0 "\n" }
+         /^### Neighbor Host:$/ { cache = 1 }
+         cache && /^$/ { done = 1 }
+         END { printf "%s", block; exit !done }' "$LAB_DIR/hostrix.log"
+}
 sniffer_dump() {
     local before
     before="$(log_lines '====> [Sniffer Information] <====')"
     kill -HUP "$DAEMON_PID"
-    wait_for 10 test "$(log_lines '====> [Sniffer Information] <====')" -gt "$before" || return 1
-    sleep 0.2
-    awk '/====> \[Sniffer Information\] <====/ { block = "" } { block = block $0 "\n" } END { printf "%s", block }' \
-        "$LAB_DIR/hostrix.log"
+    wait_for 25 test "$(log_lines '====> [Sniffer Information] <====')" -gt "$before" || return 1
+    wait_for 25 last_dump_block >/dev/null || return 1
+    last_dump_block
 }
-dump_has() { sniffer_dump | grep -qE -- "$1"; }
-dump_lacks() { ! sniffer_dump | grep -qE -- "$1"; }
+# Both fail when no whole dump came out.
+dump_has() { local block; block="$(sniffer_dump)" && grep -qE -- "$1" <<<"$block"; }
+dump_lacks() { local block; block="$(sniffer_dump)" && ! grep -qE -- "$1" <<<"$block"; }
 
 check_startup_interfaces() {
     check "br0 is monitored with no master" wait_for 10 dump_has '^    IF br0\([0-9]+\) SOCK [0-9]+ MASTER NULL$'
@@ -148,11 +157,9 @@ check_shutdown() {
 main() {
     lab_test_setup
     require_daemon_bin
-    [[ -x "$HOSTRIXCTL_BIN" ]] || skip "no client at $HOSTRIXCTL_BIN (build it or set HOSTRIXCTL_BIN)"
+    require_client_bin
     command -v nft >/dev/null 2>&1 || skip "'nft' is not installed (make check installs it)"
-    check "lab up" lab_run up
-    daemon_start
-    check "control socket is listening" wait_for 50 socket_up
+    start_daemon_in_lab
     check_startup_interfaces
     check_sniffer_learnt_host
     check_runtime_ports
