@@ -17,7 +17,14 @@ is_fifo() { [[ -p "$1" ]]; }
 daemon_alive() { ! all_dead "$DAEMON_PID"; }
 no_config_complaint() { ! logged "mib.conf:"; }
 stopped_with_zero() { daemon_stop; }
-hostrix_processes() { pgrep -x hostrix || true; pgrep -x hostrixctl || true; }
+# Ours only: other builds' daemons and clients (another checkout's tests) may be running.
+hostrix_processes() {
+    local pid bin_dir
+    bin_dir="$(dirname "$(realpath "$HOSTRIX_BIN")")"
+    for pid in $(pgrep -x hostrix; pgrep -x hostrixctl); do
+        if [[ "$(readlink "/proc/$pid/exe" 2>/dev/null)" == "$bin_dir"/* ]]; then printf '%s\n' "$pid"; fi
+    done
+}
 
 fifo_command() { printf '%s\n' "$1" >"$ROOT/var/run/hostrix.fifo"; }
 

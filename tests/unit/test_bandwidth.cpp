@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "fixture.h"
 
@@ -20,6 +21,12 @@ protected:
         fake::state().counters[kHost] = {sent, received};
         getAndCalcLanHostCurrBandwidth(1, 1);
     }
+    // The pass's trace output.
+    std::string pass(uint8_t enable, uint8_t force) {
+        ::testing::internal::CaptureStdout();
+        getAndCalcLanHostCurrBandwidth(enable, force);
+        return ::testing::internal::GetCapturedStdout();
+    }
     hostEntry *entry = nullptr;
 };
 
@@ -38,32 +45,21 @@ TEST(BandwidthArithmetic, ElapsedWrapsIn32BitsAndRateTruncates) {
     EXPECT_EQ(counterRate(5000, 4000, 1000), 0u);                // counter reset
 }
 
-struct SampleCase {
-    const char *name;
-    long addSec, addUsec;
-    uint64_t sent, received;  // second sample; the first is {1000, 1000}
-    uint32_t upRate, downRate;
-};
-
-class SecondSample : public BandwidthTest, public ::testing::WithParamInterface<SampleCase> {};
-
-TEST_P(SecondSample, RatesAndCounts) {
-    const SampleCase &c = GetParam();
-    forcedSample(1000, 1000);
-    fake::state().wall += c.addSec;
-    fake::state().wallUsec += c.addUsec;
-    forcedSample(c.sent, c.received);
-    EXPECT_EQ(bw().upRate, c.upRate);
-    EXPECT_EQ(bw().downRate, c.downRate);
-    EXPECT_EQ(bw().txBytes, c.sent);  // always the new count, also after a reset
-    EXPECT_EQ(bw().rxBytes, c.received);
+TEST_F(BandwidthTest, SecondSampleGivesRatesAndAlwaysTheNewCounts) {
+    struct { long addSec, addUsec; uint64_t sent, received; uint32_t up, down; } cases[] = {
+        {10, 0, 1281000, 2561000, 1000, 2000},
+        {0, 500, 1281000, 2561000, 0, 0},  // same millisecond
+        {-5, 0, 1281000, 2561000, 0, 0},   // clock set back
+        {10, 0, 10, 1281000, 0, 1000}};    // sent counter reset
+    for (const auto &c : cases) {
+        forcedSample(1000, 1000);
+        fake::state().wall += c.addSec;
+        fake::state().wallUsec += c.addUsec;
+        forcedSample(c.sent, c.received);
+        EXPECT_EQ(std::tie(bw().upRate, bw().downRate, bw().txBytes, bw().rxBytes),
+                  std::tie(c.up, c.down, c.sent, c.received)) << c.addSec << " s " << c.sent;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Bandwidth, SecondSample, ::testing::Values(
-    SampleCase{"TenSeconds", 10, 0, 1281000, 2561000, 1000, 2000},
-    SampleCase{"SameMillisecond", 0, 500, 1281000, 2561000, 0, 0},
-    SampleCase{"ClockSetBack", -5, 0, 1281000, 2561000, 0, 0},
-    SampleCase{"CounterDecreased", 10, 0, 10, 1281000, 0, 1000}), CaseName());
 
 TEST_F(BandwidthTest, CounterSetsAreSummed) {
     struct { bool plain, fc; int result; uint64_t received, sent; } cases[] = {
@@ -95,54 +91,41 @@ TEST_F(BandwidthTest, UnansweredInvalidAndZeroMacHostsKeepTheirRecord) {
         EXPECT_EQ(std::memcmp(&lanHostBw[hostSlot(e)], &before, sizeof before), 0);
 }
 
-struct ScheduleCase {
-    const char *name;
-    uint8_t enable, force;
-    uint32_t interval;
-    int64_t nextFromNow;  // nextBandwidthTime - now before the call
-    bool sampled;
-    int64_t nextAfter;  // nextBandwidthTime - now after the call
-};
-
-class Schedule : public BandwidthTest, public ::testing::WithParamInterface<ScheduleCase> {};
-
-TEST_P(Schedule, SamplesOnlyWhenDue) {
-    const ScheduleCase &c = GetParam();
+TEST_F(BandwidthTest, SamplesOnlyWhenDueAndTracesTheIntervalWhenPastTheSchedule) {
+    struct { uint8_t enable, force; uint32_t interval; int64_t nextFromNow; bool sampled;
+             int64_t nextAfter; } cases[] = {
+        {1, 0, 10, -1, true, 10},  {1, 0, 10, 0, false, 0},   // due; not yet due
+        {1, 1, 10, 5, true, 10},                              // forced restarts the schedule
+        {1, 0, 0, -1, false, -1},  {1, 1, 0, -1, true, 0},    // interval 0: only forced
+        {0, 1, 10, -1, false, -1}};                           // disabled, even forced
     const int64_t now = fake::state().wall;
-    bandwidthInterval = c.interval;
-    nextBandwidthTime = now + c.nextFromNow;
     fake::state().counters[kHost] = {5, 5};
     dbg_level = DBG_TRACE;
-    ::testing::internal::CaptureStdout();
-    getAndCalcLanHostCurrBandwidth(c.enable, c.force);
-    std::string out = ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(bw().txBytes, c.sampled ? 5u : 0u);
-    EXPECT_EQ(nextBandwidthTime, now + c.nextAfter);
-    bool traced = c.enable && c.nextFromNow < 0;
-    EXPECT_EQ(out.rfind("[Hostrix]:[getAndCalcLanHostCurrBandwidth ", 0) == 0, traced) << out;
-    if (traced) {
-        EXPECT_EQ(out.substr(out.rfind("]:")), "]:interval = " + std::to_string(c.interval) + ".\n");
+    for (const auto &c : cases) {
+        bw() = {};
+        bandwidthInterval = c.interval;
+        nextBandwidthTime = now + c.nextFromNow;
+        std::string out = pass(c.enable, c.force);
+        SCOPED_TRACE(testing::Message() << int(c.enable) << int(c.force) << " " << c.interval
+                                        << " " << c.nextFromNow);
+        EXPECT_EQ(bw().txBytes, c.sampled ? 5u : 0u);
+        EXPECT_EQ(nextBandwidthTime, now + c.nextAfter);
+        bool traced = c.enable && c.nextFromNow < 0;
+        EXPECT_EQ(out.rfind("[Hostrix]:[getAndCalcLanHostCurrBandwidth ", 0) == 0, traced) << out;
+        if (traced) {
+            EXPECT_TRUE(out.ends_with("]:interval = " + std::to_string(c.interval) + ".\n"));
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Bandwidth, Schedule, ::testing::Values(
-    ScheduleCase{"Due", 1, 0, 10, -1, true, 10},
-    ScheduleCase{"NotYetDue", 1, 0, 10, 0, false, 0},
-    ScheduleCase{"ForcedBeforeDue", 1, 1, 10, 5, true, 10},
-    ScheduleCase{"IntervalZeroNeverDue", 1, 0, 0, -1, false, -1},
-    ScheduleCase{"IntervalZeroForced", 1, 1, 0, -1, true, 0},
-    ScheduleCase{"DisabledEvenForced", 0, 1, 10, -1, false, -1}), CaseName());
 
 TEST_F(BandwidthTest, ClockFailureSkipsThePassAndKeepsTheSchedule) {
     fake::state().counters[kHost] = {5, 5};
     fake::state().wallFails = true;
     nextBandwidthTime = 42;
     bandwidthInterval = 10;
-    ::testing::internal::CaptureStdout();
-    getAndCalcLanHostCurrBandwidth(1, 1);
-    std::string out = ::testing::internal::GetCapturedStdout();
+    std::string out = pass(1, 1);
     EXPECT_EQ(out.rfind("[getAndCalcLanHostCurrBandwidth ", 0), 0u) << out;
-    EXPECT_NE(out.find("]: exec gettimeofday failed.\n\n"), std::string::npos) << out;
+    EXPECT_TRUE(out.ends_with("]: exec gettimeofday failed.\n\n")) << out;
     EXPECT_EQ(bw().txBytes, 0u);
     EXPECT_EQ(nextBandwidthTime, 42);
 }

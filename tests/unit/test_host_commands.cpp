@@ -28,12 +28,10 @@ protected:
 };
 
 TEST_F(HostCommandTest, LimitsAreCheckedAgainstThePoolAndReadBack) {
-    struct Case {
-        uint32_t set, get;
-        uint32_t *limit;
-    };
-    for (Case c : {Case{CMD_SET_MAX_HOSTS, CMD_GET_MAX_HOSTS, &maxLanHostNum},
-                   Case{CMD_SET_MAX_CONTROLLED, CMD_GET_MAX_CONTROLLED, &maxControlledNum}}) {
+    struct { uint32_t set, get; uint32_t *limit; } cases[] = {
+        {CMD_SET_MAX_HOSTS, CMD_GET_MAX_HOSTS, &maxLanHostNum},
+        {CMD_SET_MAX_CONTROLLED, CMD_GET_MAX_CONTROLLED, &maxControlledNum}};
+    for (const auto &c : cases) {
         *c.limit = 17;
         EXPECT_EQ(run(ctrlRequest(c.set, {}, 257)).status, kCtrlStatusFailed) << c.set;
         EXPECT_EQ(run(ctrlRequest(c.get)).arg1, 17u) << c.get;
@@ -54,21 +52,17 @@ TEST_F(HostCommandTest, ControlledFlagCountsOnlyRealChangesOfItsLowByte) {
 }
 
 TEST_F(HostCommandTest, AccessStoresLowBytesAndBlocksOnlyOnZero) {
-    struct Case {
-        uint32_t arg1, arg2;
-        bool disconnected;
-        uint8_t internetAccess, controlled;
-    };
-    for (Case c : {Case{0, 1, true, 0, 1}, Case{2, 1, false, 2, 0}, Case{0x100, 1, false, 0, 1},
-                   Case{2, 0x200, false, 2, 1}, Case{1, 1, false, 1, 1}}) {
+    struct { uint32_t arg1, arg2; int disconnected; uint32_t internetAccess, controlled; }
+        cases[] = {{0, 1, 1, 0, 1}, {2, 1, 0, 2, 0}, {0x100, 1, 0, 0, 1}, {2, 0x200, 0, 2, 1},
+                   {1, 1, 0, 1, 1}};
+    for (const auto &c : cases) {
         SetUp();
+        SCOPED_TRACE(testing::Message() << c.arg1 << " " << c.arg2);
         EXPECT_EQ(run(ctrlRequest(CMD_SET_ACCESS, checkedMac(1), c.arg1, c.arg2)).status, 0u);
-        EXPECT_EQ(host->lanHost.disConnect, c.disconnected ? 1 : 0) << c.arg1;
-        EXPECT_EQ(host->lanHost.controlled, c.controlled) << c.arg1;
-        EXPECT_EQ(controlledNum, c.controlled) << c.arg1;
+        EXPECT_EQ(host->lanHost.disConnect, c.disconnected);
+        EXPECT_EQ(controlledNum, c.controlled);  // moves with the host's flag
         ctrlMsg_t read = run(ctrlRequest(CMD_GET_ACCESS, checkedMac(1)));
-        EXPECT_EQ(read.arg1, c.internetAccess) << c.arg1;
-        EXPECT_EQ(read.arg2, c.arg2 & 0xff) << c.arg1;
+        EXPECT_EQ(std::pair(read.arg1, read.arg2), std::pair(c.internetAccess, c.arg2 & 0xff));
     }
 }
 
@@ -95,15 +89,13 @@ TEST_F(HostCommandTest, UnknownHostFailsExceptForAccessAndRelease) {
 
 // A long text is cut at 63 bytes; a short one replaces it and is read back alone.
 TEST_F(HostCommandTest, TextIsCutAt63BytesAndReadBackAloneInData) {
-    struct Case {
-        uint32_t setCmd, getCmd;
-        char (lanHostInfo_t::*field)[kHostTextLen];
-        bool terminates;  // model and os end with a NUL; brand and devName leave byte 63
-    };
-    for (Case c : {Case{CMD_SET_BRAND, CMD_GET_BRAND, &lanHostInfo_t::brand, false},
-                   Case{CMD_SET_MODEL, CMD_GET_MODEL, &lanHostInfo_t::model, true},
-                   Case{CMD_SET_OS, CMD_GET_OS, &lanHostInfo_t::os, true},
-                   Case{CMD_SET_DEV_NAME, 0, &lanHostInfo_t::devName, false}}) {
+    // Model and os end with a NUL; brand and devName leave byte 63.
+    struct { uint32_t setCmd, getCmd; char (lanHostInfo_t::*field)[kHostTextLen]; bool terminates; }
+        cases[] = {{CMD_SET_BRAND, CMD_GET_BRAND, &lanHostInfo_t::brand, false},
+                   {CMD_SET_MODEL, CMD_GET_MODEL, &lanHostInfo_t::model, true},
+                   {CMD_SET_OS, CMD_GET_OS, &lanHostInfo_t::os, true},
+                   {CMD_SET_DEV_NAME, 0, &lanHostInfo_t::devName, false}};
+    for (const auto &c : cases) {
         char *field = host->lanHost.*c.field;
         std::memset(field, 'Z', kHostTextLen);
         run(ctrlRequest(c.setCmd, checkedMac(1), 0, 0, std::string(70, 'a')));

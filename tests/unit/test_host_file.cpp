@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <tuple>
 
 #include "control/host_file.h"
 #include "root_fixture.h"
@@ -57,7 +58,8 @@ TEST_F(HostFileTest, OnlyOnlineHostsWithAnArrivalTimeAreWrittenRefreshed) {
     ASSERT_EQ(slots(), std::vector<int>{3});
     lanHostInfo_t record = records()[0];
     EXPECT_EQ(record.onLineTime, 1000u);
-    EXPECT_EQ(record.upRate + record.downRate + record.rxBytes + record.txBytes, 810u);
+    EXPECT_EQ(std::tie(record.upRate, record.downRate, record.rxBytes, record.txBytes),
+              std::make_tuple(11u, 22u, 333u, 444u));
     EXPECT_EQ(noArrival.lanHost.onLineTime, 5000u);  // refreshed though not written
     EXPECT_EQ(departed.lanHost.onLineTime, 0u);
 }

@@ -6,11 +6,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <vector>
 
 #include "linux_test_support.h"
 #include "netlink_bytes.h"
@@ -21,13 +17,12 @@ namespace {
 
 using Mac = std::array<uint8_t, 6>;
 using Bytes = nlbytes::Bytes;
+using nlbytes::join;
+using nlbytes::raw;
 constexpr int kBridge = 5;
 constexpr uint32_t kSeq = 7;
 constexpr Mac kHostA{0x0a, 0x77, 0, 0, 0, 0x01};
 constexpr Mac kHostB{0x0a, 0x77, 0, 0, 0, 0x02};
-
-using nlbytes::join;
-using nlbytes::raw;
 
 template <typename T>
 Bytes attr(uint16_t type, const T &value) {
@@ -49,12 +44,8 @@ Bytes underMaster(const Mac &mac, uint32_t master = kBridge) {
 }
 
 // MAC learnt on port IFINDEX of the bridge.
-Bytes entry(int ifindex, const Mac &mac, uint16_t state = NUD_REACHABLE, const Bytes &more = {}) {
-    return neigh(ifindex, state, 0, join({underMaster(mac), more}));
-}
-
-Bytes done(int32_t error = 0, uint16_t type = NLMSG_DONE) {
-    return message(type, raw(error));
+Bytes entry(int ifindex, const Mac &mac, const Bytes &more = {}) {
+    return neigh(ifindex, NUD_REACHABLE, 0, join({underMaster(mac), more}));
 }
 
 FdbDumpStatus decode(const Bytes &bytes, std::vector<FdbRecord> &records) {
@@ -71,8 +62,7 @@ auto fieldsOf(const FdbRecord &r) {
 TEST(BridgeFdbDecode, KeepsOnlyHostsOfTheBridgeWithVlanAndAge) {
     const nda_cacheinfo info{0, 0, 1234, 0};  // updated 12.34 s ago
     const Bytes dump = join({
-        entry(6, kHostA, NUD_REACHABLE,
-              join({attr(NDA_CACHEINFO, info), attr(NDA_VLAN, uint16_t{10})})),
+        entry(6, kHostA, join({attr(NDA_CACHEINFO, info), attr(NDA_VLAN, uint16_t{10})})),
         neigh(kBridge, NUD_PERMANENT, 0, attr(NDA_LLADDR, kHostB)),  // the bridge's own, local
         neigh(6, NUD_PERMANENT, NTF_SELF, underMaster(kHostA)),  // a port's own, naming the bridge
         neigh(8, NUD_REACHABLE, 0, underMaster(kHostA, 9)),      // learnt by another bridge
@@ -89,13 +79,13 @@ TEST(BridgeFdbDecode, KeepsOnlyHostsOfTheBridgeWithVlanAndAge) {
 
 TEST(BridgeFdbDecode, ErrorsFailTheDumpABrokenMessageOnlyItself) {
     std::vector<FdbRecord> records;
-    EXPECT_EQ(decode(done(-EBUSY, NLMSG_ERROR), records), FdbDumpStatus::Failed);
-    EXPECT_EQ(decode(done(-EINTR), records), FdbDumpStatus::Failed);
+    EXPECT_EQ(decode(message(NLMSG_ERROR, raw(-EBUSY)), records), FdbDumpStatus::Failed);
+    EXPECT_EQ(decode(message(NLMSG_DONE, raw(-EINTR)), records), FdbDumpStatus::Failed);
     // The last attribute claims more than its message holds: that entry alone is dropped.
-    const Bytes broken = entry(6, kHostA, NUD_REACHABLE, raw(rtattr{200, NDA_VLAN}));
-    EXPECT_EQ(decode(Bytes(broken.begin(), broken.end() - 1), records),  // cut short
-              FdbDumpStatus::Failed);
-    EXPECT_EQ(decode(join({broken, entry(7, kHostB), done()}), records), FdbDumpStatus::Done);
+    const Bytes broken = entry(6, kHostA, raw(rtattr{200, NDA_VLAN}));
+    EXPECT_EQ(decode(Bytes(broken.begin(), broken.end() - 1), records), FdbDumpStatus::Failed);
+    EXPECT_EQ(decode(join({broken, entry(7, kHostB), message(NLMSG_DONE, raw(0))}), records),
+              FdbDumpStatus::Done);
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0].ifindex, 7);
 }
@@ -117,21 +107,16 @@ TEST(BridgeFdbDecode, BrforwardRecords) {
     EXPECT_EQ(fieldsOf(records[1]), std::tuple(kHostB, 0, true, 0u, 0, 1u));
 }
 
-// --- the real kernel ---
-
-// The list's node with MAC, or nullptr; a group address anywhere fails the lookup.
-const fdb *findMac(const fdb *head, const Mac &mac) {
+// The list's node with MAC on IFNAME of br0, or nullptr; a group address anywhere fails.
+const fdb *findOn(const fdb *head, const Mac &mac, const char *ifname, bool local) {
     const fdb *found = nullptr;
     for (; head; head = head->next) {
         if (head->mac[0] & 1) return nullptr;
         if (std::equal(mac.begin(), mac.end(), head->mac)) found = head;
     }
-    return found;
-}
-
-bool isOn(const fdb *node, const char *ifname, bool local) {
-    return node && std::strcmp(node->ifname, ifname) == 0 && node->is_local == local &&
-           std::strcmp(node->brname, "br0") == 0;
+    const bool on = found && std::strcmp(found->ifname, ifname) == 0 && found->is_local == local &&
+                    std::strcmp(found->brname, "br0") == 0;
+    return on ? found : nullptr;
 }
 
 // Runs in the child, in its own network namespace.
@@ -143,15 +128,16 @@ int checkRealBridge() {
                     "bridge fdb add 0a:77:00:00:00:02 dev d0 master dynamic") != 0)
         return kNetnsNoSetup;
     NETNS_CHECK(collect_bridge_fdb(&head) >= 4);
-    const fdb *staticHost = findMac(head, kHostA), *dynamicHost = findMac(head, kHostB);
-    NETNS_CHECK(isOn(staticHost, "d0", false) && staticHost->port_no == 1 && !staticHost->port_hi);
-    NETNS_CHECK(isOn(dynamicHost, "d0", false) && dynamicHost->ageing_timer_value < 1000);
-    NETNS_CHECK(isOn(findMac(head, {0x0a, 0x77, 0, 0, 0, 0xd0}), "d0", true));
-    NETNS_CHECK(isOn(findMac(head, {0x0a, 0x77, 0, 0, 0, 0xb0}), "br0", true));
+    const fdb *staticHost = findOn(head, kHostA, "d0", false);
+    const fdb *dynamicHost = findOn(head, kHostB, "d0", false);
+    NETNS_CHECK(staticHost && staticHost->port_no == 1 && !staticHost->port_hi);
+    NETNS_CHECK(dynamicHost && dynamicHost->ageing_timer_value < 1000);
+    NETNS_CHECK(findOn(head, {0x0a, 0x77, 0, 0, 0, 0xd0}, "d0", true));
+    NETNS_CHECK(findOn(head, {0x0a, 0x77, 0, 0, 0, 0xb0}, "br0", true));
     free_bridge_fdb(&head);
     NETNS_CHECK(collectBridgeFdbFromSysfs(&head) >= 3);  // the bridge's own entry is not there
-    staticHost = findMac(head, kHostA);
-    NETNS_CHECK(isOn(staticHost, "d0", false) && staticHost->port_no == 1);
+    staticHost = findOn(head, kHostA, "d0", false);
+    NETNS_CHECK(staticHost && staticHost->port_no == 1);
     free_bridge_fdb(&head);
     return kNetnsPassed;
 }

@@ -13,7 +13,7 @@ constexpr time_t kNow = 1'700'000'000;
 const std::string kRest = " 02:00:00:00:00:01 192.168.1.10 ";
 const std::string kName71(71, 'n');
 
-TEST(DnsmasqLeaseLine, LeasesGiveTheWholeRecord) {
+TEST(DnsmasqLeaseLine, LeasesGiveTheWholeRecordOtherLinesAreSkipped) {
     const std::tuple<std::string, uint32_t, std::string> cases[] = {
         {"1700000100" + kRest + "phone 01:02:00:00:00:00:01", 100, "phone"},
         {"1699999000" + kRest + "phone *", 0, "phone"},                    // expired
@@ -32,10 +32,7 @@ TEST(DnsmasqLeaseLine, LeasesGiveTheWholeRecord) {
                   std::tuple(1, 0x0a01a8c0u, leaseTime, hostname))  // 192.168.1.10, network order
             << line;
     }
-}
-
-TEST(DnsmasqLeaseLine, OtherLinesAreSkipped) {
-    const std::string lines[] = {
+    const std::string bad[] = {
         "duid 00:01:00:01:2c:5e:aa:bb:02:00:00:00:00:01",
         "1700000100" + kRest,                             // no name
         "1700000100 00:00:00:00:00:00 192.168.1.10 a *",  // zero MAC
@@ -44,7 +41,7 @@ TEST(DnsmasqLeaseLine, OtherLinesAreSkipped) {
         "99999999999999999999999" + kRest + "a *",        // expiry overflows
     };
     dhcp_lease lease{};
-    for (const std::string &line : lines)
+    for (const std::string &line : bad)
         EXPECT_FALSE(parseDnsmasqLeaseLine(line, kNow, lease)) << line;
 }
 

@@ -13,6 +13,7 @@
 namespace {
 
 using Mac = std::array<uint8_t, 6>;
+using namespace nlbytes;
 
 // What the daemon reads of a record; of the MAC, the last byte.
 auto fieldsOf(const wlStaInfo &s) {
@@ -20,26 +21,21 @@ auto fieldsOf(const wlStaInfo &s) {
                       std::string(s.mode, strnlen(s.mode, sizeof s.mode)));
 }
 
-// --- station file lines ---
-
-TEST(StationLine, AcceptedLinesGiveTheRecord) {
-    const std::tuple<const char *, int, uint32_t, uint32_t, const char *> cases[] = {
+TEST(StationLine, AcceptedAndMalformedLines) {
+    const std::tuple<const char *, int, uint32_t, uint32_t, const char *> good[] = {
         {"02:00:00:00:00:ab -44 866 144 ac", 56, 866000, 144000, "ac"},
         {"02:00:00:00:00:AB -60 5.5 866.67 g\r", 40, 5500, 866670, "g"},  // decimals, CR
         {"02:00:00:00:00:ab -60 1.23456 0 n", 40, 1234, 0, "n"},  // digits past kb/s dropped
         {"02:00:00:00:00:ab -250 1 1 abcdefgh", 0, 1000, 1000, "abcdefgh"},  // clamped; longest
         {"02:00:00:00:00:ab 300 1 1 n", 255, 1000, 1000, "n"},               // clamped high
     };
-    for (const auto &[line, signal, rxKbps, txKbps, mode] : cases) {
+    for (const auto &[line, signal, rxKbps, txKbps, mode] : good) {
         wlStaInfo s{};
         ASSERT_TRUE(parseStationLine(line, s)) << line;
         EXPECT_EQ(fieldsOf(s), std::tuple(0xab, 1, +kStaAssociated, signal, rxKbps, txKbps, mode))
             << line;
     }
-}
-
-TEST(StationLine, MalformedLinesAreSkipped) {
-    const char *const lines[] = {
+    const char *const bad[] = {
         "02:00:00:00:00:ab -44 1 1 abcdefghi",  // mode over 8 characters
         "02:00:00:00:00:ab -44 1 1",            // no mode
         "02:00:00:00:00:ab -44 1 1 n x",        // a field too many
@@ -49,10 +45,8 @@ TEST(StationLine, MalformedLinesAreSkipped) {
         "02:00:00:00:ab -44 1 1 n",             // MAC of five bytes
     };
     wlStaInfo s{};
-    for (const char *line : lines) EXPECT_FALSE(parseStationLine(line, s)) << line;
+    for (const char *line : bad) EXPECT_FALSE(parseStationLine(line, s)) << line;
 }
-
-// --- the directory source ---
 
 class StationDirectory : public HostrixRootTest {
    protected:
@@ -97,14 +91,8 @@ TEST_F(StationDirectory, EmptyFileHasNoneMissingFileOrForeignNameIsUnreadable) {
 
 constexpr uint32_t kSeq = 7;
 constexpr uint16_t kFamily = 0x1c;
-constexpr uint32_t kAssociated = 1u << NL80211_STA_FLAG_ASSOCIATED;
-constexpr uint32_t kAuthorized = 1u << NL80211_STA_FLAG_AUTHORIZED;
-using Bytes = nlbytes::Bytes;
-
-using nlbytes::attr;
-using nlbytes::join;
-using nlbytes::message;
-using nlbytes::raw;
+const Mac kMacA{2, 0, 0, 0, 0, 0xa}, kMacB{2, 0, 0, 0, 0, 0xb};
+const Bytes kDone = message(NLMSG_DONE, kSeq, raw(0));
 
 Bytes genl(uint8_t command, const Bytes &attributes) {
     return join({raw(genlmsghdr{command, 1, 0}), attributes});
@@ -125,9 +113,6 @@ Bytes staFlags(uint32_t mask, uint32_t set) {
     return attr(NL80211_STA_INFO_STA_FLAGS, raw(nl80211_sta_flag_update{mask, set}));
 }
 
-const Mac kMacA{2, 0, 0, 0, 0, 0xa}, kMacB{2, 0, 0, 0, 0, 0xb};
-const Bytes kDone = message(NLMSG_DONE, kSeq, raw(0));
-
 // How the dump chunk BYTES left the dump, and its stations (room for four).
 std::pair<NlDumpState, std::vector<wlStaInfo>> decodeDump(const Bytes &bytes) {
     std::array<wlStaInfo, 4> slots{};
@@ -137,6 +122,7 @@ std::pair<NlDumpState, std::vector<wlStaInfo>> decodeDump(const Bytes &bytes) {
 }
 
 TEST(Nl80211Dump, VhtLegacyAndUnauthorizedStations) {
+    constexpr uint32_t kAssociated = 1u << NL80211_STA_FLAG_ASSOCIATED;
     // The 32-bit rate comes first: the 16-bit one after it must not replace it.
     const Bytes vhtRx = attr(NL80211_STA_INFO_RX_BITRATE | NLA_F_NESTED,
                              join({attr(NL80211_RATE_INFO_BITRATE32, raw(8667u)),
@@ -149,14 +135,14 @@ TEST(Nl80211Dump, VhtLegacyAndUnauthorizedStations) {
         station(kMacA, join({signal(-50), vhtRx, staFlags(kAssociated, kAssociated)})),
         station(kMacA, {}, kSeq + 1),  // another dump's
         station(kMacB, join({signal(-70), legacyTx})),
-        station(kMacA, staFlags(kAssociated | kAuthorized, kAssociated)),  // not authorized
+        station(kMacA, staFlags(kAssociated | 1u << NL80211_STA_FLAG_AUTHORIZED, kAssociated)),
         kDone,
     }));
     ASSERT_EQ(state, NlDumpState::Done);
     ASSERT_EQ(stations.size(), 3u);
     EXPECT_EQ(fieldsOf(stations[0]), std::tuple(0xa, 1, +kStaAssociated, 50, 866700u, 0u, "ac"));
     EXPECT_EQ(fieldsOf(stations[1]), std::tuple(0xb, 1, +kStaAssociated, 30, 0u, 54000u, "g"));
-    EXPECT_EQ(fieldsOf(stations[2]), std::tuple(0xa, 1, 0, 0, 0u, 0u, ""));
+    EXPECT_EQ(fieldsOf(stations[2]), std::tuple(0xa, 1, 0, 0, 0u, 0u, ""));  // not authorized
 }
 
 TEST(Nl80211Dump, BrokenStationDroppedBrokenChunkOrErrorFails) {

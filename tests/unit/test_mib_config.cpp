@@ -24,20 +24,19 @@ MibConfig parse(std::string_view text, std::string *skipped = nullptr) {
 
 TEST(ParseMibConfig, GoodLines) {
     const std::string ssid32(kMibMaxSsidBytes, 's');
-    const std::string text =
-        "# settings\n\n   \n\t# indented comment\n#490 = 5\n480 = 0x800\n481=0XfF\n478 = 256\n"
-        "482 = 020\n483 = 4294967295\n \t484\t=\t 7 \t\n485 = 9\r\n474 = 1 # on\n475 = 30#s\n"
-        "99999 = 5\n486 = 1\n486 = 2\nchain.3004 = enable=1 mode=0 ports=0x3\n"
-        "chain.3004 = ports=0x80000001 mode=1\nchain.3004 =\nlan_ports = lan1   lan2\n"
-        "wlan_roots = radio0\nlease_file = /tmp/leases\nssid.wlan0 =  My Home  Net  \n"
-        "ssid.wlan1 =\nphy.eth0.2 = 3\nlogic.eth0.2 = 0x1\nstations = dir:/lab/stations\n"
-        "counters = off\nssid.wlan2 = ";
     std::string skipped;
-    MibConfig config = parse(text + ssid32, &skipped);  // the last line needs no newline
+    const MibConfig config = parse(  // the last line needs no newline
+        "ssid.wlan2 = " + ssid32 +
+            "\n# settings\n\n\t# indented\n#490 = 5\n475 = 30#s\n481=0XfF\n482 = 020\n"
+            "483 = 4294967295\n \t484\t=\t 7 \t\r\n474 = 1 # on\n99999 = 5\n486 = 1\n486 = 2\n"
+            "chain.3004 = enable=1 mode=0 ports=0x3\nchain.3004 = ports=0x80000001 mode=1\n"
+            "chain.3004 =\nlan_ports = lan1   lan2\nwlan_roots = radio0\nlease_file = /tmp/leases\n"
+            "ssid.wlan0 =  My Home  Net  \nssid.wlan1 =\nphy.eth0.2 = 3\nlogic.eth0.2 = 0x1\n"
+            "stations = dir:/lab/stations\ncounters = off",
+        &skipped);
     EXPECT_EQ(skipped, "");
-    const std::map<int, uint32_t> settings{{474, 1},    {475, 30}, {478, 256},        {480, 0x800},
-                                           {481, 0xff}, {482, 16}, {483, 0xffffffff}, {484, 7},
-                                           {485, 9},    {486, 2},  {99999, 5}};
+    const std::map<int, uint32_t> settings{{474, 1},          {475, 30}, {481, 0xff}, {482, 16},
+                                           {483, 0xffffffff}, {484, 7},  {486, 2},    {99999, 5}};
     EXPECT_EQ(config.settings, settings);  // "020" is octal, a later line wins
     EXPECT_EQ(config.wanConnections, (std::vector<MibChainRow>{{1, 0, 3}, {0, 1, 0x80000001}, {}}));
     EXPECT_EQ(config.lanPorts, (std::array<std::string, 4>{"lan1", "lan2", "", ""}));
@@ -47,16 +46,14 @@ TEST(ParseMibConfig, GoodLines) {
                                 {"wlan0", "My Home  Net"}, {"wlan1", ""}, {"wlan2", ssid32}}));
     EXPECT_EQ(config.phyIds, (decltype(config.phyIds){{"eth0.2", 3}}));
     EXPECT_EQ(config.logicIds, (decltype(config.logicIds){{"eth0.2", 1}}));
-    EXPECT_EQ(config.stationDir, "/lab/stations");
-    EXPECT_EQ(config.stations, MibStationSource::Directory);
-    EXPECT_EQ(config.counters, MibCounterSource::Off);
+    EXPECT_EQ(std::tie(config.stationDir, config.stations, config.counters),
+              std::tuple("/lab/stations", MibStationSource::Directory, MibCounterSource::Off));
     EXPECT_EQ(parse("stations = dir:/x\nstations = nl80211").stations, MibStationSource::Nl80211);
 }
 
 // Each bad line sits between two good ones: it alone is skipped, reported as line 2.
 TEST(ParseMibConfig, MalformedLineSkippedAlone) {
     const std::pair<const char *, std::vector<std::string>> cases[] = {
-        // reason, lines
         {"bad number \"0xZZ\" for setting 480", {"480 = 0xZZ"}},
         {"bad number",
          {"480 = 4294967296", "480 = -1", "480 = 08", "480 = 0x", "480 = 1 2", "480 ="}},
@@ -153,15 +150,16 @@ TEST_F(MibStore, MissingOrUnreadableFileGivesDefaults) {
     fs::create_directory(configPath());  // readable by root, yet no file
     EXPECT_EQ(setting(480), std::nullopt);
     EXPECT_EQ(setting(480), std::nullopt);
-    EXPECT_EQ(capture.text(), "hostrix: " + configPath() + ": not a regular file (using defaults)\n");
+    EXPECT_EQ(capture.text(),
+              "hostrix: " + configPath() + ": not a regular file (using defaults)\n");
 }
 
 // Failed look-ups leave the buffers alone; found ones are cleared around the fields.
 TEST_F(MibStore, RecordsAtTheReadersOffsets) {
     const std::string ssid32(kMibMaxSsidBytes, 'L');
     writeConfig("chain.3004 = enable=1 mode=7 ports=0x04030201\nssid.wlan0 = " + ssid32);
-    ASSERT_EQ(mib_chain_total(kChainWanConnections), 1);
-    EXPECT_EQ(mib_chain_total(3005), 0);
+    EXPECT_EQ(std::tuple(mib_chain_total(kChainWanConnections), mib_chain_total(3005)),
+              std::tuple(1, 0));
     std::array<uint8_t, 1060> chain, expected{};
     chain.fill(0xaa);
     EXPECT_EQ(mib_chain_get(kChainWanConnections, 1, chain.data()), 0);
@@ -180,17 +178,16 @@ TEST_F(MibStore, RecordsAtTheReadersOffsets) {
     EXPECT_EQ(index, 7);
     std::memcpy(&ssid[220], ssid32.data(), ssid32.size());
     ASSERT_EQ(mib_chain_get_wlan("wlan0", wlan.data(), &index), 0);
-    EXPECT_EQ(index, 0);
-    EXPECT_EQ(wlan, ssid);
-}
-
-void setMtime(const std::string &path, long nsec) {
-    const timespec times[2] = {{1000000000, nsec}, {1000000000, nsec}};
-    utimensat(AT_FDCWD, path.c_str(), times, 0);
+    EXPECT_EQ(std::tuple(index, wlan), std::tuple(0, ssid));
 }
 
 // Each edit leaves all but one of inode, size and modification time as they were.
 TEST_F(MibStore, ReloadsWhenTheFileChanges) {
+    auto write = [](const std::string &path, const char *text, long nsec) {
+        std::ofstream(path, std::ios::trunc) << text;
+        const timespec times[2] = {{1000000000, nsec}, {1000000000, nsec}};
+        utimensat(AT_FDCWD, path.c_str(), times, 0);
+    };
     const struct {
         const char *text;
         bool newInode;
@@ -198,23 +195,19 @@ TEST_F(MibStore, ReloadsWhenTheFileChanges) {
     } edits[] = {{"480 = 2\n", false, 500}, {"480 = 2\n", true, 0}, {"480 = 0x2\n", false, 0}};
     for (const auto &e : edits) {
         mibConfigReset();
-        writeConfig("480 = 1\n");
-        setMtime(configPath(), 0);
+        writeConfig("");
+        write(configPath(), "480 = 1\n", 0);
         EXPECT_EQ(setting(480), 1u);
         const std::string target = configPath() + (e.newInode ? ".new" : "");
-        std::ofstream(target, std::ios::trunc) << e.text;
-        setMtime(target, e.nsec);
+        write(target, e.text, e.nsec);
         if (e.newInode) fs::rename(target, configPath());
         EXPECT_EQ(setting(480), 2u) << e.text << (e.newInode ? " in a new file" : "");
     }
 }
 
 TEST_F(MibStore, OversizedFileKeepsWholeLinesWithinTheLimit) {
-    const size_t limit = size_t{64} * 1024;
-    std::string text = "480 = 1\n";
-    while (text.size() + 1003 <= limit - 9) text += "# " + std::string(1000, '-') + "\n";
-    text += "#" + std::string(limit - 7 - text.size() - 2, '-') + "\n";  // ends at limit - 7
-    writeConfig(text + "481 = 23\n");  // the limit falls between the "2" and the "3"
+    // The comment ends 7 bytes short of the limit, which falls between the "2" and the "3".
+    writeConfig("480 = 1\n#" + std::string(64 * 1024 - 17, '-') + "\n481 = 23\n");
     StderrCapture capture;
     EXPECT_EQ(setting(480), 1u);
     EXPECT_EQ(setting(481), std::nullopt);
