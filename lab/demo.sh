@@ -168,9 +168,11 @@ start_story() {
 # The one place that picks the view: the client once it is built, the log until then.
 show_live_view() {
     local until="until Ctrl-C"
-    if ((DURATION > 0)); then until="for $DURATION s (Ctrl-C stops earlier)"; fi
     # SECONDS is watching time: building the lab does not eat into it.
-    if ((DURATION > 0)); then DEADLINE=$(($(date +%s) + DURATION)); fi
+    if ((DURATION > 0)); then
+        until="for $DURATION s (Ctrl-C stops earlier)"
+        DEADLINE=$(($(date +%s) + DURATION))
+    fi
     if [[ -x "$HOSTRIXCTL_BIN" ]]; then
         say "Watching with '$HOSTRIXCTL_BIN watch' $until"
         note "every 15 s the demo adds a TV on eth0.5, roams h3 to wlan1, then lets h4 leave"
