@@ -8,10 +8,12 @@ BENCH_BUILD  ?= build-bench
 DEMO_SECONDS ?=
 # Seconds each fuzz target runs: bounded in `make check`, longer in `make fuzz`.
 CHECK_FUZZ_SECONDS ?= 20
-FUZZ_SECONDS ?= 300
+FUZZ_SECONDS ?= 1800
+# `make fuzz` stops a target once it has made this many executions.
+FUZZ_RUNS ?= 10000000
 
 DEPS := cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev \
-        libbenchmark-dev iproute2 dnsmasq-base busybox nftables tcpdump python3 procps
+        libbenchmark-dev iproute2 dnsmasq-base busybox nftables tcpdump python3 procps faketime
 
 CMAKE_GEN := -G Ninja
 
@@ -39,7 +41,7 @@ fuzz-build:
 	cmake --build $(FUZZ_BUILD)
 
 fuzz-run:
-	tests/fuzz/run.sh $(FUZZ_BUILD) $(SECONDS_EACH)
+	tests/fuzz/run.sh $(FUZZ_BUILD) $(SECONDS_EACH) $(RUNS_EACH) $(KEEP_CORPUS)
 
 # Every test: unit and process tests, the same under ASan+UBSan, the end-to-end
 # tests in the virtual LAN, and a bounded run of every fuzz target.
@@ -55,7 +57,7 @@ e2e: deps build
 	ctest --test-dir $(BUILD) --output-on-failure -L e2e
 
 fuzz: deps fuzz-build
-	$(MAKE) --no-print-directory fuzz-run SECONDS_EACH=$(FUZZ_SECONDS)
+	$(MAKE) --no-print-directory fuzz-run SECONDS_EACH=$(FUZZ_SECONDS) RUNS_EACH=$(FUZZ_RUNS) KEEP_CORPUS=1
 
 # Same optimisation as the daemon that ships (-O2), so the numbers are the real ones.
 bench: deps

@@ -37,7 +37,8 @@ usage: lab/demo.sh [SECONDS]    (as root)
 Builds the lab, starts hostrix in hx-gw and shows the live picture; stops by
 itself after SECONDS of watching (0 or none: at Ctrl-C), then stops the daemon and the lab.
 env: HOSTRIX_BIN (default build/bin/hostrix), HOSTRIXCTL_BIN (default build/bin/hostrixctl),
-     HOSTRIX_LAB_DIR (default /run/hostrix-lab), plus lab/lab's LAB_MIB_OVERRIDES
+     HOSTRIX_LAB_DIR (default /run/hostrix-lab), LAB_PROFILE (default or openwrt, see
+     lab/lab --help), plus lab/lab's LAB_MIB_OVERRIDES
 USAGE
 }
 
@@ -74,7 +75,7 @@ keep_going() { ((STOP_REQUESTED == 0)) && time_left && pid_alive "$DAEMON_PID"; 
 lab_fresh_up() {
     say "Building the virtual LAN: gateway hx-gw (br0, dnsmasq) and hosts h1..h6"
     "$LAB" down >/dev/null
-    "$LAB" up
+    "$LAB" up --profile "${LAB_PROFILE:-default}"
 }
 
 # The client needs the control socket, which comes after the daemon's start-up work
@@ -93,8 +94,7 @@ start_daemon() {
     note "binary: $HOSTRIX_BIN"
     note "HOSTRIX_ROOT=$DAEMON_ROOT (config $DAEMON_ROOT/etc/hostrix/mib.conf)"
     # Own session: a Ctrl-C reaches the demo, which then stops the daemon in order.
-    # PATH: the lab's bridge tool first (lab/lib/gateway.sh, bridge_tool_create).
-    setsid ip netns exec hx-gw env HOSTRIX_ROOT="$DAEMON_ROOT" PATH="$LAB_DIR/bin:$PATH" "$HOSTRIX_BIN" \
+    setsid ip netns exec hx-gw env HOSTRIX_ROOT="$DAEMON_ROOT" "$HOSTRIX_BIN" \
         </dev/null >>"$DAEMON_LOG" 2>&1 &
     DAEMON_PID=$!
     printf '%s\n' "$DAEMON_PID" >"$DAEMON_PID_FILE"

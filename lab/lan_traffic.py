@@ -6,8 +6,14 @@ Run inside a client namespace (ip netns exec hx-NAME python3 lan_traffic.py ...)
   udp-burst PORT COUNT PAYLOAD     COUNT broadcast UDP datagrams to PORT, PAYLOAD bytes each
   tcp-sink PORT                    accept one connection, read it to the end, print the count
   tcp-send HOST PORT BYTES RATE    send BYTES at RATE bytes/s (paced in 64 KiB chunks)
-  arp-replies IFACE COUNT RATE     COUNT broadcast ARP replies from 50 made-up hosts, at RATE/s
+  arp-replies IFACE COUNT RATE [random]
+                                   COUNT broadcast ARP replies from 50 made-up hosts, at RATE/s;
+                                   random: each from a new random sender MAC and address, all
+                                   from IFACE's own Ethernet address (the bridge learns one MAC)
+  arp-hosts IFACE COUNT            COUNT made-up hosts 0a:7a:00:00:HH:LL, each sending one
+                                   gratuitous ARP reply from its own MAC with 10.77.2.1 onwards
 """
+import os
 import socket
 import struct
 import sys
@@ -66,22 +72,45 @@ def tcp_send(host, port, total, rate):
     sock.close()
 
 
-def arp_reply(index):
-    mac = bytes([0x0A, 0x78, 0, 0, 0, index])
-    ip = socket.inet_aton("10.77.1.%d" % (index + 1))
-    return (b"\xff" * 6 + mac + b"\x08\x06"           # Ethernet: broadcast, ARP
+def arp_frame(source, mac, ip):
+    return (b"\xff" * 6 + source + b"\x08\x06"        # Ethernet: broadcast, ARP
             + struct.pack("!HHBBH", 1, 0x0800, 6, 4, 2)  # Ethernet/IPv4, reply
             + mac + ip + b"\xff" * 6 + ip)              # sender, target
 
 
-def arp_replies(iface, count, rate):
+def arp_reply(index):
+    mac = bytes([0x0A, 0x78, 0, 0, 0, index])
+    return arp_frame(mac, mac, socket.inet_aton("10.77.1.%d" % (index + 1)))
+
+
+def random_sender_replies(source):
+    """Endless replies, each naming a fresh locally administered MAC and 10.78.x.y."""
+    while True:
+        noise = os.urandom(6)
+        yield arp_frame(source, b"\x0a\x79" + noise[:4], b"\x0a\x4e" + noise[4:])
+
+
+def arp_replies(iface, count, rate, mode="fixed"):
     sock = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
     sock.bind((iface, 0))
-    frames = [arp_reply(i) for i in range(50)]
+    if mode == "random":
+        frames = random_sender_replies(sock.getsockname()[4])
+    else:
+        fixed = [arp_reply(i) for i in range(50)]
+        frames = (fixed[i % len(fixed)] for i in range(int(count)))
     batch = 100  # frames per pacing step, so the pacing itself stays cheap
-    for i in paced(int(count) // batch, float(rate), batch):
-        for j in range(batch):
-            sock.send(frames[(i * batch + j) % len(frames)])
+    for _ in paced(int(count) // batch, float(rate), batch):
+        for _ in range(batch):
+            sock.send(next(frames))
+
+
+def arp_hosts(iface, count):
+    sock = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+    sock.bind((iface, 0))
+    for i in range(int(count)):
+        mac = bytes([0x0A, 0x7A, 0, 0, i >> 8, i & 0xFF])
+        ip = bytes([10, 77, 2 + i // 250, 1 + i % 250])
+        sock.send(arp_frame(mac, mac, ip))
 
 
 COMMANDS = {
@@ -90,6 +119,7 @@ COMMANDS = {
     "tcp-sink": tcp_sink,
     "tcp-send": tcp_send,
     "arp-replies": arp_replies,
+    "arp-hosts": arp_hosts,
 }
 
 if __name__ == "__main__":

@@ -4,7 +4,10 @@
 # shellcheck disable=SC2034 # the constants are used by the other lib files
 
 readonly GW_NS="hx-gw"
-readonly BRIDGE="br0"
+# The gateway's bridge; BRIDGE is its kernel name in the lab's profile (profile_use).
+readonly GW_BRIDGE="br0"
+BRIDGE="$GW_BRIDGE"
+LAB_PROFILE=default
 readonly V4_NET="10.77.0"
 readonly GW_V4="${V4_NET}.1"
 readonly DHCP_FIRST=100 DHCP_LAST=199
@@ -23,6 +26,8 @@ LAB_DIR="${HOSTRIX_LAB_DIR:-/run/hostrix-lab}"
 LAB_DIR="${LAB_DIR%/}"
 readonly LAB_MARKER=".hostrix-lab"
 CURRENT_STEP=""
+# The daemon's helper programs are looked for beside the daemon.
+HOSTRIX_TOOLS_DIR="$(dirname "${HOSTRIX_BIN:-$(dirname "$LAB_ROOT")/build/bin/hostrix}")"
 
 say() { printf 'lab: %s\n' "$*"; }
 warn() { printf 'lab: warning: %s\n' "$*" >&2; }
@@ -131,6 +136,33 @@ require_port() {
     if ! is_port "$1"; then
         die "unknown port '$1'; use one of: ${PORTS[*]}"
     fi
+}
+
+# --- profile: default (gateway names in the kernel too) or openwrt (lab/lib/profile.sh) ---
+
+profile_file() { printf '%s/profile' "$LAB_DIR"; }
+
+profile_use() {
+    lab_profile_known "$1" || die "unknown profile '$1'; use one of: ${LAB_PROFILE_NAMES[*]}"
+    LAB_PROFILE="$1"
+    BRIDGE="$(kif "$GW_BRIDGE")"
+}
+
+# The profile the running lab was built with.
+profile_load() {
+    local saved=default
+    if [[ -r "$(profile_file)" ]]; then saved="$(<"$(profile_file)")"; fi
+    profile_use "$saved"
+}
+
+# The kernel's name inside hx-gw for gateway interface NAME.
+kif() { lab_kernel_ifname "$LAB_PROFILE" "$1"; }
+
+# A helper program of the daemon's build (hostrix-dhcp-script, hostrix-hostapd-action).
+hostrix_tool() {
+    local tool="$HOSTRIX_TOOLS_DIR/$1"
+    [[ -x "$tool" ]] || die "no $1 at $tool; build it (cmake --build build) or set HOSTRIX_BIN to a daemon built beside it"
+    printf '%s' "$tool"
 }
 
 lab_is_up() { [[ -e "$LAB_DIR/up" ]] && ns_exists "$GW_NS"; }

@@ -1,6 +1,7 @@
 # shellcheck shell=bash
-# The gateway side: namespace hx-gw with bridge br0, one switch namespace per
-# gateway port, dnsmasq, and the daemon's configuration under $LAB_DIR/root.
+# The gateway side: namespace hx-gw with bridge br0 (br-lan in the openwrt profile),
+# one switch namespace per gateway port, dnsmasq, and the daemon's configuration
+# under $LAB_DIR/root.
 
 gateway_create() {
     run ip netns add "$GW_NS"
@@ -19,22 +20,23 @@ gateway_create() {
 
 port_mac() { printf '0a:77:ff:00:01:%02x' "$1"; }
 
-# Gateway port PORT (in hx-gw, member of br0) is a veth to the uplink of a
-# small bridge in hx-sw-PORT; hosts plug into that bridge, so a port can carry
-# any number of hosts and a host can be moved between ports.
+# Gateway port PORT (in hx-gw under the profile's kernel name, member of the bridge)
+# is a veth to the uplink of a small bridge in hx-sw-PORT; hosts plug into that
+# bridge, so a port can carry any number of hosts and a host can be moved between ports.
 port_create() {
-    local port="$1" index="$2" sw
+    local port="$1" index="$2" sw kport
     sw="$(switch_ns "$port")"
+    kport="$(kif "$port")"
     run ip netns add "$sw"
     # The switch must stay silent, or br0 would learn its MACs as hosts.
     ns_sysctl "$sw" net/ipv6/conf/default/disable_ipv6 1
     ns_sysctl "$sw" net/ipv6/conf/all/disable_ipv6 1
     run ip -n "$sw" link add "$SWITCH_BR" type bridge stp_state 0 forward_delay 0 mcast_snooping 0
     run ip -n "$sw" link set "$SWITCH_BR" up
-    run ip -n "$GW_NS" link add "$port" type veth peer name "$UPLINK" netns "$sw"
-    run ip -n "$GW_NS" link set "$port" address "$(port_mac "$index")"
-    ns_sysctl "$GW_NS" "net/ipv6/conf/$port/disable_ipv6" 1
-    run ip -n "$GW_NS" link set "$port" master "$BRIDGE" up
+    run ip -n "$GW_NS" link add "$kport" type veth peer name "$UPLINK" netns "$sw"
+    run ip -n "$GW_NS" link set "$kport" address "$(port_mac "$index")"
+    ns_sysctl "$GW_NS" "net/ipv6/conf/$kport/disable_ipv6" 1
+    run ip -n "$GW_NS" link set "$kport" master "$BRIDGE" up
     run ip -n "$sw" link set "$UPLINK" master "$SWITCH_BR"
     port_sync_carrier "$port"
 }
@@ -64,6 +66,7 @@ port_sync_carrier() {
     run ip -n "$(switch_ns "$port")" link set "$UPLINK" "$state"
 }
 
+# dnsmasq_config [SCRIPT]: SCRIPT runs on every lease event.
 dnsmasq_config() {
     cat <<CONF
 # Written by lab/lab up; DHCPv4 with host names and router advertisements only.
@@ -87,13 +90,20 @@ pid-file=$LAB_DIR/dnsmasq.pid
 log-facility=$LAB_DIR/dnsmasq.log
 log-dhcp
 CONF
+    if [[ -n "${1:-}" ]]; then
+        printf '# Lease events go to the daemon (HOSTRIX_ROOT comes with the environment).\n'
+        printf 'dhcp-script=%s\n' "$1"
+    fi
 }
 
 # dnsmasq forks once it is set up, so its exit status tells whether it started.
+# It passes its environment on to its lease script, which finds the daemon by HOSTRIX_ROOT.
 dnsmasq_start() {
-    dnsmasq_config >"$LAB_DIR/dnsmasq.conf"
+    local script=""
+    if [[ "$LAB_PROFILE" == openwrt ]]; then script="$(hostrix_tool hostrix-dhcp-script)"; fi
+    dnsmasq_config "$script" >"$LAB_DIR/dnsmasq.conf"
     : >"$LAB_DIR/dnsmasq.leases"
-    if ! ip netns exec "$GW_NS" dnsmasq --conf-file="$LAB_DIR/dnsmasq.conf" \
+    if ! ip netns exec "$GW_NS" env HOSTRIX_ROOT="$LAB_DIR/root" dnsmasq --conf-file="$LAB_DIR/dnsmasq.conf" \
         </dev/null >>"$LAB_DIR/dnsmasq.out" 2>&1 9>&-; then
         die "dnsmasq did not start: $(tail -n 1 "$LAB_DIR/dnsmasq.out" 2>/dev/null)"
     fi
@@ -131,6 +141,15 @@ logic.eth0.5 = 3
 stations = dir:$LAB_DIR/stations
 counters = nftables
 CONF
+    mib_ifname_lines
+}
+
+# The kernel's names of the profile, for the daemon to translate.
+mib_ifname_lines() {
+    local pair
+    for pair in $(lab_profile_ifnames "$LAB_PROFILE"); do
+        printf 'ifname.%s = %s\n' "${pair%%=*}" "${pair#*=}"
+    done
 }
 
 # Replaces the line of KEY (comment included) or appends it.
@@ -171,43 +190,4 @@ root_create() {
         "$LAB_DIR/stations" "$LAB_DIR/hosts"
     mib_config >"$(mib_file)"
     mib_apply_overrides
-    bridge_tool_create
-    iwpriv_tool_create
-}
-
-
-# A gateway's bridge filters VLANs and learns its hosts on VLAN 1, so the daemon
-# deletes a departed station's entry "vlan 1". The lab's br0 does not filter VLANs
-# (many kernels cannot), its entries carry no VLAN and that delete matches nothing;
-# the daemon's `bridge` therefore retries such a delete without the VLAN.
-bridge_tool_create() {
-    local real
-    real="$(command -v bridge)"
-    mkdir -p "$LAB_DIR/bin"
-    cat >"$LAB_DIR/bin/bridge" <<TOOL
-#!/bin/sh
-# Written by lab/lab up (lab/lib/gateway.sh, bridge_tool_create).
-"$real" "\$@" && exit 0
-case " \$* " in *" fdb del "*" vlan 1 "*) ;; *) exit 1 ;; esac
-for arg do
-    shift
-    if [ "\$skip" = vlan ]; then skip=; continue; fi
-    if [ "\$arg" = vlan ]; then skip=vlan; continue; fi
-    set -- "\$@" "\$arg"
-done
-exec "$real" "\$@"
-TOOL
-    chmod 755 "$LAB_DIR/bin/bridge"
-}
-
-# The daemon asks each radio's driver whether its function is switched off; the
-# lab's radios are veths without a driver to ask, and are never switched off.
-iwpriv_tool_create() {
-    mkdir -p "$LAB_DIR/bin"
-    cat >"$LAB_DIR/bin/iwpriv" <<'TOOL'
-#!/bin/sh
-# Written by lab/lab up (lab/lib/gateway.sh, iwpriv_tool_create).
-printf '%-10s%s:0\n' "$1" "$2"
-TOOL
-    chmod 755 "$LAB_DIR/bin/iwpriv"
 }

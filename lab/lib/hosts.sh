@@ -125,7 +125,7 @@ host_path_up() {
     ip -n "$(host_ns "$1")" link show dev "$HOST_IF" 2>/dev/null | grep -q 'state UP' &&
         bridge_port_forwarding "$sw" "$(host_port_if "$1")" &&
         bridge_port_forwarding "$sw" "$UPLINK" &&
-        bridge_port_forwarding "$GW_NS" "$2"
+        bridge_port_forwarding "$GW_NS" "$(kif "$2")"
 }
 
 host_pids() {
@@ -246,12 +246,33 @@ stations_sync() {
 
 event_socket() { printf '%s/root/var/run/.hostapd_action_sock' "$LAB_DIR"; }
 
+require_event_socket() {
+    [[ -S "$(event_socket)" ]] || die "no event socket at $(event_socket); start the daemon first (lab/demo.sh starts it)"
+}
+
+# send_station_left IFNAME MAC: what the profile's authenticator tells the daemon when
+# a station leaves IFNAME (a gateway name); prints what was sent. On OpenWrt,
+# hostapd_cli -a runs an action program with the kernel's name, and that speaks to
+# the daemon.
+send_station_left() {
+    local ifname="$1" mac="$2" tool kernel
+    if [[ "$LAB_PROFILE" != openwrt ]]; then
+        send_event_line "$ifname: AP-STA-DISCONNECTED $mac"
+        printf '"%s: AP-STA-DISCONNECTED %s"' "$ifname" "$mac"
+        return 0
+    fi
+    require_event_socket
+    tool="$(hostrix_tool hostrix-hostapd-action)"
+    kernel="$(kif "$ifname")"
+    timeout 5 env HOSTRIX_ROOT="$LAB_DIR/root" "$tool" "$kernel" AP-STA-DISCONNECTED "$mac" >/dev/null ||
+        die "'$tool $kernel AP-STA-DISCONNECTED $mac' failed (is the daemon listening?)"
+    printf '"%s %s AP-STA-DISCONNECTED %s"' "$(basename "$tool")" "$kernel" "$mac"
+}
+
 send_event_line() {
     local line="$1" sock
     sock="$(event_socket)"
-    if [[ ! -S "$sock" ]]; then
-        die "no event socket at $sock; start the daemon first (lab/demo.sh starts it)"
-    fi
+    require_event_socket
     if command -v socat >/dev/null 2>&1; then
         printf '%s\n' "$line" | timeout 5 socat -t 1 - "UNIX-CONNECT:$sock" >/dev/null ||
             die "could not send the event line to $sock (is the daemon listening?)"

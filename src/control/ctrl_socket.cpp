@@ -68,8 +68,7 @@ int failErrno(const char *what) {
 int growBuffers(int fd) {
     int size = 0;
     socklen_t len = sizeof size;
-    if (getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, &len) < 0)
-        return failErrno("getsockopt");
+    if (getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, &len) < 0) return failErrno("getsockopt");
     size *= 2;
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) < 0 ||
         setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) < 0)
@@ -84,9 +83,11 @@ int makeNonBlocking(int fd) {
     return 0;
 }
 
+// The text a per-host request carries after its MAC. The MAC's own bytes are not
+// text: checking them would make most real MACs unreachable.
 bool dataIsPrintable(const ctrlMsg_t &msg) {
-    return isPrintableString(
-        std::string_view(reinterpret_cast<const char *>(msg.data), sizeof msg.data));
+    return isPrintableString(std::string_view(
+        reinterpret_cast<const char *>(msg.data) + kCtrlMacLen, sizeof msg.data - kCtrlMacLen));
 }
 
 void runCommand(ctrlMsg_t &msg, const ctrlCmdRow &row, int32_t *dataLen) {
@@ -108,13 +109,15 @@ void setConnTimeouts(int fd) {
 void sendReply(int fd, const ctrlMsg_t &msg) {
     ssize_t sent = send(fd, &msg, sizeof msg, MSG_NOSIGNAL);
     if (sent == static_cast<ssize_t>(sizeof msg)) return;
-    HX_DBG(DBG_MESSAGE, "[%s %d]: Send fail for cmd=0x%x, size=%d(%zd)\n", kServeName,
-           __LINE__, msg.cmd, static_cast<int>(sent), static_cast<ssize_t>(sizeof msg));
+    HX_DBG(DBG_MESSAGE, "[%s %d]: Send fail for cmd=0x%x, size=%d(%zd)\n", kServeName, __LINE__,
+           msg.cmd, static_cast<int>(sent), static_cast<ssize_t>(sizeof msg));
 }
 
 }  // namespace
 
-int msgSockFd() { return listenFd.get(); }
+int msgSockFd() {
+    return listenFd.get();
+}
 
 int msg_create_sockfd() {
     UniqueFd fd = listenAtPath(HostrixFile::ControlSocket, ReuseAddrMessage::WithReason);
@@ -124,7 +127,9 @@ int msg_create_sockfd() {
     return listenFd.get();
 }
 
-void msg_close_sockfd() { listenFd.reset(); }
+void msg_close_sockfd() {
+    listenFd.reset();
+}
 
 std::span<const ctrlCmdRow> ctrlCommandTable() {
     return {kCommandTable, std::size(kCommandTable) - 1};

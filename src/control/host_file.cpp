@@ -19,6 +19,12 @@ namespace {
 
 constexpr mode_t kHostFileMode = 0644;
 constexpr size_t kIpv6TextSize = 46;
+// Five tries 10 ms apart: at most 40 ms of the main loop per write.
+constexpr int kLockTries = 5;
+constexpr useconds_t kLockRetryPauseUs = 10'000;
+
+// Whether the last write found the lock held: one log line per blocked episode.
+bool lockBlocked = false;
 
 void dumpIdentity(const lanHostInfo_t &host) {
     char ipv6Text[kIpv6TextSize] = {};
@@ -96,13 +102,35 @@ void writeRecords(int fd, hostEntry *const *list, int count) {
     }
 }
 
+// The writer does not wait for the lock as readers do: any local user may read the
+// file and hold a read lock for as long as they like, and the main loop must not stall
+// behind them. A few quick tries, then the write is skipped and retried at the next tick.
+bool lockWithoutWaiting(int fd) {
+    for (int attempt = 1; flock_try_set(fd, kLockWrite) != 0; ++attempt) {
+        if (attempt == kLockTries) return false;
+        usleep(kLockRetryPauseUs);
+    }
+    return true;
+}
+
+void noteLockOutcome(const char *path, bool locked) {
+    if (locked == !lockBlocked) return;
+    lockBlocked = !locked;
+    if (lockBlocked)
+        hostrixLog("%s is locked by a reader: host file writes skipped until it is free\n", path);
+    else
+        hostrixLog("%s is free again: host file written\n", path);
+}
+
 }  // namespace
 
 int writeLanHostInfo() {
     const char *path = hostrixPath(HostrixFile::HostInfo);
     UniqueFd fd(open(path, O_RDWR | O_CREAT | O_CLOEXEC, kHostFileMode));
     if (!fd.valid()) return -1;
-    if (flock_set(fd.get(), kLockWrite) != 0) return 0;
+    const bool locked = lockWithoutWaiting(fd.get());
+    noteLockOutcome(path, locked);
+    if (!locked) return kHostFileBusy;
     // On failure the close below also ends the lock.
     if (truncate(path, 0) != 0) return 0;
     hostEntry *list[kHostPoolSize];

@@ -4,8 +4,12 @@
 
 #include "hosts/lanhost.h"
 
-// -1 when the file cannot be opened, else 0 (also when it could not be locked or
-// truncated and was left untouched).
+// writeLanHostInfo's answer when a reader held the lock and the write was skipped.
+inline constexpr int kHostFileBusy = 1;
+
+// -1 when the file cannot be opened; kHostFileBusy when a reader holds the lock, and
+// the file is left as it is for the caller to try again soon; else 0 (also when it
+// could not be truncated and was left untouched). Never waits long for the lock.
 int writeLanHostInfo();
 // Stable ascending sort of LIST[0..n) by startOnLine.
 void sortLanHostByStartOnLine(hostEntry **list, int n);

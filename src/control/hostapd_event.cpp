@@ -13,6 +13,7 @@
 #include "control/unix_socket.h"
 #include "core/log.h"
 #include "core/paths.h"
+#include "core/text.h"
 #include "core/unique_fd.h"
 #include "hosts/host_table.h"
 #include "hosts/liveness.h"
@@ -93,8 +94,17 @@ bool takeMac(std::string_view &text, uint8_t (&mac)[kMacLen]) {
     return true;
 }
 
+// The line without its own line end, which the log line supplies.
+std::string_view withoutLineEnd(std::string_view text) {
+    if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+    if (!text.empty() && text.back() == '\r') text.remove_suffix(1);
+    return text;
+}
+
+// Whatever the peer wrote is shown escaped, not raw, so that its bytes cannot
+// drive the terminal or forge log lines; the line stays one line.
 void deliverEvent(const char *text, char *buffer, int size) {
-    std::fprintf(stderr, "EVENT: %s\n", text);
+    std::fprintf(stderr, "EVENT: %s\n", escapedText(withoutLineEnd(text)).c_str());
     std::fflush(stderr);
     std::snprintf(buffer, static_cast<size_t>(size), "%s", text);
 }
@@ -162,7 +172,8 @@ int process_hostapd_event(char *buffer) {
     HostapdEvent event{};
     if (!buffer || !parseHostapdEvent(buffer, event)) return 0;
     std::fprintf(stderr, "%s %s %s %02x:%02x:%02x:%02x:%02x:%02x\n", "process_hostapd_event",
-                 event.word, event.name, MAC_ARGS(event.mac));
+                 escapedText(event.word).c_str(), escapedText(event.name).c_str(),
+                 MAC_ARGS(event.mac));
     std::fflush(stderr);
     if (std::strcmp(event.name, kStaDisconnected) == 0) stationLeft(event.mac);
     return 0;

@@ -1,6 +1,7 @@
 #include "control/unix_socket.h"
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -9,10 +10,13 @@
 #include <cstring>
 
 #include "core/log.h"
+#include "platform/os.h"
 
 namespace {
 
 constexpr int kListenBacklog = 128;
+constexpr mode_t kOwnerOnlyMode = 0600;
+constexpr mode_t kOwnerAndGroupMode = 0660;
 
 UniqueFd setupFailed(const char *message) {
     logPlain("%s", message);
@@ -40,6 +44,16 @@ int bindUnixPath(int fd, HostrixFile file) {
     return bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
 }
 
+// The mode is set by path after bind, whatever the umask made of it: until listen
+// nobody can connect, so there is no window with a wider mode. A group that cannot be
+// given leaves the file to root alone.
+int restrictToDaemon(const char *path) {
+    const int group = os_socket_group();
+    const bool shared =
+        group >= 0 && chown(path, static_cast<uid_t>(-1), static_cast<gid_t>(group)) == 0;
+    return chmod(path, shared ? kOwnerAndGroupMode : kOwnerOnlyMode);
+}
+
 int setReceiveTimeout(int fd, int seconds) {
     timeval timeout{};
     timeout.tv_sec = seconds;
@@ -56,6 +70,7 @@ UniqueFd listenAtPath(HostrixFile file, ReuseAddrMessage reuseMessage) {
                                                             : setupFailed("setsockopt error!\n");
     }
     if (bindUnixPath(fd.get(), file) < 0) return setupFailedWithReason("bind");
+    if (restrictToDaemon(hostrixPath(file)) < 0) return setupFailedWithReason("chmod");
     if (listen(fd.get(), kListenBacklog) < 0) return setupFailed("listen error!\n");
     return fd;
 }

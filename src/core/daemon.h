@@ -12,6 +12,7 @@
 
 inline constexpr int kLoopTimeoutSec = 3;
 inline constexpr int kFileWriteInterval = 30;
+inline constexpr int kFileRetryInterval = 1;  // after a write a reader's lock held off
 inline constexpr int kIpv6ProbeInterval = 30;
 inline constexpr size_t kFifoBufSize = 256;
 
@@ -26,16 +27,25 @@ inline constexpr uint32_t SIG_BIT_TERMINATE = 1u << 15;  // SIGTERM
 struct MainLoopState {
     UniqueFd authFd;
     UniqueFd fifoFd;
+    UniqueFd signalWakeFd;  // read end of the pipe the signal handler writes to
     int64_t nextTick1 = 0;
     int64_t nextTick30 = 0;
     int32_t nextFileWrite = 0;
-    timeval timeout{};
+    bool waitArmed = false;
+    int64_t waitDeadlineMs = 0;  // monotonic; when the current 3 s wait runs down
     AppliedSettings applied;
     char eventBuf[256] = {};
     char fifoBuf[kFifoBufSize] = {};
 };
 
+// Sets the signal's bit and wakes the loop's wait.
 void signalHandler(int signo);
+// The pipe that wakes the wait on a signal; -1 when it cannot be made (signals are
+// then seen at the next pass).
+int openSignalWake(MainLoopState &state);
+void drainSignalWake(MainLoopState &state);
+// Stops the handler writing to the pipe and closes it.
+void closeSignalWake(MainLoopState &state);
 void log_pid();
 int createHostrixFifo();
 
@@ -43,8 +53,14 @@ int createHostrixFifo();
 int hostrixStart(MainLoopState &state);
 // Signal work of one pass; false once SIGTERM ends the loop.
 bool handleSignalWork(MainLoopState &state);
-// Re-arms the wait only once it has run down, so events do not delay the duties.
-void rearmTimeout(timeval &timeout);
+// Signal work repeated while new signals arrive during it (a few rounds at most);
+// false once SIGTERM ends the loop.
+bool handlePendingSignals(MainLoopState &state);
+// A skipped host-file write is tried again at the next 1 s tick.
+void scheduleFileRetry(MainLoopState &state, int64_t now);
+// Milliseconds left of the current wait at NOWMS, armed afresh once the last one ran
+// down, so events do not delay the duties.
+int64_t remainingWaitMs(MainLoopState &state, int64_t nowMs);
 // Fills SET with the watched descriptors; returns the count to pass to select.
 int buildReadSet(const MainLoopState &state, fd_set &set);
 // The periodic duties of a wait that ended by timeout.

@@ -1,5 +1,6 @@
 #include "core/text.h"
 
+#include <cstdio>
 #include <cstring>
 
 namespace {
@@ -15,7 +16,26 @@ bool isPrintable(char c) {
     return value >= kFirstPrintable && value <= kLastPrintable;
 }
 
+void appendEscaped(std::string &out, char c) {
+    if (c == '\\') {
+        out += "\\\\";
+    } else if (isPrintable(c)) {
+        out += c;
+    } else {
+        char escaped[8];
+        std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(c));
+        out += escaped;
+    }
+}
+
 }  // namespace
+
+std::string escapedText(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) appendEscaped(out, c);
+    return out;
+}
 
 int isPrintableString(std::string_view text) {
     for (char c : text) {

@@ -1,6 +1,7 @@
-// Text checks shared by the control commands and discovery.
+// Text checks shared by the control commands and discovery, and escaping for logs.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 // 1 when TEXT, up to its first NUL, CR or LF, holds only the bytes 0x20..0x7E;
@@ -8,3 +9,7 @@
 int isPrintableString(const char *text);
 // The same check on a buffer that may have no terminator: never reads past it.
 int isPrintableString(std::string_view text);
+
+// TEXT for a log line: bytes outside 0x20..0x7E become \xHH and a backslash
+// becomes \\, so bytes from the LAN reach no terminal raw and can be read back.
+std::string escapedText(std::string_view text);

@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <unordered_map>
+#include <vector>
 
 #include "core/clock.h"
 #include "core/log.h"
@@ -12,6 +14,7 @@
 #include "discovery/ip_resolution.h"
 #include "discovery/sources.h"
 #include "discovery/wlan_sta.h"
+#include "hosts/departures.h"
 #include "hosts/host_table.h"
 #include "hosts/liveness.h"
 #include "platform/mib.h"
@@ -22,7 +25,8 @@ namespace {
 
 constexpr const char *kCycle = kDiscoveryCycleName;
 constexpr uint32_t kFdbTicksPerSecond = 100;  // the bridge ages entries in 1/100 s
-constexpr size_t kIfnameCopyLen = 16;         // interface names are at most 15 characters
+constexpr int64_t kMsPerFdbTick = 10;
+constexpr size_t kIfnameCopyLen = 16;  // interface names are at most 15 characters
 constexpr int kNoPhyId = -1;
 constexpr int kMaxLogicPort = 31;  // the bridge-bind mask has 32 bits
 constexpr int kDefaultPortIndex = 1;
@@ -37,7 +41,9 @@ struct CycleEntry {
     uint32_t now = 0;
 };
 
-bool contains(const char *text, const char *part) { return std::strstr(text, part) != nullptr; }
+bool contains(const char *text, const char *part) {
+    return std::strstr(text, part) != nullptr;
+}
 
 // An entry older than the limit only tells a known host how long it has been idle.
 bool tooOldForDiscovery(const fdb &record) {
@@ -219,8 +225,17 @@ void confirmHost(hostEntry &entry, const CycleEntry &work) {
     entry.valid = 1;
 }
 
-void processEntry(const fdb &record, const DiscoverySources &sources) {
-    if (tooOldForDiscovery(record)) return;
+// The bridge has not seen the MAC since its host went offline.
+bool staleSinceDeparture(const fdb &record, int64_t nowMs) {
+    if (!isStaleSinceDeparture(record.mac, record.ageing_timer_value * kMsPerFdbTick, nowMs))
+        return false;
+    HX_DBG(DBG_TRACE, "[%s %d]: " MAC_FMT " not seen since it left, skipped\n", kCycle, __LINE__,
+           MAC_ARGS(record.mac));
+    return true;
+}
+
+void processEntry(const fdb &record, const DiscoverySources &sources, int64_t nowMs) {
+    if (tooOldForDiscovery(record) || staleSinceDeparture(record, nowMs)) return;
     CycleEntry work;
     std::snprintf(work.ifname, sizeof work.ifname, "%.*s", static_cast<int>(kIfnameCopyLen - 1),
                   record.ifname);
@@ -240,6 +255,22 @@ void processEntry(const fdb &record, const DiscoverySources &sources) {
     if (dropWithoutAddress(*entry, work)) return;
     keepHost(*entry, work);
     confirmHost(*entry, work);
+}
+
+// With VLAN filtering the bridge keeps a copy of a MAC per VLAN. Only the freshest copy
+// (lowest age, and its port) speaks for the MAC: a stale copy would overwrite idleSecs,
+// and a MAC seen on two VLANs would flip its port every cycle. First-seen order is kept.
+std::vector<const fdb *> freshestCopies(const fdb *head) {
+    std::vector<const fdb *> chosen;
+    std::unordered_map<uint64_t, size_t> slotOfMac;
+    for (const fdb *record = head; record; record = record->next) {
+        auto [it, added] = slotOfMac.try_emplace(macKey(record->mac), chosen.size());
+        if (added)
+            chosen.push_back(record);
+        else if (record->ageing_timer_value < chosen[it->second]->ageing_timer_value)
+            chosen[it->second] = record;
+    }
+    return chosen;
 }
 
 void readSources(DiscoverySources &sources) {
@@ -277,8 +308,8 @@ void __zvt_hostrix_update_from_arp() {
     DiscoverySources sources;
     if (collect_bridge_fdb(&forwarding) > 0) {
         readSources(sources);
-        for (const fdb *record = forwarding; record; record = record->next)
-            processEntry(*record, sources);
+        const int64_t nowMs = monotonicMilliseconds();
+        for (const fdb *record : freshestCopies(forwarding)) processEntry(*record, sources, nowMs);
     }
     if (sources.arp) free_arp_entries(&sources.arp);
     if (sources.ipv6) free_ipv6_neigh(&sources.ipv6);

@@ -4,6 +4,7 @@
 
 #include "core/log.h"
 #include "discovery/wlan_sta.h"
+#include "hosts/departures.h"
 #include "platform/mib.h"
 #include "platform/zvt.h"
 
@@ -77,6 +78,7 @@ void initHostrixData() {
     for (hostEntry &entry : hostPool) freeHostEntry(&entry);
     std::memset(hashHeads, 0, sizeof hashHeads);
     resetWlanStaTable();
+    resetDepartures();
     logPlain("[%s %d]:init HostrixData.\n", __func__, __LINE__);
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <ctime>
 
 inline constexpr size_t kMacLen = 6;
@@ -150,6 +151,13 @@ struct hostEntry {
     hostEntry *next;      // hash chain or free list
 };
 static_assert(offsetof(hostEntry, lanHost) == 0);
+
+// A MAC as one number, for hashed lookups.
+inline uint64_t macKey(const uint8_t *mac) {
+    uint64_t key = 0;
+    std::memcpy(&key, mac, kMacLen);
+    return key;
+}
 
 // An IPv6 address of all zero bytes means none.
 inline bool isZeroIpv6(const uint8_t *addr) {

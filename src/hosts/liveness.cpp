@@ -14,6 +14,7 @@
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/settings.h"
+#include "hosts/departures.h"
 #include "hosts/host_table.h"
 #include "platform/mib.h"
 #include "platform/os.h"
@@ -159,6 +160,8 @@ void _disConnLanHost(hostEntry *entry, const char *caller, int line) {
     time_t now = os_time();
     HX_DBG(DBG_TRACE, "[%s %d]:disconnect lanhost(" MAC_FMT ")\n", __func__, __LINE__,
            MAC_ARGS(entry->lanHost.mac));
+    // A host already offline keeps the time it left.
+    if (entry->valid != 0) noteDeparture(entry->lanHost.mac, monotonicMilliseconds());
     entry->valid = 0;
     entry->idleSecs = 0;
     entry->lanHost.onLineTime = 0;

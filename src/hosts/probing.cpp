@@ -17,6 +17,7 @@
 #include "discovery/sources.h"
 #include "hosts/host_table.h"
 #include "platform/mib.h"
+#include "platform/os.h"
 #include "platform/zvt.h"
 
 namespace {
@@ -113,7 +114,7 @@ void setArpSocketOpener(ArpSocketOpener opener) {
 
 int get_ifindex(const char *name) {
     ifreq request{};
-    std::strncpy(request.ifr_name, name, IFNAMSIZ - 1);
+    std::strncpy(request.ifr_name, os_kernel_ifname(name).c_str(), IFNAMSIZ - 1);
     UniqueFd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!sock.valid()) {
         logPlain("[%s %d]:socket() error.\n", __func__, __LINE__);

@@ -115,3 +115,5 @@ int va_cmd(const char *program, int argc, int wait, ...);
 int va_cmd_no_error(const char *program, int argc, int wait, ...);
 
 int flock_set(int fd, int type);
+// flock_set without waiting: -1 at once when another process holds a conflicting lock.
+int flock_try_set(int fd, int type);

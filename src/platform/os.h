@@ -6,6 +6,7 @@
 #include <ctime>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 #include <sys/time.h>
 
@@ -31,3 +32,13 @@ FILE *os_open_kernel_file(const char *path);
 bool os_kernel_path_exists(const char *path);
 // The names in a kernel directory (/sys), without "." and ".."; empty when unreadable.
 std::vector<std::string> os_kernel_dir_entries(const char *path);
+
+// The group that may use the daemon's sockets and FIFO besides root (socket_group in
+// the configuration), or -1 when there is none: then only root may.
+int os_socket_group();
+
+// Interface names. The core speaks the gateway's names (br0, eth0.2, wlan0); the kernel
+// may call the same interface otherwise. Unmapped names are the same on both sides.
+// Safe to call from any thread.
+std::string os_kernel_ifname(std::string_view gateway);
+std::string os_gateway_ifname(std::string_view kernel);

@@ -9,8 +9,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "core/unique_fd.h"
+#include "platform/os.h"
 #include "sniffer/monitor_intf.h"
 #include "sniffer/sniffer.h"
 
@@ -78,14 +80,18 @@ bool isWatchedPortName(const char *name) {
 }
 
 void actOnBridgePort(uint16_t type, const LinkEvent &event) {
-    char masterName[IF_NAMESIZE] = {};
-    if (event.master != 0 && !if_indextoname(event.master, masterName)) masterName[0] = '\0';
-    EVENT_LOG(kSnifferPacket, "Ifname %s, master %s(%u)\n", event.name, masterName, event.master);
-    sd_intf *record = find_monitor_intf(event.name);
+    char kernelMaster[IF_NAMESIZE] = {};
+    if (event.master != 0 && !if_indextoname(event.master, kernelMaster)) kernelMaster[0] = '\0';
+    // The kernel names the port and its bridge; the list and its rules use gateway names.
+    const std::string name = os_gateway_ifname(event.name);
+    const std::string master = kernelMaster[0] ? os_gateway_ifname(kernelMaster) : std::string();
+    EVENT_LOG(kSnifferPacket, "Ifname %s, master %s(%u)\n", name.c_str(), master.c_str(),
+              event.master);
+    sd_intf *record = find_monitor_intf(name.c_str());
     // Only this thread changes the list, so the record stays valid after the lookup.
-    if (type == RTM_NEWLINK && !record && event.master != 0 && masterName[0] &&
-        isWatchedPortName(event.name))
-        add_monitor_intf(event.name, masterName);
+    if (type == RTM_NEWLINK && !record && event.master != 0 && !master.empty() &&
+        isWatchedPortName(name.c_str()))
+        add_monitor_intf(name.c_str(), master.c_str());
     if (type == RTM_DELLINK && record) del_monitor_intf(record);
 }
 

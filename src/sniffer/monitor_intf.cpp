@@ -58,7 +58,8 @@ class MonitorListLock {
 
 bool isSlaveOf(const char *ifname, const sd_intf &master) {
     char path[128];
-    std::snprintf(path, sizeof path, "/sys/class/net/%s/upper_%s", ifname, master.ifname);
+    std::snprintf(path, sizeof path, "/sys/class/net/%s/upper_%s", os_kernel_ifname(ifname).c_str(),
+                  os_kernel_ifname(master.ifname).c_str());
     return os_kernel_path_exists(path);
 }
 
@@ -82,13 +83,23 @@ bool mayAdd(const char *ifname, const char *master, sd_intf *&masterRecord) {
     return true;
 }
 
-// A packet socket on IFINDEX that sees every protocol, filtered in the kernel.
+// A packet socket on IFINDEX that sees every protocol, filtered in the kernel. It is
+// opened for no protocol, so that nothing is queued on it, and bound to the interface
+// and every protocol only once the filter is attached: no unfiltered frame, and no
+// frame from another interface, ever reaches it.
 UniqueFd openFilteredSocket(uint32_t ifindex) {
     // Close-on-exec: commands the daemon runs must not inherit a capture socket.
-    UniqueFd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ETH_P_ALL)));
+    UniqueFd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
     if (!sock.valid()) {
         ADD_LOG(kSnifferError, "Socket error: %s\n", std::strerror(errno));
         return sock;
+    }
+    // The kernel copies the program; it does not write through the pointer.
+    const sock_fprog program{static_cast<unsigned short>(kSnifferFilter.size()),
+                             const_cast<sock_filter *>(kSnifferFilter.data())};
+    if (setsockopt(sock.get(), SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) != 0) {
+        ADD_LOG(kSnifferError, "Cannot attach filter: %s\n", std::strerror(errno));
+        return UniqueFd();
     }
     sockaddr_ll address{};
     address.sll_family = AF_PACKET;
@@ -98,27 +109,21 @@ UniqueFd openFilteredSocket(uint32_t ifindex) {
         ADD_LOG(kSnifferError, "bind call failed: %s", std::strerror(errno));
         return UniqueFd();
     }
-    // The kernel copies the program; it does not write through the pointer.
-    const sock_fprog program{static_cast<unsigned short>(kSnifferFilter.size()),
-                             const_cast<sock_filter *>(kSnifferFilter.data())};
-    if (setsockopt(sock.get(), SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) != 0) {
-        ADD_LOG(kSnifferError, "Cannot attach filter: %s\n", std::strerror(errno));
-        return UniqueFd();
-    }
     return sock;
 }
 
-// Every name N of a "lower_N" entry in MASTER's sysfs directory that begins with
-// PREFIX, in the sorted order a directory listing shows.
+// The gateway name N of every "lower_" entry in MASTER's sysfs directory that begins
+// with PREFIX, in the sorted order a directory listing shows.
 std::vector<std::string> lowerLinks(const char *master, std::string_view prefix) {
     std::vector<std::string> names;
     for (std::string &entry :
-         os_kernel_dir_entries(("/sys/class/net/" + std::string(master)).c_str())) {
-        std::string_view name(entry);
-        if (!name.starts_with(kLowerLinkPrefix)) continue;
-        name.remove_prefix(kLowerLinkPrefix.size());
+         os_kernel_dir_entries(("/sys/class/net/" + os_kernel_ifname(master)).c_str())) {
+        std::string_view kernelName(entry);
+        if (!kernelName.starts_with(kLowerLinkPrefix)) continue;
+        kernelName.remove_prefix(kLowerLinkPrefix.size());
+        std::string name = os_gateway_ifname(kernelName);
         if (name.starts_with(prefix) && name.size() <= kMonitorListNameMax)
-            names.emplace_back(name);
+            names.push_back(std::move(name));
     }
     std::sort(names.begin(), names.end());
     return names;
@@ -176,7 +181,7 @@ sd_intf *__add_monitor_intf(const char *ifname, const char *master) {
     }
     record->sock = -1;
     record->master = masterRecord;
-    record->ifindex = if_nametoindex(ifname);
+    record->ifindex = if_nametoindex(os_kernel_ifname(ifname).c_str());
     if (record->ifindex == 0) {
         ADD_LOG(kSnifferError, "Cannot get interface(%s)\n", ifname);
         return nullptr;

@@ -1,6 +1,7 @@
 #include "sniffer/sniffer.h"
 
 #include <pthread.h>
+#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/select.h>
 
@@ -128,6 +129,29 @@ WAIT_FRAME void waitForFrames(int netlinkFd, timeval &timeout) {
     }
 }
 
+// Every signal blocked in the calling thread while it lives, then the old mask back.
+// A thread inherits its creator's mask, so the sniffer starts with all of them blocked
+// and never runs a handler: signals are the main loop's, which wakes on them.
+class AllSignalsBlocked {
+   public:
+    AllSignalsBlocked() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &previous_);
+    }
+    ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
+    AllSignalsBlocked(const AllSignalsBlocked &) = delete;
+    AllSignalsBlocked &operator=(const AllSignalsBlocked &) = delete;
+
+   private:
+    sigset_t previous_{};
+};
+
+int createSnifferThread(char *interfaces) {
+    AllSignalsBlocked blocked;
+    return pthread_create(&snifferThread, nullptr, sniffer_monitor, interfaces);
+}
+
 // A thread that has ended, or is ending, is joined so that its resources go.
 void reapSnifferThread() {
     if (!threadJoinable) return;
@@ -197,7 +221,7 @@ int startSnifferMonitor(const char *interfaces) {
     reapSnifferThread();
     ListCopy copy(strdup(interfaces));
     threadAlive.store(true);
-    if (!copy || pthread_create(&snifferThread, nullptr, sniffer_monitor, copy.get()) != 0) {
+    if (!copy || createSnifferThread(copy.get()) != 0) {
         threadAlive.store(false);
         SNIFFER_LOG(kSnifferError, "create Sniffer thread error\n");
         return -1;

@@ -1,10 +1,15 @@
-# shellcheck shell=bash
+# shellcheck shell=bash source-path=SCRIPTDIR
 # Helpers for the end-to-end tests: skip rules (exit 77), one line per check,
 # bounded waits on conditions, and a lab that is always taken down on exit.
+# LAB_PROFILE (default, openwrt) picks the lab's kernel names; tests speak gateway
+# names (br0, eth0.2, wlan0) either way and the helpers translate.
 
 E2E_DIR="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 REPO_DIR="$(cd "$E2E_DIR/../.." && pwd)"
 LAB="$REPO_DIR/lab/lab"
+# shellcheck source=../../lab/lib/profile.sh
+source "$REPO_DIR/lab/lib/profile.sh"
+LAB_PROFILE="${LAB_PROFILE:-default}"
 export HOSTRIX_LAB_DIR="${HOSTRIX_LAB_DIR:-/run/hostrix-lab}"
 LAB_DIR="${HOSTRIX_LAB_DIR%/}"
 GW_NS="hx-gw"
@@ -68,8 +73,17 @@ finish() {
 
 E2E_TMP=""
 
+# A failed test leaves the daemon's log behind for a look (E2E_LOG_DIR, default /tmp).
+keep_daemon_log() {
+    local kept
+    [[ -s "$LAB_DIR/hostrix.log" ]] || return 0
+    kept="${E2E_LOG_DIR:-/tmp}/hostrix-e2e-$(basename "$0" .sh)-$LAB_PROFILE.log"
+    cp -- "$LAB_DIR/hostrix.log" "$kept" 2>/dev/null && printf 'daemon log kept in %s\n' "$kept"
+}
+
 lab_down_on_exit() {
     local rc=$?
+    if ((rc != 0)); then keep_daemon_log || true; fi
     "$LAB" down >/dev/null 2>&1 || true
     if [[ -n "$E2E_TMP" ]]; then rm -rf -- "$E2E_TMP"; fi
     exit "$rc"
@@ -91,7 +105,11 @@ lab_run() {
     return 1
 }
 
-# --- facts about the running lab ---
+# --- facts about the running lab (interfaces named as the gateway names them) ---
+
+kif() { lab_kernel_ifname "$LAB_PROFILE" "$1"; }
+gwif() { lab_gateway_ifname "$LAB_PROFILE" "$1"; }
+BR_KERNEL="$(kif br0)"
 
 lab_namespaces() { ip netns list 2>/dev/null | awk '$1 ~ /^hx-/ { print $1 }'; }
 root_veths() { ip -o link show type veth 2>/dev/null | awk -F': ' '{ print $2 }' | sort; }
@@ -100,9 +118,19 @@ host_v6() { ip -n "hx-$1" -6 -o addr show dev eth0 scope global 2>/dev/null | aw
 host_mac() { ip -n "hx-$1" -o link show dev eth0 2>/dev/null | grep -o 'link/ether [0-9a-f:]*' | awk '{ print $2 }'; }
 lease_ip_of() { awk -v m="$1" '$2 == m { print $3 }' "$LAB_DIR/dnsmasq.leases" 2>/dev/null; }
 lease_name_of() { awk -v m="$1" '$2 == m { print $4 }' "$LAB_DIR/dnsmasq.leases" 2>/dev/null; }
-br0_ports() { ip -n "$GW_NS" -o link show master br0 2>/dev/null | awk -F': ' '{ sub(/@.*/, "", $2); print $2 }' | sort; }
-port_carrier() { [[ "$(ip netns exec "$GW_NS" cat "/sys/class/net/$1/carrier" 2>/dev/null)" == 1 ]]; }
-fdb_port_of() { bridge -n "$GW_NS" fdb show br br0 2>/dev/null | awk -v m="$1" '$1 == m && $2 == "dev" { print $3; exit }'; }
+br0_ports() {
+    local port
+    for port in $(ip -n "$GW_NS" -o link show master "$BR_KERNEL" 2>/dev/null | awk -F': ' '{ sub(/@.*/, "", $2); print $2 }'); do
+        gwif "$port"
+        printf '\n'
+    done | sort
+}
+port_carrier() { [[ "$(ip netns exec "$GW_NS" cat "/sys/class/net/$(kif "$1")/carrier" 2>/dev/null)" == 1 ]]; }
+fdb_port_of() {
+    local port
+    port="$(bridge -n "$GW_NS" fdb show br "$BR_KERNEL" 2>/dev/null | awk -v m="$1" '$1 == m && $2 == "dev" { print $3; exit }')"
+    if [[ -n "$port" ]]; then gwif "$port"; fi
+}
 fdb_has() { [[ "$(fdb_port_of "$1")" == "$2" ]]; }
 station_listed() { grep -q "^$1 " "$LAB_DIR/stations/$2" 2>/dev/null; }
 
@@ -140,7 +168,8 @@ check_nothing_left() {
 
 # --- the daemon, for tests that run it in the lab (lab/lab down also stops it) ---
 
-HOSTRIX_BIN="${HOSTRIX_BIN:-$REPO_DIR/build/bin/hostrix}"
+# Exported: the lab takes the daemon's helper programs from the same directory.
+export HOSTRIX_BIN="${HOSTRIX_BIN:-$REPO_DIR/build/bin/hostrix}"
 DAEMON_PID=""
 
 require_daemon_bin() {
@@ -148,9 +177,12 @@ require_daemon_bin() {
 }
 
 # Runs the daemon in the gateway namespace the way lab/demo.sh does.
-daemon_start() {
-    # PATH: the lab's bridge tool first (lab/lib/gateway.sh, bridge_tool_create).
-    setsid ip netns exec "$GW_NS" env HOSTRIX_ROOT="$LAB_DIR/root" PATH="$LAB_DIR/bin:$PATH" "$HOSTRIX_BIN" \
+daemon_start() { daemon_start_env HOSTRIX_ROOT="$LAB_DIR/root"; }
+
+# The same with the environment given as NAME=VALUE words added to ours, e.g.
+# HOSTRIX_ROOT=... PATH= for a daemon that can start no program.
+daemon_start_env() {
+    setsid ip netns exec "$GW_NS" env "$@" "$HOSTRIX_BIN" \
         </dev/null >>"$LAB_DIR/hostrix.log" 2>&1 &
     DAEMON_PID=$!
     printf '%s\n' "$DAEMON_PID" >"$LAB_DIR/hostrix.daemon.pid"
@@ -181,7 +213,7 @@ require_client_bin() {
 
 # The lab, and the daemon in it answering on its control socket.
 start_daemon_in_lab() {
-    check "lab up" lab_run up
+    check "lab up (profile $LAB_PROFILE)" lab_run up --profile "$LAB_PROFILE"
     daemon_start
     check "control socket is listening" wait_for 50 socket_up
 }

@@ -4,6 +4,7 @@
 # address; a silent host is probed with ARP requests on br0 and reported gone; a
 # station that leaves is reported and leaves the FDB; an ignored port loses its hosts;
 # a host on a bridge-bound port takes its address from the sniffer.
+# e2e-profiles: default openwrt
 # shellcheck disable=SC2317 # predicates are called through check()
 # shellcheck source-path=SCRIPTDIR
 set -euo pipefail
@@ -103,9 +104,9 @@ check_silent_host() {
     local mac ip br_mac pcap="$E2E_TMP/arp.pcap" dump_pid
     mac="$(host_mac h2)"
     ip="$(lease_ip_of "$mac")"
-    br_mac="$(ip -n "$GW_NS" -o link show br0 | grep -o 'link/ether [0-9a-f:]*' | awk '{ print $2 }')"
+    br_mac="$(ip -n "$GW_NS" -o link show "$BR_KERNEL" | grep -o 'link/ether [0-9a-f:]*' | awk '{ print $2 }')"
     check "h2 is reported first" wait_for "$TICKS_2" reported new "$mac"
-    ip netns exec "$GW_NS" tcpdump -i br0 -U -n -w "$pcap" arp >/dev/null 2>&1 &
+    ip netns exec "$GW_NS" tcpdump -i "$BR_KERNEL" -U -n -w "$pcap" arp >/dev/null 2>&1 &
     dump_pid=$!
     sleep 1
     ip -n hx-h2 link set eth0 down

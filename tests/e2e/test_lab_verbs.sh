@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # The lab's verbs change the LAN the way the daemon will be tested against:
 # hosts come and go, unplug and come back, roam between radios, and leave
-# with an authenticator event; config keys can be changed.
+# with an authenticator event; config keys can be changed. Gateway port names
+# work the same on both profiles.
+# e2e-profiles: default openwrt
 # shellcheck disable=SC2317 # predicates are called through check()
 # shellcheck source-path=SCRIPTDIR
 set -euo pipefail
@@ -22,10 +24,16 @@ ns_absent() { ! ip netns list | grep -q "^$1\b"; }
 lease_named() { [[ "$(lease_name_of "$1")" == "$2" ]]; }
 lab_fails() { ! lab_run "$@" 2>/dev/null; }
 one_line_error() { [[ "$(wc -l <"$E2E_TMP/lab.out")" -eq 1 ]] && grep -q '^lab: error: ' "$E2E_TMP/lab.out"; }
-up_with_overrides() { LAB_MIB_OVERRIDES='485=20' lab_run up; }
+up_with_overrides() { LAB_MIB_OVERRIDES='485=20' lab_run up --profile "$LAB_PROFILE"; }
 bad_port_rejected() { lab_fails add-host pc eth9 && one_line_error; }
 cut_off() { ! ip netns exec "hx-$1" busybox ping -c 1 -W 1 10.77.0.1 >/dev/null 2>&1; }
 replug_relists_h4() { lab_run replug h4 && station_listed "$H4_MAC" wlan0-vap0; }
+# One ifname. line per renamed interface: eight on OpenWrt, none by default.
+ifname_lines_fit_profile() {
+    local want=0
+    if [[ "$LAB_PROFILE" == openwrt ]]; then want=8; fi
+    test "$(grep -c '^ifname\.' "$LAB_DIR/root/etc/hostrix/mib.conf")" -eq "$want"
+}
 set_adds_key() { lab_run set ssid.wlan1 lab-5g && test "$(mib_line_count "ssid.wlan1 = lab-5g")" -eq 1; }
 
 check_add_and_del_host() {
@@ -76,7 +84,8 @@ open(sys.argv[2], "wb").write(data)' "$EVENT_SOCK" "$E2E_TMP/events" &
     wait_for 25 listener_ready
 }
 
-event_received() { grep -qxF "wlan0-vap0: AP-STA-DISCONNECTED $H4_MAC" "$E2E_TMP/events" 2>/dev/null; }
+# hostapd's own line, or the one OpenWrt's action program makes of its kernel name.
+event_received() { grep -qxE "wlan0-vap0:? AP-STA-DISCONNECTED $H4_MAC" "$E2E_TMP/events" 2>/dev/null; }
 
 check_sta_leave() {
     if ! command -v socat >/dev/null 2>&1 && ! command -v python3 >/dev/null 2>&1; then
@@ -95,6 +104,7 @@ check_sta_leave() {
 
 check_config() {
     check "LAB_MIB_OVERRIDES applied at up" test "$(mib_line_count '485 = 20')" -eq 1
+    check "mib.conf maps the profile's kernel names" ifname_lines_fit_profile
     check "set 482 30" lab_run set 482 30
     check "482 appears once, with the new value" test "$(mib_line_count '482 = 30')" -eq 1
     check "set adds a new key" set_adds_key
@@ -103,7 +113,7 @@ check_config() {
 main() {
     lab_test_setup
     ROOT_VETHS_BEFORE="$(root_veths)"
-    check "up with LAB_MIB_OVERRIDES" up_with_overrides
+    check "up with LAB_MIB_OVERRIDES (profile $LAB_PROFILE)" up_with_overrides
     check_config
     check_add_and_del_host
     check_unplug_replug

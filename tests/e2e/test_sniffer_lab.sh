@@ -116,6 +116,7 @@ check_traffic() {
     tx_mac="$(host_mac h1)"
     rx_mac="$(host_mac h5)"
     in_ns "$GW_NS" busybox ping -c 1 -W 2 10.77.0.50 >/dev/null 2>&1 || true
+    # shellcheck disable=SC2016 # expanded by eval
     check "sender h1 and receiver h5 are in the host file" \
         wait_for 30 eval 'in_host_file "$tx_mac" && in_host_file "$rx_mac"'
     tx0="$(counter_of "$tx_mac" txBytes)"

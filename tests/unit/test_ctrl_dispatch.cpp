@@ -6,7 +6,7 @@
 namespace {
 
 class CtrlDispatchTest : public HostrixTest {
-protected:
+   protected:
     void SetUp() override {
         HostrixTest::SetUp();
         setMaxLanHostNum(kHostPoolSize);
@@ -21,8 +21,8 @@ TEST_F(CtrlDispatchTest, NameSetterRunsBetweenOsGetterAndChangeQuery) {
     ASSERT_NE(host, nullptr);
     std::strcpy(host->lanHost.devName, "tv");
     host->informChange = 1;
-    ctrlMsg_t msg = ctrlRequest(CMD_GET_OS | CMD_SET_DEV_NAME | CMD_GET_INFORM_CHANGE,
-                                checkedMac(1));
+    ctrlMsg_t msg =
+        ctrlRequest(CMD_GET_OS | CMD_SET_DEV_NAME | CMD_GET_INFORM_CHANGE, checkedMac(1));
     dispatchCtrlMsg(msg);
     EXPECT_EQ(msg.status, kCtrlStatusOk);
     EXPECT_EQ(recordMac(msg, 0), checkedMac(1));
@@ -37,7 +37,7 @@ TEST_F(CtrlDispatchTest, DeviceTypeReplyChangesOnlyTagStatusAndArg1) {
     request.replyTag = 0xdeadbeef;
     request.reserved = 0x1122334455667788;
     std::memset(request.pad, 0xee, sizeof request.pad);
-    for (size_t i = kCtrlMacLen; i < kCtrlDataSize; ++i) request.data[i] = static_cast<uint8_t>(i);
+    for (size_t i = kCtrlMacLen; i < kCtrlDataSize; ++i) request.data[i] = 'a' + i % 26;
     ctrlMsg_t reply = request;
     dispatchCtrlMsg(reply);
     request.replyTag = 7;
@@ -57,24 +57,24 @@ TEST_F(CtrlDispatchTest, WithoutAHandlerOnlyTheTagChanges) {
     }
 }
 
-TEST_F(CtrlDispatchTest, HandlerRunsOnlyWhenDataIsPrintableUpToItsEnd) {
+// The text after the MAC is checked, never the MAC: any MAC can be reached.
+TEST_F(CtrlDispatchTest, HandlerRunsOnlyWhenTheTextAfterTheMacIsPrintable) {
     struct Case {
         fake::Mac mac;
+        std::string text;
         bool runs;
     };
-    for (Case c : {Case{fake::mac(0x1c, 1, 2, 3, 4, 5), false},
-                   Case{fake::mac(0xa4, 1, 2, 3, 4, 5), false},  // negative as a signed char
-                   Case{fake::mac('A', 0x7f, 2, 3, 4, 5), false},
-                   Case{fake::mac(0x00, 0xa4, 0x1c, 3, 4, 5), true},
-                   Case{fake::mac('A', 'B', 'C', 'D', 'E', 'F'), true},
-                   Case{fake::mac('A', '\r', 0xa4, 3, 4, 5), true},
-                   Case{fake::mac('A', '\n', 0x01, 3, 4, 5), true}}) {
+    for (const Case &c : {Case{fake::mac(0xa4, 0x83, 0xe7, 0x12, 0x34, 0x56), "", true},
+                          Case{fake::mac(0x1c, 0x7f, 2, 3, 4, 5), "name", true},
+                          Case{fake::mac(0x0a, 1, 2, 3, 4, 5), "ab\x1b[2J", false},
+                          Case{fake::mac(0x0a, 1, 2, 3, 4, 6), "ab\xa4", false},  // signed
+                          Case{fake::mac(0x0a, 1, 2, 3, 4, 7), "ab\r\x01", true}}) {
         hostEntry *host = addHost(c.mac);
-        ctrlMsg_t msg = ctrlRequest(CMD_SET_DEVICE_TYPE, c.mac, 9);
+        ctrlMsg_t msg = ctrlRequest(CMD_SET_DEVICE_TYPE, c.mac, 9, 0, c.text.c_str());
         msg.status = 5;
         dispatchCtrlMsg(msg);
-        EXPECT_EQ(msg.status, c.runs ? kCtrlStatusOk : 5u) << int(c.mac[0]) << int(c.mac[1]);
-        EXPECT_EQ(host->lanHost.devType, c.runs ? 9 : 0);
+        EXPECT_EQ(msg.status, c.runs ? kCtrlStatusOk : 5u) << c.text;
+        EXPECT_EQ(host->lanHost.devType, c.runs ? 9 : 0) << c.text;
     }
 }
 
@@ -85,17 +85,16 @@ TEST_F(CtrlDispatchTest, InformQueryWipesTheClientsData) {
     EXPECT_TRUE(allZero(msg.data, sizeof msg.data));
 }
 
-// The departure query is checked against the arrival record before it: a MAC
-// starting with 0x02 fails, so the departure stays pending.
-TEST_F(CtrlDispatchTest, EachHandlerIsCheckedAgainstDataAsLeftBeforeIt) {
+// Departures follow the arrivals at the offset the first handler left.
+TEST_F(CtrlDispatchTest, LaterHandlersAppendAfterEarlierRecords) {
     addHost(fake::mac(0x02, 0, 0, 0, 0, 1))->lanHost.firstConnect = 1;
     hostEntry *left = addHost(checkedMac(2));
     _disConnLanHost(left, "test", __LINE__);
     ctrlMsg_t msg = ctrlRequest(CMD_GET_NEW_DEVICE | CMD_GET_LEAVE_DEVICE);
     dispatchCtrlMsg(msg);
     EXPECT_EQ(recordMac(msg, 0), fake::mac(0x02, 0, 0, 0, 0, 1));
-    EXPECT_TRUE(allZero(msg.data + kLanHostInfoSize, kCtrlDataSize - kLanHostInfoSize));
-    EXPECT_EQ(left->lanHost.disConnect, 1);
+    EXPECT_EQ(recordMac(msg, 1), checkedMac(2));
+    EXPECT_TRUE(allZero(msg.data + 2 * kLanHostInfoSize, kCtrlDataSize - 2 * kLanHostInfoSize));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // A real control socket in a temporary root: the client on the test's side,
 // msg_process_sockfd serving one connection.
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 
 #include <chrono>
@@ -53,6 +54,23 @@ protected:
         return bytes;
     }
 };
+
+// Whatever the umask, the socket is root's alone, or its group's too with a socket
+// group; and it still takes connections.
+TEST_F(CtrlSocketTest, SocketModeIgnoresTheUmask) {
+    const mode_t previous = umask(0);
+    for (auto [group, mode] : {std::pair{-1, 0600}, std::pair{1, 0660}}) {
+        msg_close_sockfd();
+        fake::state().socketGroup = group;
+        ASSERT_GE(msg_create_sockfd(), 0);
+        struct stat info {};
+        ASSERT_EQ(stat(hostrixPath(HostrixFile::ControlSocket), &info), 0);
+        EXPECT_EQ(info.st_mode & 07777, static_cast<mode_t>(mode)) << group;
+        EXPECT_TRUE(group < 0 || info.st_gid == static_cast<gid_t>(group)) << info.st_gid;
+        EXPECT_EQ(exchange(ctrlRequest(CMD_GET_HOST_NUM)).size(), sizeof(ctrlMsg_t));
+    }
+    umask(previous);
+}
 
 TEST_F(CtrlSocketTest, ShortRequestIsServedWithTheMissingBytesZero) {
     addHost(checkedMac(1));

@@ -1,5 +1,6 @@
 // The real daemon binary in a temporary HOSTRIX_ROOT: its files, FIFO and signals.
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -60,6 +61,58 @@ TEST_F(DaemonProcessTest, SignalsOtherThanTerminateKeepItRunning) {
     EXPECT_EQ(waitpid(daemon.pid(), nullptr, WNOHANG), 0) << daemon.log();
     kill(daemon.pid(), SIGTERM);
     EXPECT_EQ(daemon.waitExit(), 0);
+}
+
+// The line of /proc/PID[/task/TID]/status that begins with KEY, as a signal mask.
+unsigned long long statusMask(const fs::path &dir, const std::string &key) {
+    std::istringstream lines(readText(dir / "status"));
+    for (std::string line; std::getline(lines, line);)
+        if (line.starts_with(key)) return std::stoull(line.substr(key.size()), nullptr, 16);
+    return 0;
+}
+
+bool inMask(unsigned long long mask, int signo) {
+    return (mask >> (signo - 1)) & 1;
+}
+
+// Under umask 000 the sockets and the FIFO are 0600, or 0660 with the socket group's
+// gid. SIGPIPE is caught, not ignored, so commands the daemon starts get it at its
+// default; the sniffer thread blocks the signals the main loop handles.
+TEST_F(DaemonProcessTest, PrivateModesAndSignalDispositions) {
+    struct group *daemonGroup = getgrnam("daemon");
+    ASSERT_NE(daemonGroup, nullptr);
+    for (auto [line, mode] : {std::pair{"", 0600}, std::pair{"socket_group = daemon\n", 0660}}) {
+        TempDir caseDir;
+        fs::path caseRoot{caseDir.path};
+        fs::create_directories(caseRoot / "etc/hostrix");
+        std::ofstream(caseRoot / "etc/hostrix/mib.conf") << "counters = off\n" << line;
+        DaemonProcess daemon(caseRoot);
+        const mode_t previous = umask(0);
+        daemon.start();
+        umask(previous);
+        ASSERT_TRUE(eventually([&] { return fs::exists(caseRoot / "var/run/hostrix.fifo"); }))
+            << daemon.log();
+        for (const char *file :
+             {"var/run/.hostrix_msg", "var/run/.hostapd_action_sock", "var/run/hostrix.fifo"}) {
+            struct stat info {};
+            ASSERT_EQ(stat((caseRoot / file).c_str(), &info), 0) << file;
+            EXPECT_EQ(info.st_mode & 07777, static_cast<mode_t>(mode)) << file << " " << line;
+            EXPECT_TRUE(mode != 0660 || info.st_gid == daemonGroup->gr_gid) << file;
+        }
+        const fs::path proc = "/proc/" + std::to_string(daemon.pid());
+        EXPECT_FALSE(inMask(statusMask(proc, "SigIgn:"), SIGPIPE));
+        EXPECT_TRUE(inMask(statusMask(proc, "SigCgt:"), SIGPIPE));
+        int sniffers = 0;
+        for (const auto &task : fs::directory_iterator(proc / "task")) {
+            if (readText(task.path() / "comm") != "Sniffer\n") continue;
+            ++sniffers;
+            for (int signo : {SIGTERM, SIGUSR1, SIGUSR2, SIGHUP, SIGPIPE})
+                EXPECT_TRUE(inMask(statusMask(task.path(), "SigBlk:"), signo)) << signo;
+        }
+        EXPECT_EQ(sniffers, 1) << daemon.log();
+        kill(daemon.pid(), SIGTERM);
+        EXPECT_EQ(daemon.waitExit(), 0);
+    }
 }
 
 TEST_F(DaemonProcessTest, ExitsWith255WhenTheControlSocketCannotBeBound) {

@@ -5,6 +5,7 @@
 
 #include "discovery/discovery.h"
 #include "discovery/ip_resolution.h"
+#include "hosts/liveness.h"
 #include "root_fixture.h"
 
 namespace {
@@ -26,7 +27,7 @@ std::string macText(const fake::Mac &mac) {
 }
 
 class DiscoveryTest : public RootedTest {
-protected:
+   protected:
     void SetUp() override {
         RootedTest::SetUp();
         setMaxLanHostNum(kHostPoolSize);
@@ -114,8 +115,7 @@ TEST_F(DiscoveryTest, ClassifiesPortNames) {
     struct {
         const char *name;
         int lanPort, ssidIndex;
-    } cases[] = {{"eth0.4", 3, 1}, {"eth0.4.mc", 1, 1}, {"wlan0-vap3", 0, 5},
-                 {"wlan9-vap0", 0, 1}};
+    } cases[] = {{"eth0.4", 3, 1}, {"eth0.4.mc", 1, 1}, {"wlan0-vap3", 0, 5}, {"wlan9-vap0", 0, 1}};
     for (auto &c : cases) {
         EXPECT_EQ(get_lan_port_by_ifname(c.name), c.lanPort) << c.name;
         EXPECT_EQ(get_ssid_index_by_ifname(c.name), c.ssidIndex) << c.name;
@@ -169,10 +169,18 @@ TEST_P(Ipv4SourceTest, PicksTheAddressByPrecedence) {
 INSTANTIATE_TEST_SUITE_P(
     Sources, Ipv4SourceTest,
     ::testing::Values(
-        SourceCase{"complete_arp_over_lease", {"~10.0.0.5", "10.0.0.10"}, "10.0.0.20", 3600,
-                   "10.0.0.10", 1},
-        SourceCase{"lease_names_one_of_two", {"10.0.0.10", "10.0.0.20"}, "10.0.0.20", 3600,
-                   "10.0.0.20", 1},
+        SourceCase{"complete_arp_over_lease",
+                   {"~10.0.0.5", "10.0.0.10"},
+                   "10.0.0.20",
+                   3600,
+                   "10.0.0.10",
+                   1},
+        SourceCase{"lease_names_one_of_two",
+                   {"10.0.0.10", "10.0.0.20"},
+                   "10.0.0.20",
+                   3600,
+                   "10.0.0.20",
+                   1},
         SourceCase{"lease_61s_is_valid", {}, "10.0.0.20", 61, "10.0.0.20", 2},
         SourceCase{"incomplete_arp_and_60s_lease", {"~10.0.0.10"}, "10.0.0.20", 60, nullptr, 0}),
     CaseName());
@@ -299,6 +307,42 @@ TEST_F(DiscoveryTest, FullTableStillRefreshesKnownHosts) {
     entry->updateTime = 0;
     cycle();
     EXPECT_EQ(entry->updateTime, fake::state().monotonic.tv_sec);
+}
+
+// After a departure, only a bridge entry refreshed since then brings the host back;
+// the cycle comes 5 s after the departure.
+TEST_F(DiscoveryTest, StaleBridgeEntryDoesNotReviveADepartedHost) {
+    for (auto [ageAfterLeaving, revived] : {std::pair(500u, false), std::pair(499u, true)}) {
+        initHostrixData();
+        fake::state().fdb.clear();
+        seen(kHost);
+        arp("10.0.0.10", kHost);
+        hostEntry *entry = cycle();
+        ASSERT_NE(entry, nullptr);
+        _disConnLanHost(entry, "test", __LINE__);
+        fake::state().fdb[0].ageing = ageAfterLeaving;
+        cycle();
+        EXPECT_EQ(entry->valid, revived ? 1 : 0) << ageAfterLeaving;
+        EXPECT_EQ(entry->lanHost.firstConnect, revived ? 1 : 0) << ageAfterLeaving;
+    }
+}
+
+// Per-VLAN copies of one MAC: the freshest speaks, whatever the list order.
+TEST_F(DiscoveryTest, FreshestVlanCopyGivesPortAndIdleTime) {
+    for (bool freshFirst : {false, true}) {
+        initHostrixData();
+        fake::state().fdb.clear();
+        if (freshFirst) seen(kHost, "eth0.2", 100);
+        seen(kHost, "eth0.3", 9100);  // too old: would set idleSecs to 91
+        seen(kHost, "eth0.4", 2000);
+        if (!freshFirst) seen(kHost, "eth0.2", 100);
+        arp("10.0.0.10", kHost);
+        cycle();
+        hostEntry *entry = cycle();
+        ASSERT_NE(entry, nullptr);
+        EXPECT_STREQ(entry->lanHost.ifName, "eth0.2") << freshFirst;
+        EXPECT_EQ(entry->idleSecs, 1u) << freshFirst;
+    }
 }
 
 }  // namespace

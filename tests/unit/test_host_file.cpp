@@ -3,12 +3,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <tuple>
 
 #include "control/host_file.h"
+#include "reader_lock.h"
 #include "root_fixture.h"
 
 namespace {
@@ -74,35 +74,27 @@ TEST_F(HostFileTest, FileIsRewrittenNotAppended) {
     EXPECT_EQ(std::filesystem::file_size(hostrixPath(HostrixFile::HostInfo)), 1888u);
 }
 
-// flock_set waits for the lock, so a writer blocked by another process writes
-// only once that process lets go.
-TEST_F(HostFileTest, WriterWaitsForTheFileLock) {
+// A reader's lock does not hold the writer: it skips the write, says so once for the
+// whole episode, and writes at the first call after the reader has let go.
+TEST_F(HostFileTest, WriterSkipsWhileAReaderHoldsTheLock) {
     online(1, 100);
     writeLanHostInfo();
     online(2, 200);
-    int sync[2];
-    ASSERT_EQ(pipe(sync), 0);
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        int fd = open(hostrixPath(HostrixFile::HostInfo), O_RDWR);
-        struct flock lock {};
-        lock.l_type = F_WRLCK;
-        if (fcntl(fd, F_SETLK, &lock) != 0 || write(sync[1], "L", 1) != 1) _exit(2);
-        usleep(300000);
-        _exit(lseek(fd, 0, SEEK_END) == kLanHostInfoSize ? 0 : 1);  // exit unlocks
-    }
-    char ready;
-    ASSERT_EQ(read(sync[0], &ready, 1), 1);
-    auto start = std::chrono::steady_clock::now();
+    ReaderLock reader(hostrixPath(HostrixFile::HostInfo));
+    ASSERT_TRUE(reader.locked());
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(writeLanHostInfo(), kHostFileBusy);
+    EXPECT_EQ(writeLanHostInfo(), kHostFileBusy);
+    std::string whileLocked = ::testing::internal::GetCapturedStdout();
+    EXPECT_EQ(slots(), std::vector<int>{1});
+    reader.letGo();
+    ::testing::internal::CaptureStdout();
     EXPECT_EQ(writeLanHostInfo(), 0);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
-    int status = 0;
-    waitpid(child, &status, 0);
-    close(sync[0]);
-    close(sync[1]);
-    EXPECT_EQ(status, 0) << "file changed under the lock";
+    std::string afterwards = ::testing::internal::GetCapturedStdout();
     EXPECT_EQ(slots(), (std::vector<int>{1, 2}));
+    EXPECT_EQ(std::count(whileLocked.begin(), whileLocked.end(), '\n'), 1) << whileLocked;
+    EXPECT_NE(whileLocked.find("locked by a reader"), std::string::npos) << whileLocked;
+    EXPECT_NE(afterwards.find("free again"), std::string::npos) << afterwards;
 }
 
 TEST_F(HostFileTest, DumpPrintsLabelledLinesOnlyWithTheCommandGroup) {

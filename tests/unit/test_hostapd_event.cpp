@@ -45,6 +45,8 @@ TEST_F(HostapdEventTest, DepartureDropsTheFdbEntryOfTheTableInterfaceAndDisconne
     EXPECT_EQ(station->lanHost.disConnect, 1);
     process("wlan1 AP-STA-DISCONNECTED 0a:1b:2c:3d:4e:5f");  // already departed: nothing more
     EXPECT_EQ(fake::state().commands.size(), 1u);
+    EXPECT_EQ(process("w\x1b[2J AP-STA-\xff 0a:1b:2c:3d:4e:5f"),
+              "process_hostapd_event w\\x1b[2J AP-STA-\\xff 0a:1b:2c:3d:4e:5f\n");
 }
 
 TEST_F(HostapdEventTest, OnlyAnExactDepartureOfAKnownHostActs) {
@@ -87,10 +89,12 @@ protected:
         EXPECT_EQ(send(fd.get(), text.data(), text.size(), 0), ssize_t(text.size()));
         return fd;
     }
-    std::string receive() {
+    // The text left in the buffer; LOGGED gets what went to standard error.
+    std::string receive(std::string *logged = nullptr) {
         ::testing::internal::CaptureStderr();
         recv_hostapd_event(listener.get(), buffer, sizeof buffer);
-        ::testing::internal::GetCapturedStderr();
+        std::string text = ::testing::internal::GetCapturedStderr();
+        if (logged) *logged = text;
         return buffer;
     }
     UniqueFd listener;
@@ -104,6 +108,23 @@ TEST_F(HostapdSocketTest, EventTextArrivesCutToTheBufferAndAnEmptyConnectionLeav
     EXPECT_EQ(receive(), std::string(kHostapdEventBufSize - 1, 'x'));
     connectClient();  // closed without text
     EXPECT_EQ(receive(), "");
+}
+
+// The peer's bytes reach the log escaped, on one line; the buffer keeps them as sent.
+TEST_F(HostapdSocketTest, EventLineIsLoggedEscapedOnOneLine) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"wlan0: AP-STA-DISCONNECTED 0a:77:00:00:00:03\n",
+         "EVENT: wlan0: AP-STA-DISCONNECTED 0a:77:00:00:00:03"},
+        {"w AP-STA-DISCONNECTED 0a:1b:2c:3d:4e:5f\x1b[2J\x1b]0;owned\x07\r\n",
+         R"(EVENT: w AP-STA-DISCONNECTED 0a:1b:2c:3d:4e:5f\x1b[2J\x1b]0;owned\x07)"},
+        {"a\nEVENT: forged\x7f\\\x80\xff\n\n", R"(EVENT: a\x0aEVENT: forged\x7f\\\x80\xff\x0a)"},
+    };
+    for (const auto &[sent, line] : cases) {
+        connectClient(sent);
+        std::string logged;
+        EXPECT_EQ(receive(&logged), sent);
+        EXPECT_EQ(logged, line + "\n");
+    }
 }
 
 TEST_F(HostapdSocketTest, PeerThatSaysNothingIsGivenUpAfterAboutASecond) {

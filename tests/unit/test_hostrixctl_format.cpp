@@ -61,15 +61,14 @@ TEST(CtlCommandLine, OptionsAnywhereDoubleDashEndsThemBadOnesAreUsageErrors) {
         EXPECT_EQ(parseCommandLine(words, line).code, kExitUsage) << words.back();
 }
 
-// The daemon's printable check runs from the MAC up to the first 00, 0a or 0d.
+// The daemon's printable check runs over the text after the MAC, up to 00, 0a or 0d.
 TEST(CtlRequest, PredictsWhichRequestsTheDaemonSkips) {
     // MAC, text, and the offset of the first byte the daemon rejects.
     const std::tuple<MacAddress, const char *, std::optional<size_t>> cases[] = {
-        {{0x00, 0xff, 0x01, 0x02, 0x03, 0x04}, "", kBad},  // a leading 00 ends the check
-        {{0x1c, 0x41, 0x42, 0x43, 0x44, 0x45}, "", 0u},
-        {{0x41, 0x7f, 0x42, 0x43, 0x44, 0x45}, "", 1u},
-        {{0x41, 0x42, 0x0a, 0x02, 0x44, 0x45}, "", kBad},           // LF ends it before 0x02
-        {{0x41, 0x42, 0x43, 0x44, 0x45, 0x46}, "caf\xc3\xa9", 9u},  // the text is checked too
+        {{0xa4, 0x83, 0xe7, 0x12, 0x34, 0x56}, "", kBad},  // the MAC is never checked
+        {{0x1c, 0x41, 0x42, 0x43, 0x44, 0x45}, "ok\x7f", 8u},
+        {{0x41, 0x42, 0x43, 0x44, 0x45, 0x46}, "caf\xc3\xa9", 9u},
+        {{0x41, 0x42, 0x43, 0x44, 0x45, 0x46}, "a\n\x01", kBad},  // LF ends it before 0x01
     };
     for (const auto &[mac, text, rejected] : cases) {
         ctrlMsg_t msg = makeRequest(CMD_SET_BRAND);
@@ -95,9 +94,20 @@ TEST(CtlRecords, ReplyListEndsAtTheFirstZeroMacOrAfterFour) {
     EXPECT_EQ(repliedRecords(reply).size(), 1u);
 }
 
-TEST(CtlJson, EscapesEveryByteThatIsNotPrintableAscii) {
-    EXPECT_EQ(jsonQuote("h1 \"hi\" \\o/"), R"("h1 \"hi\" \\o/")");
-    EXPECT_EQ(jsonQuote(std::string("\0\n\x7f\xc3", 4)), R"("\u0000\u000a\u007f\u00c3")");
+// Bytes from the LAN, as the terminal text and as the JSON string show them.
+TEST(CtlEscape, EveryByteOutsidePrintableAsciiIsEscapedReversiblyInTextAndJson) {
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        {"h1 \"hi\" ~", R"(h1 "hi" ~)", R"("h1 \"hi\" ~")"},
+        {"\x1b[2J", R"(\x1b[2J)", R"("\u001b[2J")"},
+        {"\\x1b", R"(\\x1b)", R"("\\x1b")"},  // not to be mistaken for an ESC
+        {std::string("\0\t\n\r", 4), R"(\x00\x09\x0a\x0d)", R"("\u0000\u0009\u000a\u000d")"},
+        {"\x1f \x7f", R"(\x1f \x7f)", R"("\u001f \u007f")"},
+        {"caf\xc3\xa9\x80\xff", R"(caf\xc3\xa9\x80\xff)", R"("caf\u00c3\u00a9\u0080\u00ff")"},
+    };
+    for (const auto &[bytes, text, json] : cases) {
+        EXPECT_EQ(escapeText(bytes), text) << text;
+        EXPECT_EQ(jsonQuote(bytes), json) << json;
+    }
 }
 
 lanHostInfo_t sampleHost() {
@@ -143,22 +153,27 @@ TEST(CtlFormat, HostJsonNamesEveryRecordFieldInRecordOrder) {
     EXPECT_EQ(jsonKeys(eventJson(0, "left", sampleHost())).rfind("event time mac ", 0), 0u);
 }
 
-TEST(CtlFormat, TableAlignsColumnsAndHidesControlBytes) {
+TEST(CtlFormat, TableAlignsColumnsAndEscapesControlBytes) {
     lanHostInfo_t wireless = hostWithMac(2);
-    std::strcpy(wireless.devName, "ph\x1b[2Jone");
+    std::strcpy(wireless.devName, "ph\x1b[2Jone\xff");
     wireless.connectionType = CONNECTION_WIRELESS;
     wireless.port = 3;
     lanHostInfo_t wired = sampleHost();
     wired.upRate = 1000;
     wired.downRate = 1536;
-    std::istringstream table(hostTable({wired, wireless}, "none"));
+    IfnameMap names;
+    names.add("eth0.2", "lan1");
+    std::istringstream table(hostTable({wired, wireless}, "none", names));
     std::string head, first, second;
     std::getline(table, head), std::getline(table, first), std::getline(table, second);
     EXPECT_EQ(head.find("IPV4"), first.find("10.77.0.10"));
     EXPECT_EQ(head.find("IPV4"), second.find("-  "));
     EXPECT_EQ(head.find("PORT"), first.find("LAN1"));
+    EXPECT_NE(first.find(" eth0.2 (lan1) "), std::string::npos) << first;
     EXPECT_EQ(head.find("PORT"), second.find("SSID3"));
-    EXPECT_NE(second.find("ph?[2Jone"), std::string::npos);
+    size_t name = second.find(R"( ph\x1b[2Jone\xff  )");
+    ASSERT_NE(name, std::string::npos) << second;
+    EXPECT_EQ(head.find("INTERFACE"), second.find("-  ", name));  // past the escaped name
     EXPECT_NE(first.find("  1d 01:01:01  1000 Kib/s  1.5 Mib/s  fd77::77:ff:fe00:1"),
               std::string::npos)
         << first;
@@ -172,6 +187,12 @@ TEST(CtlFormat, EventLineShowsKindMacAddressNameAndInterface) {
     // Empty fields show as "-", and no IPv6 address at all; 19 characters of time come first.
     EXPECT_EQ(eventLine(0, "CHANGED", hostWithMac(3)).substr(19),
               " CHANGED 02:00:00:00:00:03 - - - -");
+    lanHostInfo_t forged = hostWithMac(4);
+    std::strcpy(forged.devName, "tv\n2026-11-23 NEW");
+    std::strcpy(forged.ifName, "wlan0\x7f");
+    std::strcpy(forged.ssidName, "caf\xc3\xa9\\");
+    const std::string shown = R"(tv\x0a2026-11-23 NEW wlan0\x7f - ssid=caf\xc3\xa9\\)";
+    EXPECT_EQ(eventLine(0, "LEFT", forged).substr(19), " LEFT    02:00:00:00:00:04 - " + shown);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // Wi-Fi stations: station-file lines, the directory source behind getWlStaInfo and the
-// mode lookup, and the nl80211 decoders on crafted netlink bytes.
+// mode lookup that answers from its last read, the per-interface cache, and the
+// nl80211 decoders on crafted netlink bytes.
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
 #include <linux/nl80211.h>
@@ -7,6 +8,7 @@
 #include "linux_test_support.h"
 #include "netlink_bytes.h"
 #include "platform/linux/nl80211.h"
+#include "platform/linux/wifi_cache.h"
 #include "platform/linux/wifi_stations.h"
 #include "platform/zvt.h"
 
@@ -80,6 +82,20 @@ TEST_F(StationDirectory, PositionsOneToSixtyFourSkippingBadLines) {
     EXPECT_EQ(modeOf("wlan0", 9), "");
 }
 
+// The lookup never reads the file again: an edit shows only after the next read.
+TEST_F(StationDirectory, ModeLookupAnswersFromTheLastReadOfThatInterface) {
+    ASSERT_EQ(read("wlan0", "02:00:00:00:00:01 -44 1 1 ac\n"), 1);
+    std::ofstream(root_.file("stations/wlan0")) << "02:00:00:00:00:01 -44 1 1 n\n";
+    std::ofstream(root_.file("stations/wlan0-vap0")) << "02:00:00:00:00:02 -44 1 1 g\n";
+    EXPECT_EQ(modeOf("wlan0", 1), "ac");
+    EXPECT_EQ(modeOf("wlan0-vap0", 2), "");  // not read this cycle
+    ASSERT_EQ(getWlStaInfo("wlan0", buffer_.data()), 1);
+    EXPECT_EQ(modeOf("wlan0", 1), "n");
+    std::filesystem::remove(root_.file("stations/wlan0"));
+    ASSERT_EQ(getWlStaInfo("wlan0", buffer_.data()), -1);
+    EXPECT_EQ(modeOf("wlan0", 1), "");  // a failed read leaves no stations behind
+}
+
 TEST_F(StationDirectory, EmptyFileHasNoneMissingFileOrForeignNameIsUnreadable) {
     EXPECT_EQ(read("wlan0", ""), 0);
     for (const char *name : {"wlan1", "../stations/wlan0", static_cast<const char *>(nullptr)})
@@ -116,7 +132,7 @@ Bytes staFlags(uint32_t mask, uint32_t set) {
 // How the dump chunk BYTES left the dump, and its stations (room for four).
 std::pair<NlDumpState, std::vector<wlStaInfo>> decodeDump(const Bytes &bytes) {
     std::array<wlStaInfo, 4> slots{};
-    StationCollector collector{slots};
+    StationCollector collector{slots, 2412};
     const NlDumpState state = nl80211DecodeStationDump(bytes, kSeq, kFamily, collector);
     return {state, std::vector<wlStaInfo>(slots.begin(), slots.begin() + collector.count)};
 }
@@ -162,6 +178,98 @@ TEST(Nl80211Dump, BrokenStationDroppedBrokenChunkOrErrorFails) {
     EXPECT_EQ(decodeDump(message(NLMSG_ERROR, kSeq, raw(-ENODEV))).first, NlDumpState::Failed);
 }
 
+Bytes rate(int direction, const Bytes &attributes) {
+    return attr(direction | NLA_F_NESTED, attributes);
+}
+
+Bytes legacy(int direction) {
+    return rate(direction, attr(NL80211_RATE_INFO_BITRATE, raw(uint16_t{540})));
+}
+
+Bytes mcs(int direction, int kind) {
+    return rate(direction,
+                join({attr(NL80211_RATE_INFO_BITRATE32, raw(1201u)), attr(kind, raw(uint8_t{7}))}));
+}
+
+// The generation either direction shows; legacy rates take the interface's band.
+TEST(Nl80211Station, ModeFromTheNegotiatedRatesAndTheBand) {
+    constexpr int kRx = NL80211_STA_INFO_RX_BITRATE, kTx = NL80211_STA_INFO_TX_BITRATE;
+    const std::tuple<Bytes, uint32_t, const char *> cases[] = {
+        {join({mcs(kTx, NL80211_RATE_INFO_HE_MCS), legacy(kRx)}), 5180, "ax"},
+        {mcs(kRx, NL80211_RATE_INFO_VHT_MCS), 5180, "ac"},  // rx alone is enough
+        {join({legacy(kRx), mcs(kTx, NL80211_RATE_INFO_MCS)}), 2412, "n"},
+        {mcs(kTx, NL80211_RATE_INFO_EHT_MCS), 6115, "be"},
+        {legacy(kTx), 2412, "g"},
+        {legacy(kTx), 2484, "g"},
+        {legacy(kTx), 5180, "a"},
+        {legacy(kRx), 5955, "a"},  // 6 GHz
+        {legacy(kTx), 0, ""},      // the band is not known
+        {legacy(kTx), 60480, ""},
+        {signal(-40), 2412, ""},  // no rate at all
+    };
+    for (const auto &[info, mhz, mode] : cases) {
+        wlStaInfo s{};
+        const Bytes attributes =
+            join({attr(NL80211_ATTR_MAC, raw(kMacA)), attr(NL80211_ATTR_STA_INFO, info)});
+        ASSERT_TRUE(nl80211DecodeStation(attributes, mhz, s)) << mode << " at " << mhz;
+        EXPECT_STREQ(s.mode, mode) << mhz << " MHz";
+    }
+}
+
+Bytes interfaceAnswer(const Bytes &attributes, uint32_t seq = kSeq) {
+    return message(kFamily, seq, genl(NL80211_CMD_NEW_INTERFACE, attributes));
+}
+
+Bytes ssid(std::string_view text) {
+    return attr(NL80211_ATTR_SSID, Bytes(text.begin(), text.end()));
+}
+
+TEST(Nl80211Interface, SsidAndFrequencyOfTheAnswerToOurRequest) {
+    const Bytes freq = attr(NL80211_ATTR_WIPHY_FREQ, raw(2437u));
+    const Bytes cut = interfaceAnswer(join({ssid("home"), freq}));
+    const std::string longSsid(40, 'x');
+    const std::tuple<Bytes, int, std::string, uint32_t> cases[] = {
+        {interfaceAnswer(join({attr(NL80211_ATTR_IFINDEX, raw(3u)), ssid("home"), freq})), 1,
+         "home", 2437},
+        {join({interfaceAnswer(ssid("other"), kSeq + 1), interfaceAnswer(ssid(longSsid))}), 1,
+         longSsid.substr(0, 32), 0},
+        {interfaceAnswer(freq), 1, "", 2437},              // not beaconing: no SSID
+        {interfaceAnswer(ssid("x"), kSeq + 1), 0, "", 0},  // not ours
+        {message(NLMSG_ERROR, kSeq, raw(-ENODEV)), -1, "", 0},
+        {interfaceAnswer(raw(nlattr{0x40, NL80211_ATTR_SSID})), -1, "", 0},  // claims too much
+        {Bytes(cut.begin(), cut.end() - 2), -1, "", 0},                      // message cut
+    };
+    for (const auto &[bytes, verdict, text, mhz] : cases) {
+        Nl80211Interface iface;
+        EXPECT_EQ(nl80211DecodeInterfaceReply(bytes, kSeq, kFamily, iface), verdict) << text;
+        EXPECT_EQ(std::pair(std::string(iface.ssid), iface.frequencyMhz), std::pair(text, mhz));
+    }
+}
+
+TEST(WifiCache, SsidServesOneCycleAndTheLongestUnusedInterfaceGivesWay) {
+    WifiCache cache;
+    wlStaInfo station{};
+    station.inUse = 1;
+    station.mac[5] = 0xa;
+    std::memcpy(station.mode, "ax", 3);
+    cache.putStations("wlan1", std::span(&station, 1), 1000);  // the oldest
+    cache.putSsid("wlan0", "home", 5000);
+    cache.putSsid("wlan0-vap0", "", 5000);
+    EXPECT_EQ(cache.ssidOf("wlan0", 5000 + kWifiSsidLifetimeMs - 1), "home");
+    EXPECT_EQ(cache.ssidOf("wlan0", 5000 + kWifiSsidLifetimeMs), std::nullopt);  // ask again
+    EXPECT_EQ(cache.ssidOf("wlan0-vap0", 5000), "");  // known to have none
+    EXPECT_EQ(cache.ssidOf("wlan1", 1000), std::nullopt);
+    for (size_t i = 3; i < kMaxCachedWifiInterfaces; ++i)
+        cache.putSsid("hx" + std::to_string(i), "guest", 6000);
+    EXPECT_EQ(cache.modeOf("wlan1", station.mac), "ax");  // every interface still fits
+    cache.putSsid("wlan9", "new", 7000);
+    EXPECT_EQ(cache.modeOf("wlan1", station.mac), std::nullopt);
+    EXPECT_EQ(cache.ssidOf("wlan0", 5001), "home");
+    station.inUse = 0;
+    cache.putStations("wlan0", std::span(&station, 1), 7000);  // a record not in use
+    EXPECT_EQ(cache.modeOf("wlan0", station.mac), std::nullopt);
+}
+
 TEST(Nl80211Family, IdFromTheAnswerToOurRequest) {
     auto answer = [](uint32_t seq, uint16_t id) {
         return message(GENL_ID_CTRL, seq,
@@ -176,8 +284,12 @@ TEST(Nl80211Family, IdFromTheAnswerToOurRequest) {
 // No radio here: the real socket path must answer -1 for what is not a wireless device.
 TEST(Nl80211Socket, NoWirelessInterfaceIsUnreadable) {
     std::array<wlStaInfo, kMaxStationsPerInterface> stations{};
-    for (const char *name : {"lo", "hx-no-such0", static_cast<const char *>(nullptr)})
-        EXPECT_EQ(nl80211ReadStations(name, stations), -1) << (name ? name : "null");
+    for (const char *name : {"lo", "hx-no-such0", static_cast<const char *>(nullptr)}) {
+        Nl80211Interface iface;
+        EXPECT_EQ(nl80211ReadStations(name, iface, stations), -1) << (name ? name : "null");
+        EXPECT_EQ(nl80211ReadInterface(name, iface), -1) << (name ? name : "null");
+        EXPECT_STREQ(iface.ssid, "");
+    }
 }
 
 }  // namespace

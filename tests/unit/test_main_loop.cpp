@@ -1,20 +1,28 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
+#include <utility>
 
+#include "control/host_file.h"
 #include "core/daemon.h"
-#include "fixture.h"
+#include "reader_lock.h"
+#include "root_fixture.h"
 
 namespace {
 
-class MainLoopTest : public HostrixTest {
-protected:
+class MainLoopTest : public RootedTest {
+   protected:
     void SetUp() override {
-        HostrixTest::SetUp();
+        RootedTest::SetUp();
         sigFlags = 0;
     }
-    void TearDown() override { sigFlags = 0; }
+    void TearDown() override {
+        closeSignalWake(state);
+        sigFlags = 0;
+        RootedTest::TearDown();
+    }
 
     MainLoopState state;
 };
@@ -41,15 +49,102 @@ TEST_F(MainLoopTest, OnePassDoesAllWorkAndKeepsOnlyTerminate) {
     EXPECT_EQ(sigFlags.load(), SIG_BIT_TERMINATE);
 }
 
-// What select left after an event is kept; only a run-down timeout is rearmed.
-TEST_F(MainLoopTest, TimeoutIsRearmedOnlyOnceRunDown) {
-    const timeval cases[][2] = {{{0, 0}, {3, 0}}, {{1, 250000}, {1, 250000}}, {{0, 1}, {0, 1}}};
-    for (const auto &[before, after] : cases) {
-        timeval timeout = before;
-        rearmTimeout(timeout);
-        EXPECT_EQ(timeout.tv_sec, after.tv_sec) << before.tv_sec << "." << before.tv_usec;
-        EXPECT_EQ(timeout.tv_usec, after.tv_usec) << before.tv_sec << "." << before.tv_usec;
+// A signal that arrives while signal work is being done is handled in the same pass,
+// before the loop waits again: SIGTERM ends it, SIGUSR2 leaves nothing pending.
+TEST_F(MainLoopTest, SignalDuringSignalWorkIsHandledBeforeTheWait) {
+    for (auto [raised, keepsRunning] : {std::pair{SIGTERM, false}, std::pair{SIGUSR2, true}}) {
+        int pending = raised;
+        fake::state().onSettingRead = [&pending](int) {
+            if (pending) signalHandler(std::exchange(pending, 0));
+        };
+        sigFlags = SIG_BIT_RELOAD;
+        state.waitArmed = true;  // and already run down: a surviving pass does not wait
+        state.waitDeadlineMs = 0;
+        EXPECT_EQ(runLoopPass(state), keepsRunning) << raised;
+        EXPECT_EQ(sigFlags.load(), keepsRunning ? 0u : SIG_BIT_TERMINATE) << raised;
     }
+}
+
+// The handler also wakes the wait, so a signal after the signal work is not left
+// for the next timeout; the next pass empties the pipe.
+TEST_F(MainLoopTest, HandlerWakesTheWait) {
+    ASSERT_EQ(openSignalWake(state), 0);
+    auto readable = [this] {
+        fd_set set;
+        int count = buildReadSet(state, set);
+        timeval now{};
+        return select(count, &set, nullptr, nullptr, &now) == 1 &&
+               FD_ISSET(state.signalWakeFd.get(), &set);
+    };
+    EXPECT_FALSE(readable());
+    signalHandler(SIGHUP);
+    signalHandler(SIGHUP);
+    EXPECT_TRUE(readable());
+    drainSignalWake(state);
+    EXPECT_FALSE(readable());
+}
+
+// A write that a reader's lock held off is tried at the next 1 s tick, and so is one
+// asked for by SIGUSR2; a due write that succeeds waits the full 30 s again.
+TEST_F(MainLoopTest, SkippedFileWriteIsRetriedAtTheNextTick) {
+    const int64_t now = fake::state().monotonic.tv_sec;
+    ASSERT_EQ(writeLanHostInfo(), 0);
+    {
+        ReaderLock reader(hostrixPath(HostrixFile::HostInfo));
+        ASSERT_TRUE(reader.locked());
+        state.nextFileWrite = static_cast<int32_t>(now);
+        runPeriodicDuties(state);
+        EXPECT_EQ(state.nextFileWrite, now + kFileRetryInterval);
+        state.nextFileWrite = static_cast<int32_t>(now + 20);
+        sigFlags = SIG_BIT_REFRESH;
+        EXPECT_TRUE(handleSignalWork(state));
+        EXPECT_EQ(state.nextFileWrite, now + kFileRetryInterval);
+    }
+    fake::advanceSeconds(kFileRetryInterval);
+    runPeriodicDuties(state);
+    EXPECT_EQ(state.nextFileWrite, now + kFileRetryInterval + kFileWriteInterval);
+}
+
+// Whatever the umask, the FIFO is root's alone, or its group's too with a socket
+// group; a FIFO left with a wider mode is narrowed.
+TEST_F(MainLoopTest, FifoModeIgnoresTheUmask) {
+    const std::string path = hostrixPath(HostrixFile::Fifo);
+    const mode_t previous = umask(0);
+    for (auto [group, mode] : {std::pair{-1, 0600}, std::pair{1, 0660}, std::pair{-1, 0600}}) {
+        fake::state().socketGroup = group;
+        UniqueFd fifo(createHostrixFifo());
+        struct stat info {};
+        ASSERT_EQ(stat(path.c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 07777, static_cast<mode_t>(mode)) << group;
+        EXPECT_TRUE(group < 0 || info.st_gid == static_cast<gid_t>(group)) << info.st_gid;
+        chmod(path.c_str(), 0666);
+    }
+    umask(previous);
+}
+
+// Events do not move the deadline: each wait gets what is left of the 3 s, and only a
+// run-down wait (disarmed by the timeout) starts a new one.
+TEST_F(MainLoopTest, WaitKeepsItsDeadlineAcrossEvents) {
+    EXPECT_EQ(remainingWaitMs(state, 10'000), 3000);
+    EXPECT_EQ(remainingWaitMs(state, 11'250), 1750);
+    EXPECT_EQ(remainingWaitMs(state, 14'000), 0);
+    state.waitArmed = false;
+    EXPECT_EQ(remainingWaitMs(state, 14'000), 3000);
+}
+
+// A client that asks without pause cannot hold the duties off: a pass that finds the
+// wait run down runs them without waiting on the descriptors.
+TEST_F(MainLoopTest, DutiesRunWhenTheWaitRanDownWhileServing) {
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    state.fifoFd.reset(fds[0]);
+    UniqueFd writer(fds[1]);
+    ASSERT_EQ(write(fds[1], "x", 1), 1);  // always readable
+    remainingWaitMs(state, int64_t{fake::state().monotonic.tv_sec} * 1000 - 3000);
+    state.nextTick1 = fake::state().monotonic.tv_sec;
+    EXPECT_TRUE(runLoopPass(state));
+    EXPECT_EQ(state.nextTick1, fake::state().monotonic.tv_sec + 1);
+    EXPECT_FALSE(state.waitArmed);
 }
 
 TEST_F(MainLoopTest, DescriptorCountCoversTheLargestWatchedOne) {
@@ -86,7 +181,8 @@ TEST_F(MainLoopTest, LongFifoWriteIsReadAsTwoCommands) {
     ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);
     state.fifoFd.reset(fds[0]);
     UniqueFd writer(fds[1]);
-    std::string text = "log 0x20" + std::string(247, ' ') + "X" + std::string(35, ' ') + "log 0x800";
+    std::string text =
+        "log 0x20" + std::string(247, ' ') + "X" + std::string(35, ' ') + "log 0x800";
     ASSERT_EQ(write(writer.get(), text.data(), text.size()), 300);
     ::testing::internal::CaptureStdout();
     readFifoCommand(state);

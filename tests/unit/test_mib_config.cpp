@@ -8,6 +8,7 @@
 
 #include "linux_test_support.h"
 #include "platform/linux/mib_config.h"
+#include "platform/os.h"
 
 namespace {
 
@@ -32,7 +33,9 @@ TEST(ParseMibConfig, GoodLines) {
             "chain.3004 = enable=1 mode=0 ports=0x3\nchain.3004 = ports=0x80000001 mode=1\n"
             "chain.3004 =\nlan_ports = lan1   lan2\nwlan_roots = radio0\nlease_file = /tmp/leases\n"
             "ssid.wlan0 =  My Home  Net  \nssid.wlan1 =\nphy.eth0.2 = 3\nlogic.eth0.2 = 0x1\n"
-            "stations = dir:/lab/stations\ncounters = off",
+            "stations = dir:/lab/stations\ncounters = off\ncommands = shell\n"
+            "ifname.br0 = br-lan\nifname.eth0.2 = lan1\nifname.eth0.2 = lan2\n"
+            "socket_group = hostrix-ops\n",
         &skipped);
     EXPECT_EQ(skipped, "");
     const std::map<int, uint32_t> settings{{474, 1},          {475, 30}, {481, 0xff}, {482, 16},
@@ -49,6 +52,25 @@ TEST(ParseMibConfig, GoodLines) {
     EXPECT_EQ(std::tie(config.stationDir, config.stations, config.counters),
               std::tuple("/lab/stations", MibStationSource::Directory, MibCounterSource::Off));
     EXPECT_EQ(parse("stations = dir:/x\nstations = nl80211").stations, MibStationSource::Nl80211);
+    EXPECT_EQ(config.commands, MibCommandMode::Shell);
+    EXPECT_EQ(std::tie(config.socketGroup, config.socketGroupLine), std::tuple("hostrix-ops", 31u));
+    // A later line for a gateway name wins; unmapped names are the same on both sides.
+    EXPECT_EQ(std::tuple(config.ifnames.kernelOf("br0"), config.ifnames.kernelOf("eth0.2"),
+                         config.ifnames.gatewayOf("lan2"), config.ifnames.gatewayOf("lan1"),
+                         config.ifnames.kernelOf("wlan0")),
+              std::tuple("br-lan", "lan2", "eth0.2", "lan1", "wlan0"));
+}
+
+// The tools read only the ifname lines, with the daemon's rules for repeats.
+TEST(ParseIfnameLines, SameMapAsTheDaemon) {
+    const std::string text =
+        "# names\n  ifname.br0 = br-lan # bridge\nifname.wlan0=phy0-ap0\nifname.wlan1 = phy0-ap0\n"
+        "ifname. = x\nifname.eth0.2 =\n478 = 5\n";
+    std::string skipped;
+    EXPECT_EQ(parseIfnameLines(text), parse(text, &skipped).ifnames);
+    EXPECT_NE(skipped.find("4: kernel interface \"phy0-ap0\" is already mapped to \"wlan0\""),
+              std::string::npos);
+    EXPECT_EQ(parseIfnameLines(text).pairs().size(), 2u);
 }
 
 // Each bad line sits between two good ones: it alone is skipped, reported as line 2.
@@ -71,7 +93,12 @@ TEST(ParseMibConfig, MalformedLineSkippedAlone) {
         {"longer than 32", {"ssid.wlan0 = " + std::string(33, 's')}},
         {"bad port id", {"phy.eth0.2 = 2147483648"}},
         {"source", {"stations = dir:", "stations = usb", "counters = on"}},
+        {"bad command mode", {"commands = busybox"}},
+        {"bad kernel interface name", {"ifname.br0 = br lan", "ifname.br0 ="}},
         {"absolute path", {"lease_file = leases"}},
+        {"bad group name",
+         {"socket_group =", "socket_group = ops team", "socket_group = -x", "socket_group = a:b",
+          "socket_group = " + std::string(kMibMaxGroupBytes + 1, 'g')}},
         {"NUL byte", {std::string("480 = 1\0", 8)}},
         {"longer than 1024", {"480 = 1 #" + std::string(kMibMaxLineBytes, 'x')}}};
     const MibConfig good = parse("478 = 1\n479 = 2\n");
@@ -139,6 +166,21 @@ TEST_F(MibStore, WidthsAndReportsWithPathAndLine) {
 
 // The interface tables follow the file, then go back to the defaults with it; only a
 // file that is there yet unreadable is reported, once.
+// The socket group is looked up when asked for; an unknown one is reported once with
+// its line and leaves the sockets to root.
+TEST_F(MibStore, SocketGroupLookedUpAndUnknownOneReportedOnce) {
+    EXPECT_EQ(os_socket_group(), -1);
+    writeConfig("socket_group = root\n");
+    EXPECT_EQ(os_socket_group(), 0);
+    writeConfig("# ops\nsocket_group = hx-no-such-group\n");
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(os_socket_group(), -1);
+    EXPECT_EQ(os_socket_group(), -1);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "hostrix: " + configPath() +
+                  ":2: unknown group \"hx-no-such-group\" (sockets stay 0600)\n");
+}
+
 TEST_F(MibStore, MissingOrUnreadableFileGivesDefaults) {
     writeConfig("480 = 1\nlan_ports = lan1 lan2\nwlan_roots = radio0\n");
     EXPECT_EQ(setting(480), 1u);

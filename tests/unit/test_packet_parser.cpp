@@ -132,6 +132,24 @@ TEST_F(NeighborTest, AgeingRemovesAtTwelveHundredSecondsAfterTheLastSighting) {
     EXPECT_EQ(lookup(kGateway), "none");
 }
 
+// A sniffed name reaches the cache only as printable text; the address is taken anyway
+// and a name learned before stays.
+TEST_F(NeighborTest, OnlyPrintableHostNamesAreStored) {
+    using namespace std::string_literals;
+    const std::pair<std::string, std::string> cases[] = {
+        {"my phone-2", "my phone-2"}, {"ab\0cd"s, "ab"}, {"esc\x1b[2J", "tv"},
+        {"line\nbreak", "tv"},        {"cr\r", "tv"},    {"\nx", "tv"},
+        {"caf\xc3\xa9", "tv"},        {"del\x7f", "tv"}, {"tab\there", "tv"}};
+    for (const auto &[sent, stored] : cases) {
+        aging_neighbor_host(1);
+        parse(dhcpFrame(5, hostName("tv")));
+        parse(dhcpFrame(7, hostName(sent)));  // RELEASE: the address becomes 0
+        EXPECT_EQ(lookup(kHost), "none") << sent;
+        parse(arp(2, kHost, kHostIp));
+        EXPECT_EQ(lookup(kHost), "192.168.1.20 " + stored) << sent;
+    }
+}
+
 TEST_F(NeighborTest, BadOrUnwantedFramesChangeNothing) {
     const Frame reply = arp(2, kHost, kHostIp, kGateway, kGatewayIp);
     const Frame ack = dhcp({53, 1, 5});

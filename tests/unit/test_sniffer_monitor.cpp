@@ -2,7 +2,9 @@
 // against real bridges in a private network namespace.
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/if_packet.h>
 #include <net/if.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -163,6 +165,48 @@ TEST_F(SnifferMonitorTest, ListKeepsOneRecordPerNameAndDropsPortsWithTheirBridge
         del_monitor_intf(bridge);  // its port goes with it
         NETNS_CHECK(captured(dump_monitor_intf) == "### Monitor Interface:\n\n");
         for (int sock : sockets) NETNS_CHECK(fcntl(sock, F_GETFD) == -1 && errno == EBADF);
+        return kNetnsPassed;
+    });
+}
+
+// FRAME, tagged with TAG in its last byte, into the link IFNAME.
+bool sendOn(const char *ifname, Frame frame, uint8_t tag) {
+    frame.back() = tag;
+    UniqueFd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+    sockaddr_ll to{};
+    to.sll_family = AF_PACKET;
+    to.sll_ifindex = static_cast<int>(if_nametoindex(ifname));
+    to.sll_halen = 6;
+    return sock.valid() &&
+           sendto(sock.get(), frame.data(), frame.size(), 0,
+                  reinterpret_cast<const sockaddr *>(&to), sizeof to) == ssize_t(frame.size());
+}
+
+// The tags of the frames queued on SOCK, waiting (boundedly) for the first one.
+std::vector<uint8_t> queuedTags(int sock) {
+    std::vector<uint8_t> tags;
+    pollfd ready{sock, POLLIN, 0};
+    if (poll(&ready, 1, 2000) != 1) return tags;
+    uint8_t frame[128];
+    for (ssize_t n; (n = recv(sock, frame, sizeof frame, MSG_DONTWAIT)) > 0;)
+        tags.push_back(frame[n - 1]);
+    return tags;
+}
+
+// The capture socket takes frames of its own interface only, and only those its
+// filter passes.
+TEST_F(SnifferMonitorTest, SocketQueuesOnlyFilteredFramesOfItsInterface) {
+    expectPassesInPrivateNetns([] {
+        if (!makeBridge() || !shellSays("ip link add y0 type veth peer name y1 && "
+                                        "ip link set y0 up && ip link set y1 up && "
+                                        "ip link set xnas0_0 up"))
+            return kNetnsNoSetup;
+        const sd_intf *port = add_monitor_intf("nas0_0", nullptr);
+        NETNS_CHECK(port);
+        NETNS_CHECK(sendOn("y1", arp(0x0800, 2), 1));       // another interface
+        NETNS_CHECK(sendOn("xnas0_0", arp(0x0800, 1), 2));  // a request: filtered out
+        NETNS_CHECK(sendOn("xnas0_0", arp(0x0800, 2), 3));
+        NETNS_CHECK(queuedTags(port->sock) == std::vector<uint8_t>{3});
         return kNetnsPassed;
     });
 }

@@ -80,16 +80,10 @@ std::string byteText(uint8_t byte) {
     return text;
 }
 
-// Why the daemon skipped the request: its printable-text check of data.
+// Why the daemon skipped the request: its printable-text check.
 std::string ignoredReason(const ctrlMsg_t &request, size_t offset) {
-    std::string byte = byteText(request.data[offset]);
-    if (offset < kCtrlMacLen)
-        return "hostrix ignored the request: it skips any request whose MAC holds a byte "
-               "outside 0x20..0x7e before its first 00, 0a or 0d byte, and this MAC holds " +
-               byte + "; nothing was changed";
-    return "hostrix ignored the request: the text holds byte " + byte +
-           ", and hostrix only takes printable ASCII after a MAC without a 00 byte; nothing "
-           "was changed";
+    return "hostrix ignored the request: the text holds byte " + byteText(request.data[offset]) +
+           ", and hostrix only takes printable ASCII; nothing was changed";
 }
 
 // Sends MSG and replaces it with the reply; status 1 means FAILURE, unless the
@@ -139,7 +133,7 @@ void emitHostValue(const CommandLine &line, const MacAddress &mac, std::string_v
 
 void emitHostText(const CommandLine &line, const MacAddress &mac, std::string_view key,
                   const std::string &text) {
-    if (!line.json) return emitLine(text);
+    if (!line.json) return emitLine(escapeText(text));
     emitLine(JsonObject().text("mac", formatMac(mac.data())).text(key, text).str());
 }
 

@@ -24,13 +24,21 @@ bool printable(uint8_t byte) {
     return byte >= kFirstPrintable && byte <= kLastPrintable;
 }
 
-// For a terminal: bytes that could move the cursor or garble the line become '?'.
+void appendEscaped(std::string &out, uint8_t byte) {
+    if (byte == '\\') {
+        out += "\\\\";
+    } else if (printable(byte)) {
+        out += static_cast<char>(byte);
+    } else {
+        char escaped[8];
+        std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+        out += escaped;
+    }
+}
+
+// A table cell or a word of an event line: "-" stands for an empty field.
 std::string displayText(std::string_view text) {
-    if (text.empty()) return std::string(kNone);
-    std::string out(text);
-    for (char &c : out)
-        if (!printable(static_cast<uint8_t>(c))) c = '?';
-    return out;
+    return text.empty() ? std::string(kNone) : escapeText(text);
 }
 
 template <size_t N>
@@ -72,10 +80,18 @@ constexpr size_t kColumns = 9;
 using Row = std::array<std::string, kColumns>;
 const Row kHeader = {"MAC", "IPV4", "NAME", "INTERFACE", "PORT", "ONLINE", "UP", "DOWN", "IPV6"};
 
-Row hostRow(const lanHostInfo_t &host) {
-    return {formatMac(host.mac),       displayIpv4(host.ip),    displayField(host.devName),
-            displayField(host.ifName), portText(host),          durationText(host.onLineTime),
-            rateText(host.upRate),     rateText(host.downRate), displayIpv6(host.ipv6)};
+// The gateway's name, and the kernel's beside it where the box names it otherwise.
+std::string interfaceText(const lanHostInfo_t &host, const IfnameMap &names) {
+    std::string gateway = fieldText(host.ifName);
+    std::string_view kernel = names.kernelOf(gateway);
+    return kernel == gateway ? displayText(gateway)
+                             : displayText(gateway) + " (" + displayText(kernel) + ")";
+}
+
+Row hostRow(const lanHostInfo_t &host, const IfnameMap &names) {
+    return {formatMac(host.mac),        displayIpv4(host.ip),    displayField(host.devName),
+            interfaceText(host, names), portText(host),          durationText(host.onLineTime),
+            rateText(host.upRate),      rateText(host.downRate), displayIpv6(host.ipv6)};
 }
 
 std::string joinRow(const Row &row, const std::array<size_t, kColumns> &widths) {
@@ -129,6 +145,13 @@ void addDiscovery(const lanHostInfo_t &h, JsonObject &o) {
 
 std::string fieldText(const char *field, size_t size) {
     return std::string(field, strnlen(field, size));
+}
+
+std::string escapeText(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) appendEscaped(out, static_cast<uint8_t>(c));
+    return out;
 }
 
 std::string jsonQuote(std::string_view text) {
@@ -216,10 +239,11 @@ std::string hostJson(const lanHostInfo_t &host) {
     return object.str();
 }
 
-std::string hostTable(const std::vector<lanHostInfo_t> &hosts, std::string_view emptyNote) {
+std::string hostTable(const std::vector<lanHostInfo_t> &hosts, std::string_view emptyNote,
+                      const IfnameMap &names) {
     if (hosts.empty()) return std::string(emptyNote) + "\n";
     std::vector<Row> rows{kHeader};
-    for (const lanHostInfo_t &host : hosts) rows.push_back(hostRow(host));
+    for (const lanHostInfo_t &host : hosts) rows.push_back(hostRow(host, names));
     std::array<size_t, kColumns> widths{};
     for (const Row &row : rows)
         for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "hosts/lanhost.h"
+#include "platform/ifname_map.h"
 
 // A text field up to its NUL, never past SIZE bytes (a full field has none).
 std::string fieldText(const char *field, size_t size);
@@ -17,6 +18,11 @@ template <size_t N>
 std::string fieldText(const char (&field)[N]) {
     return fieldText(field, N);
 }
+
+// TEXT for a terminal or a pipe: every byte outside 0x20..0x7e becomes \xHH and a
+// backslash becomes \\, so LAN-supplied names cannot move the cursor or fake a
+// line, and the bytes can still be read back exactly.
+std::string escapeText(std::string_view text);
 
 // TEXT as a quoted JSON string; control bytes, DEL and bytes from 0x80 up are
 // written as \u00XX, so any byte string gives valid ASCII JSON.
@@ -46,7 +52,9 @@ std::string localTimeText(time_t when);
 void addHostFields(const lanHostInfo_t &host, JsonObject &object);
 std::string hostJson(const lanHostInfo_t &host);
 // Header and one aligned row per host; EMPTY_NOTE instead when there are none.
-std::string hostTable(const std::vector<lanHostInfo_t> &hosts, std::string_view emptyNote);
+// NAMES adds the kernel's interface name where it differs from the gateway's.
+std::string hostTable(const std::vector<lanHostInfo_t> &hosts, std::string_view emptyNote,
+                      const IfnameMap &names = {});
 
 // "2026-11-23 10:00:03 NEW     aa:bb:cc:dd:ee:ff 10.77.0.10 hx-h1 eth0.2"
 std::string eventLine(time_t when, std::string_view event, const lanHostInfo_t &host);

@@ -9,6 +9,7 @@
 
 #include "client.h"
 #include "commands.h"
+#include "core/paths.h"
 #include "format.h"
 #include "protocol.h"
 
@@ -36,7 +37,10 @@ void requestStop(int) {
 }
 
 void printHosts(const std::vector<lanHostInfo_t> &hosts, bool json, std::string_view emptyNote) {
-    if (!json) return emitText(hostTable(hosts, emptyNote));
+    if (!json) {
+        IfnameMap names = readIfnameMap(hostrixPath(HostrixFile::Config));
+        return emitText(hostTable(hosts, emptyNote, names));
+    }
     for (const lanHostInfo_t &host : hosts) emitLine(hostJson(host));
 }
 

@@ -10,6 +10,7 @@
 
 #include "commands.h"
 #include "core/paths.h"
+#include "format.h"
 
 namespace {
 
@@ -111,9 +112,9 @@ void printOverview() {
     std::string text = "usage: hostrixctl COMMAND [ARGUMENTS] [OPTIONS]\n\ncommands:\n";
     for (const Command &command : kCommands) text += "  " + std::string(command.synopsis) + "\n";
     text += "  help [COMMAND]\n\nfiles ($HOSTRIX_ROOT prefixes them):\n";
-    text += "  control socket " + std::string(hostrixPath(HostrixFile::ControlSocket)) + "\n";
-    text += "  host file      " + std::string(hostrixPath(HostrixFile::HostInfo)) + "\n";
-    text += "  debug FIFO     " + std::string(hostrixPath(HostrixFile::Fifo)) + "\n";
+    text += "  control socket " + escapeText(hostrixPath(HostrixFile::ControlSocket)) + "\n";
+    text += "  host file      " + escapeText(hostrixPath(HostrixFile::HostInfo)) + "\n";
+    text += "  debug FIFO     " + escapeText(hostrixPath(HostrixFile::Fifo)) + "\n";
     emitText(text + std::string(kOverviewFooter));
 }
 
@@ -132,7 +133,8 @@ int report(const Outcome &outcome, std::string_view command) {
         text += command.empty() || !findCommand(command)
                     ? "; see 'hostrixctl help'"
                     : "; see 'hostrixctl help " + std::string(command) + "'";
-    std::fprintf(stderr, "%s\n", text.c_str());
+    // Messages quote the command line and paths; escaped, they stay one plain line.
+    std::fprintf(stderr, "%s\n", escapeText(text).c_str());
     return outcome.code;
 }
 

@@ -33,7 +33,7 @@ void putText(ctrlMsg_t &msg, std::string_view text) {
 }
 
 std::optional<size_t> firstRejectedByte(const ctrlMsg_t &msg) {
-    for (size_t i = 0; i < kCtrlDataSize; ++i) {
+    for (size_t i = kCtrlTextOffset; i < kCtrlDataSize; ++i) {
         uint8_t byte = msg.data[i];
         if (byte == '\0' || byte == '\r' || byte == '\n') return std::nullopt;
         if (byte < kFirstPrintable || byte > kLastPrintable) return i;

@@ -23,8 +23,9 @@ void putMac(ctrlMsg_t &msg, const MacAddress &mac);
 // TEXT at data byte 6, cut to what the daemon keeps, NUL-terminated.
 void putText(ctrlMsg_t &msg, std::string_view text);
 
-// The daemon runs a handler only if data, up to its first NUL, CR or LF, holds
-// bytes 0x20..0x7e alone. Returns the offset of the first byte that fails, if any.
+// The daemon runs a handler only if the text after the MAC, up to its first NUL, CR
+// or LF, holds bytes 0x20..0x7e alone. Returns the offset of the first byte that
+// fails, if any.
 std::optional<size_t> firstRejectedByte(const ctrlMsg_t &msg);
 
 // The text a per-host getter left at data byte 6.

@@ -55,16 +55,28 @@ int macAddrCmp(const void *a, const void *b) {
     return std::memcmp(a, b, kMacBytes);
 }
 
-int flock_set(int fd, int type) {
+namespace {
+
+int setWholeFileLock(int fd, int type, int command) {
     if (type != kLockWrite && type != kLockUnlock) return -1;
     struct flock lock {};
     lock.l_type = type == kLockWrite ? F_WRLCK : F_UNLCK;
     lock.l_whence = SEEK_SET;  // start 0, length 0: the whole file, however long it grows
     int result;
     do {
-        result = fcntl(fd, F_SETLKW, &lock);
+        result = fcntl(fd, command, &lock);
     } while (result != 0 && errno == EINTR);
     return result == 0 ? 0 : -1;
+}
+
+}  // namespace
+
+int flock_set(int fd, int type) {
+    return setWholeFileLock(fd, type, F_SETLKW);
+}
+
+int flock_try_set(int fd, int type) {
+    return setWholeFileLock(fd, type, F_SETLK);
 }
 
 // The list's nodes are allocated with malloc, one per entry, and released here.

@@ -39,6 +39,7 @@ void fake::refreshPortTables() {
 }
 
 int mib_get_s(int id, void *buffer, int width) {
+    if (fake::state().onSettingRead) fake::state().onSettingRead(id);
     auto &settings = fake::state().settings;
     auto it = settings.find(id);
     if (it == settings.end()) return 0;

@@ -50,6 +50,8 @@ int os_system(const char *command) {
     return 0;
 }
 
+int os_socket_group() { return fake::state().socketGroup; }
+
 FILE *os_open_kernel_file(const char *path) {
     auto &files = fake::state().kernelFiles;
     auto it = files.find(path);
@@ -71,4 +73,16 @@ std::vector<std::string> os_kernel_dir_entries(const char *path) {
         if (name.starts_with(prefix))
             names.insert(name.substr(prefix.size(), name.find('/', prefix.size()) - prefix.size()));
     return {names.begin(), names.end()};
+}
+
+std::string os_kernel_ifname(std::string_view gateway) {
+    const auto &names = fake::state().kernelNames;
+    auto it = names.find(std::string(gateway));
+    return it == names.end() ? std::string(gateway) : it->second;
+}
+
+std::string os_gateway_ifname(std::string_view kernel) {
+    for (const auto &[gateway, name] : fake::state().kernelNames)
+        if (name == kernel) return gateway;
+    return std::string(kernel);
 }

@@ -45,6 +45,7 @@ struct State {
     std::array<std::string, kLanPortCount> lanPorts{"eth0.2", "eth0.3", "eth0.4", "eth0.5"};
     std::array<std::string, kWlanRootCount> wlanRoots{"wlan0", "wlan1"};
     std::map<std::string, Interface> interfaces;
+    std::map<std::string, std::string> kernelNames;  // gateway name -> kernel name
     bool timeSynchronized = false;
 
     // Discovery sources.
@@ -73,6 +74,11 @@ struct State {
     // Kernel files (/proc, /sys) by path; absent = cannot be opened. A path that some
     // key lies under is a directory ("/sys/class/net/br0/lower_eth0.2" makes br0 one).
     std::map<std::string, std::string> kernelFiles;
+
+    // The group os_socket_group answers; -1 = none.
+    int socketGroup = -1;
+    // Called at every setting read, so that a test can act in the middle of work.
+    std::function<void(int id)> onSettingRead;
 
     // Clocks.
     timespec monotonic{1000, 0};

@@ -27,30 +27,20 @@
 #include <utility>
 
 #include "core/unique_fd.h"
-#include "platform/linux/netlink_socket.h"
+#include "platform/linux/netlink_route.h"
+#include "platform/linux/read_util.h"
+#include "platform/os.h"
 
 static_assert(sizeof(__fdb_entry) == kBrforwardRecordBytes);
 
 namespace {
 
-constexpr size_t kNetlinkInitialBuffer = 32768;  // what the kernel fills per dump datagram
-constexpr size_t kNetlinkMaxDatagram = size_t{1} << 20;
-constexpr int kMaxDumpDatagrams = 1024;    // bounds the receive loop
-constexpr time_t kDumpTimeoutSeconds = 1;  // a dump that stalls this long is abandoned
 constexpr size_t kBrforwardMaxBytes = kMaxFdbRecords * kBrforwardRecordBytes;
 constexpr size_t kMaxBridgePorts = 1024;
 constexpr size_t kSysPathBytes = 128;
 constexpr size_t kSysValueBytes = 32;
 constexpr unsigned kPortLowBits = 8;
 constexpr unsigned kByteMask = 0xff;
-
-// A value of type T at OFFSET; the caller has checked that it lies within BYTES.
-template <typename T>
-T readAt(std::span<const uint8_t> bytes, size_t offset) {
-    T value;
-    std::memcpy(&value, bytes.data() + offset, sizeof value);
-    return value;
-}
 
 // Hosts only: neither a group address nor the all-zero one.
 bool isHostMac(const uint8_t *mac) {
@@ -119,29 +109,6 @@ void decodeNeighbour(std::span<const uint8_t> payload, int bridgeIndex,
     records.push_back(record);
 }
 
-// The end of a dump carries the dump's own result; a negative one means it failed.
-FdbDumpStatus doneStatus(std::span<const uint8_t> payload) {
-    if (payload.size() >= sizeof(int32_t) && readAt<int32_t>(payload, 0) < 0)
-        return FdbDumpStatus::Failed;
-    return FdbDumpStatus::Done;
-}
-
-FdbDumpStatus decodeMessage(uint16_t type, std::span<const uint8_t> payload, int bridgeIndex,
-                            std::vector<FdbRecord> &records) {
-    switch (type) {
-        case NLMSG_DONE:
-            return doneStatus(payload);
-        case NLMSG_ERROR:
-        case NLMSG_OVERRUN:
-            return FdbDumpStatus::Failed;
-        case RTM_NEWNEIGH:
-            decodeNeighbour(payload, bridgeIndex, records);
-            return FdbDumpStatus::More;
-        default:
-            return FdbDumpStatus::More;
-    }
-}
-
 }  // namespace
 
 // A dump interrupted by a change (NLM_F_DUMP_INTR) is still taken: its entries are real,
@@ -149,20 +116,9 @@ FdbDumpStatus decodeMessage(uint16_t type, std::span<const uint8_t> payload, int
 FdbDumpStatus decodeBridgeFdbMessages(std::span<const uint8_t> datagram, int bridgeIndex,
                                       uint32_t sequence, std::vector<FdbRecord> &records) {
     if (bridgeIndex <= 0) return FdbDumpStatus::Failed;
-    while (datagram.size() >= sizeof(nlmsghdr)) {
-        const auto header = readAt<nlmsghdr>(datagram, 0);
-        if (header.nlmsg_len < NLMSG_HDRLEN || header.nlmsg_len > datagram.size())
-            return FdbDumpStatus::Failed;
-        if (header.nlmsg_seq == sequence) {
-            const auto payload = datagram.subspan(NLMSG_HDRLEN, header.nlmsg_len - NLMSG_HDRLEN);
-            const FdbDumpStatus status =
-                decodeMessage(header.nlmsg_type, payload, bridgeIndex, records);
-            if (status != FdbDumpStatus::More) return status;
-        }
-        datagram =
-            datagram.subspan(std::min<size_t>(NLMSG_ALIGN(header.nlmsg_len), datagram.size()));
-    }
-    return FdbDumpStatus::More;
+    return walkRouteDatagram(datagram, sequence, [&](uint16_t type, auto payload) {
+        if (type == RTM_NEWNEIGH) decodeNeighbour(payload, bridgeIndex, records);
+    });
 }
 
 void decodeBrforward(std::span<const uint8_t> bytes, std::vector<FdbRecord> &records) {
@@ -200,7 +156,8 @@ class FdbList {
         node->ageing_timer_value = record.ageing;
         node->vid = record.vid;
         (void)std::snprintf(node->brname, sizeof node->brname, "%s", kFdbBridgeName);
-        (void)std::snprintf(node->ifname, sizeof node->ifname, "%s", ifname);
+        (void)std::snprintf(node->ifname, sizeof node->ifname, "%s",
+                            os_gateway_ifname(ifname).c_str());
         *tail_ = node;
         tail_ = &node->next;
         ++count_;
@@ -268,84 +225,23 @@ void appendDumpRecords(const std::vector<FdbRecord> &records, FdbList &list) {
     }
 }
 
-UniqueFd openRouteSocket() {
-    UniqueFd sock = openKernelNetlinkSocket(NETLINK_ROUTE);
-    const timeval timeout{kDumpTimeoutSeconds, 0};
-    if (sock.valid() &&
-        setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0)
-        sock.reset();
-    return sock;
-}
-
-bool requestDump(const UniqueFd &sock, uint32_t sequence) {
-    struct {
-        nlmsghdr header;
-        ndmsg body;
-    } request{};
-    request.header.nlmsg_len = NLMSG_LENGTH(sizeof(ndmsg));
-    request.header.nlmsg_type = RTM_GETNEIGH;
-    request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-    request.header.nlmsg_seq = sequence;
-    request.body.ndm_family = AF_BRIDGE;
-    sockaddr_nl kernel{};
-    kernel.nl_family = AF_NETLINK;
-    ssize_t sent;
-    do {
-        sent = sendto(sock.get(), &request, request.header.nlmsg_len, 0,
-                      reinterpret_cast<const sockaddr *>(&kernel), sizeof kernel);
-    } while (sent < 0 && errno == EINTR);
-    return sent == static_cast<ssize_t>(request.header.nlmsg_len);
-}
-
-ssize_t receiveRetrying(const UniqueFd &sock, std::vector<uint8_t> &buffer, int flags,
-                        sockaddr_nl *from) {
-    socklen_t fromLength = sizeof *from;
-    ssize_t got;
-    do {
-        got = recvfrom(sock.get(), buffer.data(), buffer.size(), flags,
-                       reinterpret_cast<sockaddr *>(from), &fromLength);
-    } while (got < 0 && errno == EINTR);
-    return got;
-}
-
-// The next datagram into BUFFER, grown first when it would not fit: its length, 0 for
-// one that did not come from the kernel, -1 on failure or timeout.
-ssize_t receiveDatagram(const UniqueFd &sock, std::vector<uint8_t> &buffer) {
-    sockaddr_nl from{};
-    const ssize_t size = receiveRetrying(sock, buffer, MSG_PEEK | MSG_TRUNC, &from);
-    if (size < 0 || static_cast<size_t>(size) > kNetlinkMaxDatagram) return -1;
-    if (static_cast<size_t>(size) > buffer.size()) buffer.resize(static_cast<size_t>(size));
-    const ssize_t got = receiveRetrying(sock, buffer, 0, &from);
-    if (got < 0) return -1;
-    return from.nl_pid == 0 ? got : 0;
-}
-
 // The bridge's entries from one neighbour dump; false when it could not be read whole.
 bool dumpBridgeFdb(int bridgeIndex, std::vector<FdbRecord> &records) {
-    static uint32_t lastSequence = 0;  // main thread only
-    const uint32_t sequence = ++lastSequence;
+    const uint32_t sequence = nextRouteSequence();
     UniqueFd sock = openRouteSocket();
-    if (!sock.valid() || !requestDump(sock, sequence)) return false;
-    std::vector<uint8_t> buffer(kNetlinkInitialBuffer);
-    for (int i = 0; i < kMaxDumpDatagrams; ++i) {
-        const ssize_t got = receiveDatagram(sock, buffer);
-        if (got < 0) return false;
-        const std::span<const uint8_t> datagram(buffer.data(), static_cast<size_t>(got));
-        switch (decodeBridgeFdbMessages(datagram, bridgeIndex, sequence, records)) {
-            case FdbDumpStatus::More:
-                break;
-            case FdbDumpStatus::Done:
-                return true;
-            case FdbDumpStatus::Failed:
-                return false;
-        }
-    }
-    return false;
+    if (!sock.valid() || !requestNeighDump(sock, sequence, AF_BRIDGE)) return false;
+    return readRouteDump(sock, [&](std::span<const uint8_t> datagram) {
+        return decodeBridgeFdbMessages(datagram, bridgeIndex, sequence, records);
+    });
+}
+
+std::string kernelBridge() {
+    return os_kernel_ifname(kFdbBridgeName);
 }
 
 bool readBrforward(std::vector<uint8_t> &bytes) {
     char path[kSysPathBytes];
-    (void)std::snprintf(path, sizeof path, "/sys/class/net/%s/brforward", kFdbBridgeName);
+    (void)std::snprintf(path, sizeof path, "/sys/class/net/%s/brforward", kernelBridge().c_str());
     UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
     if (!fd.valid()) return false;
     bytes.resize(kBrforwardMaxBytes);
@@ -369,14 +265,15 @@ struct DirCloser {
 std::map<unsigned, std::string> readBridgePorts() {
     std::map<unsigned, std::string> names;
     char path[kSysPathBytes];
-    (void)std::snprintf(path, sizeof path, "/sys/class/net/%s/brif", kFdbBridgeName);
+    const std::string bridge = kernelBridge();
+    (void)std::snprintf(path, sizeof path, "/sys/class/net/%s/brif", bridge.c_str());
     std::unique_ptr<DIR, DirCloser> dir(opendir(path));
     while (dir && names.size() < kMaxBridgePorts) {
         const dirent *entry = readdir(dir.get());
         if (!entry) break;
         if (entry->d_name[0] == '.') continue;
         int n = std::snprintf(path, sizeof path, "/sys/class/net/%s/brif/%s/port_no",
-                              kFdbBridgeName, entry->d_name);
+                              bridge.c_str(), entry->d_name);
         if (n <= 0 || static_cast<size_t>(n) >= sizeof path) continue;
         if (unsigned number = readPortNumber(path)) names.emplace(number, entry->d_name);
     }
@@ -405,7 +302,7 @@ int collectBridgeFdbFromSysfs(fdb **head) {
 int collect_bridge_fdb(fdb **head) {
     if (!head) return 0;
     *head = nullptr;
-    const unsigned bridgeIndex = if_nametoindex(kFdbBridgeName);
+    const unsigned bridgeIndex = if_nametoindex(kernelBridge().c_str());
     if (bridgeIndex == 0) return 0;
     std::vector<FdbRecord> records;
     if (!dumpBridgeFdb(static_cast<int>(bridgeIndex), records))

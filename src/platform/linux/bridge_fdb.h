@@ -11,6 +11,7 @@
 #include <span>
 #include <vector>
 
+#include "platform/linux/netlink_route.h"
 #include "platform/mib.h"
 
 inline constexpr char kFdbBridgeName[] = "br0";
@@ -30,11 +31,7 @@ struct FdbRecord {
     unsigned portNo = 0;  // from brforward: the bridge port number
 };
 
-enum class FdbDumpStatus {
-    More,   // every message read, the dump goes on in the next datagram
-    Done,   // the dump ended
-    Failed  // an error report, a malformed message or an aborted dump
-};
+using FdbDumpStatus = RouteDumpStatus;
 
 // Decodes one datagram of a neighbour dump, appending the forwarding entries whose
 // master is the bridge BRIDGE_INDEX (or that belong to the bridge device itself) to

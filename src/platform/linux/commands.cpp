@@ -3,6 +3,8 @@
 // fork in a threaded process runs in them; an exec failure comes back to the parent
 // through a close-on-exec pipe. A command not waited for is started from a short-lived
 // intermediate child, so it never becomes our zombie and no SIGCHLD handler is needed.
+// A shell line the backend knows ("/bin/sh", "-c", LINE) is carried out natively, and
+// waited for even when the caller would not wait: it is quick and starts nothing.
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +17,7 @@
 #include <cstring>
 
 #include "core/unique_fd.h"
+#include "platform/linux/native_commands.h"
 #include "platform/mib.h"
 
 namespace {
@@ -182,6 +185,21 @@ int runDetached(const Command &cmd) {
     return -1;
 }
 
+// True when CMD is a shell line carried out natively; RESULT is then its outcome.
+bool runNatively(const Command &cmd, int &result) {
+    constexpr int kShellLineArgs = 2;  // "-c", the line
+    if (std::strcmp(cmd.argv[0], "/bin/sh") != 0 || !cmd.argv[1] ||
+        std::strcmp(cmd.argv[1], "-c") != 0 || !cmd.argv[kShellLineArgs] ||
+        cmd.argv[kShellLineArgs + 1])
+        return false;
+    NativeResult native;
+    if (!runNativeIfKnown(cmd.argv[kShellLineArgs], native)) return false;
+    printNativeOutput(native);
+    result = native.error == 0 ? 0 : -1;
+    if (native.error != 0) complain(cmd, std::strerror(native.error));
+    return true;
+}
+
 int runCommand(bool quiet, const char *program, int argc, int wait, va_list args) {
     Command cmd;
     cmd.quiet = quiet;
@@ -191,6 +209,7 @@ int runCommand(bool quiet, const char *program, int argc, int wait, va_list args
                                program ? program : "(null)");
         return -1;
     }
+    if (int result = 0; runNatively(cmd, result)) return result;
     if (!resolveProgram(cmd)) {
         complain(cmd, "program not found");
         return -1;

@@ -34,18 +34,23 @@ bool parseIpv4(std::string_view text, uint32_t &ip) {
     return true;
 }
 
-bool parseExpiry(std::string_view text, uint64_t &expiry) {
+bool parseNumber(std::string_view text, uint64_t &value) {
     const char *end = text.data() + text.size();
-    auto [stop, error] = std::from_chars(text.data(), end, expiry);
+    auto [stop, error] = std::from_chars(text.data(), end, value);
     return !text.empty() && error == std::errc() && stop == end;
 }
 
-// Seconds left at NOW, host order: 0 once expired, kInfiniteLeaseSeconds for no end.
-uint32_t remainingSeconds(uint64_t expiry, time_t now) {
-    if (expiry == 0) return kInfiniteLeaseSeconds;
-    uint64_t current = now > 0 ? static_cast<uint64_t>(now) : 0;
-    if (expiry <= current) return 0;
-    return static_cast<uint32_t>(std::min<uint64_t>(expiry - current, kInfiniteLeaseSeconds));
+LeaseEndKind endKindOf(uint64_t end) {
+    if (end == 0) return LeaseEndKind::None;
+    return end < kLeaseEpochFloor ? LeaseEndKind::Length : LeaseEndKind::Expiry;
+}
+
+// FNV-1a, 64 bits: stable across builds and word sizes, collisions negligible for
+// a file's worth of lines.
+uint64_t textKey(std::string_view text) {
+    uint64_t hash = 0xcbf29ce484222325;
+    for (unsigned char byte : text) hash = (hash ^ byte) * 0x100000001b3;
+    return hash;
 }
 
 void copyHostname(std::string_view name, char (&field)[sizeof dhcp_lease::hostname]) {
@@ -54,46 +59,114 @@ void copyHostname(std::string_view name, char (&field)[sizeof dhcp_lease::hostna
     field[name.size()] = '\0';
 }
 
+uint32_t capped(uint64_t seconds) {
+    return static_cast<uint32_t>(std::min<uint64_t>(seconds, kInfiniteLeaseSeconds));
+}
+
+// Seconds left at wall time WALL, before any counting down.
+uint32_t remainingAtAnchor(const LeaseLine &lease, time_t wall) {
+    uint64_t current = wall > 0 ? static_cast<uint64_t>(wall) : 0;
+    switch (lease.endKind) {
+        case LeaseEndKind::None:
+            return kInfiniteLeaseSeconds;  // never counts down
+        case LeaseEndKind::Length:
+            return capped(lease.end);
+        case LeaseEndKind::Expiry:
+            return lease.end > current ? capped(lease.end - current) : 0;
+    }
+    return 0;
+}
+
 }  // namespace
 
-bool parseDnsmasqLeaseLine(std::string_view line, time_t now, dhcp_lease &out) {
-    std::string_view expiryText = nextToken(line), macText = nextToken(line);
-    std::string_view ipText = nextToken(line), nameText = nextToken(line);
-    dhcp_lease lease{};
-    uint64_t expiry = 0;
-    if (nameText.empty() || !parseExpiry(expiryText, expiry) || !parseMacText(macText, lease.mac) ||
-        !parseIpv4(ipText, lease.ip))
+bool parseDnsmasqLeaseLine(std::string_view line, LeaseLine &out) {
+    std::string_view rest = line, endText = nextToken(rest), macText = nextToken(rest);
+    std::string_view ipText = nextToken(rest), nameText = nextToken(rest);
+    LeaseLine lease;
+    if (nameText.empty() || !parseNumber(endText, lease.end) ||
+        !parseMacText(macText, lease.record.mac) || !parseIpv4(ipText, lease.record.ip))
         return false;
-    lease.leaseTime = htonl(remainingSeconds(expiry, now));
-    copyHostname(nameText, lease.hostname);
+    lease.endKind = endKindOf(lease.end);
+    lease.textKey = textKey(line);
+    copyHostname(nameText, lease.record.hostname);
     out = lease;
     return true;
 }
 
-size_t parseDnsmasqLeases(std::string_view text, time_t now, std::span<dhcp_lease> out) {
+size_t parseDnsmasqLeases(std::string_view text, std::span<LeaseLine> out) {
     size_t count = 0;
     while (!text.empty() && count < out.size()) {
         size_t end = std::min(text.find('\n'), text.size());
-        if (parseDnsmasqLeaseLine(text.substr(0, end), now, out[count])) ++count;
+        if (parseDnsmasqLeaseLine(text.substr(0, end), out[count])) ++count;
         text.remove_prefix(std::min(end + 1, text.size()));
     }
     return count;
 }
 
+LeaseAnchors::Anchor LeaseAnchors::anchorFor(const LeaseLine &lease, time_t wall, int64_t mono,
+                                             bool rewritten) const {
+    auto kept =
+        std::lower_bound(anchors_.begin(), anchors_.end(), lease.textKey,
+                         [](const Anchor &anchor, uint64_t key) { return anchor.key < key; });
+    bool renewed = rewritten && lease.endKind == LeaseEndKind::Length;
+    if (kept != anchors_.end() && kept->key == lease.textKey && !renewed) return *kept;
+    return {lease.textKey, remainingAtAnchor(lease, wall), mono};
+}
+
+void LeaseAnchors::update(std::span<LeaseLine> leases, time_t wall, int64_t mono, bool rewritten) {
+    std::vector<Anchor> next;
+    next.reserve(leases.size());
+    for (LeaseLine &lease : leases) {
+        Anchor anchor = anchorFor(lease, wall, mono, rewritten);
+        lease.record.leaseTime = htonl(remainingNow(anchor, lease.endKind, mono));
+        next.push_back(anchor);
+    }
+    auto byKey = [](const Anchor &a, const Anchor &b) { return a.key < b.key; };
+    auto sameKey = [](const Anchor &a, const Anchor &b) { return a.key == b.key; };
+    std::sort(next.begin(), next.end(), byKey);
+    next.erase(std::unique(next.begin(), next.end(), sameKey), next.end());
+    anchors_ = std::move(next);
+}
+
+uint32_t LeaseAnchors::remainingNow(const Anchor &anchor, LeaseEndKind kind, int64_t mono) {
+    if (kind == LeaseEndKind::None) return kInfiniteLeaseSeconds;
+    // A monotonic clock that could not be read (0) must not add time.
+    uint64_t elapsed = static_cast<uint64_t>(std::max<int64_t>(mono - anchor.since, 0));
+    return anchor.remaining > elapsed ? static_cast<uint32_t>(anchor.remaining - elapsed) : 0;
+}
+
 namespace {
 
-struct FreeDeleter {
-    void operator()(void *block) const { std::free(block); }
+// What tells a rewrite of the file, whatever the clocks say: dnsmasq rewrites it
+// whole, in place, on every change, so a new modification time marks one.
+struct LeaseFileStamp {
+    ino_t inode = 0;
+    off_t size = 0;
+    time_t mtimeSec = 0;
+    long mtimeNsec = 0;
+    bool operator==(const LeaseFileStamp &) const = default;
 };
-using LeaseBlock = std::unique_ptr<dhcp_lease[], FreeDeleter>;
+
+// Kept from one read to the next; main thread only.
+struct LeaseFileState {
+    LeaseAnchors anchors;
+    LeaseFileStamp stamp;
+};
+
+LeaseFileState &leaseFileState() {
+    static LeaseFileState state;
+    return state;
+}
 
 // The whole lines among the first kMaxLeaseFileBytes of the file; false when it
 // cannot be read or is empty.
-bool readLeaseText(const char *path, std::unique_ptr<char[]> &text, size_t &size) {
+bool readLeaseText(const char *path, std::unique_ptr<char[]> &text, size_t &size,
+                   LeaseFileStamp &stamp) {
     UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     struct stat st {};
     if (!fd.valid() || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0)
         return false;
+    stamp = {st.st_ino, st.st_size, st.st_mtim.tv_sec, st.st_mtim.tv_nsec};
     size_t limit = std::min(static_cast<size_t>(st.st_size), kMaxLeaseFileBytes);
     text.reset(new (std::nothrow) char[limit]);
     ssize_t got = text ? readUpTo(fd.get(), text.get(), limit) : -1;
@@ -104,6 +177,19 @@ bool readLeaseText(const char *path, std::unique_ptr<char[]> &text, size_t &size
     return size > 0;
 }
 
+int64_t monotonicNow() {
+    timespec now{};
+    return os_clock_monotonic(&now) == 0 ? now.tv_sec : 0;
+}
+
+// Anchors the leases against the real clocks and the file's stamp.
+void anchorLeases(std::span<LeaseLine> leases, const LeaseFileStamp &stamp) {
+    LeaseFileState &state = leaseFileState();
+    bool rewritten = !(stamp == state.stamp);
+    state.stamp = stamp;
+    state.anchors.update(leases, os_time(), monotonicNow(), rewritten);
+}
+
 }  // namespace
 
 // The array is one malloc block; the daemon releases it with free.
@@ -112,14 +198,18 @@ int getDhcpClientLeasesDB(dhcp_lease **array, unsigned long *) {
     *array = nullptr;
     std::unique_ptr<char[]> text;
     size_t size = 0;
-    if (!readLeaseText(mibConfigCurrent().leaseFile.c_str(), text, size)) return 0;
-    LeaseBlock leases(static_cast<dhcp_lease *>(std::malloc(kMaxDhcpLeases * sizeof(dhcp_lease))));
-    if (!leases) return 0;
-    size_t count = parseDnsmasqLeases(std::string_view(text.get(), size), os_time(),
-                                      std::span(leases.get(), kMaxDhcpLeases));
-    if (count == 0) return 0;
-    void *fitted = std::realloc(leases.get(), count * sizeof(dhcp_lease));
-    if (fitted) (void)leases.release();  // realloc moved or shrank the block
-    *array = fitted ? static_cast<dhcp_lease *>(fitted) : leases.release();
-    return static_cast<int>(count);
+    LeaseFileStamp stamp;
+    if (!readLeaseText(mibConfigCurrent().leaseFile.c_str(), text, size, stamp)) return 0;
+    std::unique_ptr<LeaseLine[]> lines(new (std::nothrow) LeaseLine[kMaxDhcpLeases]);
+    if (!lines) return 0;
+    std::span<LeaseLine> leases(lines.get(),
+                                parseDnsmasqLeases(std::string_view(text.get(), size),
+                                                   std::span(lines.get(), kMaxDhcpLeases)));
+    anchorLeases(leases, stamp);
+    if (leases.empty()) return 0;
+    auto *records = static_cast<dhcp_lease *>(std::malloc(leases.size() * sizeof(dhcp_lease)));
+    if (!records) return 0;
+    for (size_t i = 0; i < leases.size(); ++i) records[i] = leases[i].record;
+    *array = records;
+    return static_cast<int>(leases.size());
 }

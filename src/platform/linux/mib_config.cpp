@@ -158,6 +158,42 @@ Reason applyCounters(std::string_view value, MibConfig &cfg) {
     return {};
 }
 
+Reason applyCommands(std::string_view value, MibConfig &cfg) {
+    if (value == "native") {
+        cfg.commands = MibCommandMode::Native;
+    } else if (value == "shell") {
+        cfg.commands = MibCommandMode::Shell;
+    } else {
+        return "bad command mode " + quoted(value) + " (native or shell)";
+    }
+    return {};
+}
+
+Reason applyKernelName(std::string_view gateway, std::string_view kernel, MibConfig &cfg) {
+    if (!mibValidIfName(kernel)) return "bad kernel interface name " + quoted(kernel);
+    if (!cfg.ifnames.add(gateway, kernel))
+        return "kernel interface " + quoted(kernel) + " is already mapped to " +
+               quoted(cfg.ifnames.gatewayOf(kernel));
+    return {};
+}
+
+bool validGroupName(std::string_view name) {
+    if (name.empty() || name.size() > kMibMaxGroupBytes || name[0] == '-') return false;
+    for (char c : name) {
+        const bool letterOrDigit =
+            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+        if (!letterOrDigit && c != '_' && c != '-' && c != '.') return false;
+    }
+    return true;
+}
+
+Reason applySocketGroup(std::string_view value, unsigned lineNo, MibConfig &cfg) {
+    if (!validGroupName(value)) return "bad group name " + quoted(value);
+    cfg.socketGroup = value;
+    cfg.socketGroupLine = lineNo;
+    return {};
+}
+
 Reason applySsid(std::string_view ifname, std::string_view value, MibConfig &cfg) {
     if (value.size() > kMibMaxSsidBytes)
         return "SSID of " + std::string(ifname) + " longer than 32 bytes";
@@ -180,26 +216,30 @@ Reason applyInterfaceKey(std::string_view prefix, std::string_view ifname, std::
     if (!mibValidIfName(ifname)) return "bad interface name " + quoted(ifname);
     if (prefix == "ssid") return applySsid(ifname, value, cfg);
     if (prefix == "phy") return applyPortId(cfg.phyIds, ifname, value);
+    if (prefix == "ifname") return applyKernelName(ifname, value, cfg);
     return applyPortId(cfg.logicIds, ifname, value);
 }
 
-Reason applyKey(std::string_view key, std::string_view value, MibConfig &cfg) {
+Reason applyKey(std::string_view key, std::string_view value, unsigned lineNo, MibConfig &cfg) {
     if (key[0] >= '0' && key[0] <= '9') return applySetting(key, value, cfg);
     if (key == "lan_ports") return applyNameList(value, cfg.lanPorts);
     if (key == "wlan_roots") return applyNameList(value, cfg.wlanRoots);
     if (key == "lease_file") return applyLeaseFile(value, cfg);
     if (key == "stations") return applyStations(value, cfg);
     if (key == "counters") return applyCounters(value, cfg);
+    if (key == "commands") return applyCommands(value, cfg);
+    if (key == "socket_group") return applySocketGroup(value, lineNo, cfg);
     size_t dot = key.find('.');
     std::string_view prefix = key.substr(0, dot);
     std::string_view rest = dot == std::string_view::npos ? "" : key.substr(dot + 1);
     if (dot != std::string_view::npos && prefix == "chain") return applyChainRow(rest, value, cfg);
-    if (dot != std::string_view::npos && (prefix == "ssid" || prefix == "phy" || prefix == "logic"))
+    if (dot != std::string_view::npos && (prefix == "ssid" || prefix == "phy" || prefix == "logic" ||
+                                     prefix == "ifname"))
         return applyInterfaceKey(prefix, rest, value, cfg);
     return "unknown key " + quoted(key);
 }
 
-Reason applyLine(std::string_view line, MibConfig &cfg) {
+Reason applyLine(std::string_view line, unsigned lineNo, MibConfig &cfg) {
     if (line.size() > kMibMaxLineBytes)
         return "line longer than " + std::to_string(kMibMaxLineBytes) + " bytes";
     if (line.find('\0') != std::string_view::npos) return "NUL byte in line";
@@ -209,7 +249,7 @@ Reason applyLine(std::string_view line, MibConfig &cfg) {
     if (eq == std::string_view::npos) return "missing '=' after " + quoted(line);
     std::string_view key = trim(line.substr(0, eq));
     if (key.empty()) return "empty key";
-    return applyKey(key, trim(line.substr(eq + 1)), cfg);
+    return applyKey(key, trim(line.substr(eq + 1)), lineNo, cfg);
 }
 
 }  // namespace
@@ -232,7 +272,7 @@ unsigned parseMibConfig(std::string_view text, MibConfig &out, const MibErrorSin
         std::string_view line = text.substr(0, end);
         text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
         ++lineNo;
-        Reason reason = applyLine(line, out);
+        Reason reason = applyLine(line, lineNo, out);
         if (reason.empty()) continue;
         ++skipped;
         if (sink) sink(lineNo, reason);

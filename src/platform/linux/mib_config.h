@@ -15,12 +15,14 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/ifname_map.h"
 #include "platform/mib.h"
 
 inline constexpr size_t kMibMaxLineBytes = 1024;  // longer lines are skipped whole
 inline constexpr size_t kMibMaxChainRows = 64;    // per chain
 inline constexpr size_t kMibMaxSsidBytes = 32;    // as on the air
 inline constexpr size_t kMibMaxIfNameBytes = 15;  // IFNAMSIZ - 1
+inline constexpr size_t kMibMaxGroupBytes = 32;   // as useradd allows
 inline constexpr std::string_view kMibDefaultLeaseFile = "/var/lib/misc/dnsmasq.leases";
 inline constexpr std::array<const char *, kLanPortCount> kMibDefaultLanPorts = {"eth0.2", "eth0.3",
                                                                                 "eth0.4", "eth0.5"};
@@ -36,6 +38,8 @@ struct MibChainRow {
 
 enum class MibStationSource { Nl80211, Directory };
 enum class MibCounterSource { Nftables, Off };
+// Native: the backend carries out the command lines it knows without a child process.
+enum class MibCommandMode { Native, Shell };
 
 struct MibConfig {
     std::map<int, uint32_t> settings;
@@ -53,6 +57,12 @@ struct MibConfig {
     MibStationSource stations = MibStationSource::Nl80211;
     std::string stationDir;  // with MibStationSource::Directory
     MibCounterSource counters = MibCounterSource::Nftables;
+    MibCommandMode commands = MibCommandMode::Native;
+    IfnameMap ifnames;  // gateway name -> kernel name
+    // The group given the sockets and the FIFO (mode 0660); empty = root alone (0600).
+    // Looked up when they are made; the line is for the report of an unknown group.
+    std::string socketGroup;
+    unsigned socketGroupLine = 0;
     bool operator==(const MibConfig &) const = default;
 };
 

@@ -2,7 +2,9 @@
 // on it: settings, chain records, WLAN records and the interface-name tables.
 #include "platform/linux/mib_store.h"
 
+#include "platform/linux/ifnames.h"
 #include "platform/linux/read_util.h"
+#include "platform/linux/wifi_stations.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -138,6 +140,7 @@ void load(Store &s, const char *path, FileStamp stamp) {
     s.widthReported.clear();
     s.loaded = true;
     publishNames(s.config);
+    ifnamesPublish(s.config.ifnames);
 }
 
 void refresh() {
@@ -221,14 +224,20 @@ int mib_chain_get(int chain, unsigned int index, void *buffer) {
     return 1;
 }
 
+// An ssid.IF line wins over what the radio says; without either there is no record.
 int mib_chain_get_wlan(const char *ifname, void *record, int *index) {
     if (!ifname || !record) return -1;
     const MibConfig &config = mibConfigCurrent();
     auto it = config.ssids.find(std::string_view(ifname));
-    if (it == config.ssids.end()) return -1;
+    std::string_view ssid;
+    if (it != config.ssids.end())
+        ssid = it->second;
+    else if (!wifiInterfaceSsid(ifname, ssid))
+        return -1;
     auto *bytes = static_cast<char *>(record);
-    std::memset(bytes, 0, kWlanConfigSize);
-    std::memcpy(bytes + kWlanConfigSsidOffset, it->second.c_str(), it->second.size() + 1);
+    std::memset(bytes, 0, kWlanConfigSize);  // which also ends the SSID text
+    std::memcpy(bytes + kWlanConfigSsidOffset, ssid.data(),
+                std::min(ssid.size(), kMibMaxSsidBytes));
     if (index) *index = 0;
     return 0;
 }

@@ -13,6 +13,7 @@
 #include "core/unique_fd.h"
 #include "platform/mib.h"
 #include "platform/zvt.h"
+#include "platform/os.h"
 
 namespace {
 
@@ -69,7 +70,7 @@ size_t buildNeighSolicit(std::span<const uint8_t, kIpv6AddressBytes> target,
 
 int zvt_ipv6_send_neigh_solicit(const char *ifname, const void *addr) {
     if (!ifname || !addr) return -1;
-    const unsigned index = if_nametoindex(ifname);
+    const unsigned index = if_nametoindex(os_kernel_ifname(ifname).c_str());
     uint8_t mac[kNeighSolicitMacBytes];
     if (index == 0 || getMacAddr(ifname, mac) < -1) return -1;
     const std::span<const uint8_t, kIpv6AddressBytes> target(static_cast<const uint8_t *>(addr),

@@ -9,6 +9,7 @@
 
 #include "core/unique_fd.h"
 #include "platform/mib.h"
+#include "platform/os.h"
 
 namespace {
 
@@ -27,7 +28,7 @@ bool nameRequest(const char *name, ifreq &request) {
 
 // Runs one interface ioctl; false when the name or the call fails.
 bool askInterface(const char *name, unsigned long command, ifreq &request) {
-    if (!nameRequest(name, request)) return false;
+    if (!name || !nameRequest(os_kernel_ifname(name).c_str(), request)) return false;
     UniqueFd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     return sock.valid() && ioctl(sock.get(), command, &request) == 0;
 }

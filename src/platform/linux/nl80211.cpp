@@ -1,5 +1,5 @@
-// The nl80211 station dump: resolve the family, ask for the interface's stations,
-// decode the replies into station records.
+// nl80211 over generic netlink: resolve the family, ask for the interface's SSID and
+// frequency and for its stations, decode the replies into station records.
 #include "platform/linux/nl80211.h"
 
 #include <linux/genetlink.h>
@@ -25,6 +25,11 @@ namespace {
 constexpr size_t kMacBytes = 6;
 constexpr uint32_t kKbpsPerUnit = 100;  // nl80211 bitrates count 100 kbit/s
 constexpr std::string_view kFamilyName = "nl80211";
+// Channel frequencies of the bands; 6 GHz stations at legacy rates use the 5 GHz ones.
+constexpr uint32_t kBand2GhzFirstMhz = 2400;
+constexpr uint32_t kBand2GhzLastMhz = 2500;
+constexpr uint32_t kBand5GhzFirstMhz = 4900;
+constexpr uint32_t kBand6GhzLastMhz = 7125;
 
 // --- pure decoding ---
 
@@ -116,12 +121,19 @@ int familyMessage(const NlMessage &message) {
 // Wi-Fi generations in order, so that the newer of two is the larger.
 enum class PhyMode { Unknown, Legacy, Ht, Vht, He, Eht };
 
-const char *modeText(PhyMode mode) {
+// Legacy rates are OFDM "a" on 5 and 6 GHz, "g" on 2.4 GHz; unknown elsewhere.
+const char *legacyText(uint32_t frequencyMhz) {
+    if (frequencyMhz >= kBand2GhzFirstMhz && frequencyMhz <= kBand2GhzLastMhz) return "g";
+    if (frequencyMhz >= kBand5GhzFirstMhz && frequencyMhz <= kBand6GhzLastMhz) return "a";
+    return "";
+}
+
+const char *modeText(PhyMode mode, uint32_t frequencyMhz) {
     switch (mode) {
         case PhyMode::Unknown:
             return "";
         case PhyMode::Legacy:
-            return "g";
+            return legacyText(frequencyMhz);
         case PhyMode::Ht:
             return "n";
         case PhyMode::Vht:
@@ -209,7 +221,7 @@ bool applyStaInfoAttribute(const NlAttribute &attribute, StationInfo &info, wlSt
     }
 }
 
-bool decodeStaInfo(std::span<const uint8_t> nested, wlStaInfo &station) {
+bool decodeStaInfo(std::span<const uint8_t> nested, uint32_t frequencyMhz, wlStaInfo &station) {
     StationInfo info;
     bool good = true;
     bool whole = forEachAttribute(nested, [&](const NlAttribute &attribute) {
@@ -218,7 +230,8 @@ bool decodeStaInfo(std::span<const uint8_t> nested, wlStaInfo &station) {
     });
     station.rxRateKbps = info.rx.kbps;
     station.txRateKbps = info.tx.kbps;
-    const char *mode = modeText(std::max(info.rx.mode, info.tx.mode));
+    // Either direction proves what was negotiated; one frame sent at a lower rate does not undo it.
+    const char *mode = modeText(std::max(info.rx.mode, info.tx.mode), frequencyMhz);
     std::memcpy(station.mode, mode, std::strlen(mode) + 1);
     station.flags = info.associated ? kStaAssociated : 0;
     return whole && good;
@@ -237,24 +250,68 @@ NlDumpState stationMessage(const NlMessage &message, uint16_t family, StationCol
         genlCommand(message.payload, attributes) != NL80211_CMD_NEW_STATION)
         return NlDumpState::More;
     wlStaInfo station{};
-    if (out.count < out.slots.size() && nl80211DecodeStation(attributes, station))
+    if (out.count < out.slots.size() && nl80211DecodeStation(attributes, out.frequencyMhz, station))
         out.slots[out.count++] = station;
     return NlDumpState::More;
+}
+
+void applyInterfaceAttribute(const NlAttribute &attribute, Nl80211Interface &out) {
+    if (attribute.type == NL80211_ATTR_WIPHY_FREQ)
+        (void)readValue(attribute.payload, out.frequencyMhz);
+    if (attribute.type != NL80211_ATTR_SSID) return;
+    size_t length = std::min(attribute.payload.size(), kNl80211MaxSsidBytes);
+    std::memcpy(out.ssid, attribute.payload.data(), length);
+    out.ssid[length] = '\0';
+}
+
+// 1 when MESSAGE answers the interface request, 0 when it is no answer, -1 for an error.
+int interfaceMessage(const NlMessage &message, uint16_t family, Nl80211Interface &out) {
+    if (endsAnswer(message.type)) return -1;
+    std::span<const uint8_t> attributes;
+    if (message.type != family ||
+        genlCommand(message.payload, attributes) != NL80211_CMD_NEW_INTERFACE)
+        return 0;
+    return nl80211DecodeInterface(attributes, out) ? 1 : -1;
+}
+
+// The verdict of ANSWER on the first message of SEQ that gives one; 0 when none
+// does, -1 when a length is bad.
+template <typename Answer>
+int firstAnswer(std::span<const uint8_t> bytes, uint32_t seq, Answer answer) {
+    int verdict = 0;
+    bool whole = forEachMessage(bytes, [&](const NlMessage &message) {
+        if (message.seq != seq) return true;
+        verdict = answer(message);
+        return verdict == 0;
+    });
+    return whole ? verdict : -1;
 }
 
 }  // namespace
 
 int nl80211DecodeFamilyReply(std::span<const uint8_t> bytes, uint32_t seq) {
-    int id = 0;
-    bool whole = forEachMessage(bytes, [&](const NlMessage &message) {
-        if (message.seq != seq) return true;
-        id = familyMessage(message);
-        return id == 0;
-    });
-    return whole ? id : -1;
+    return firstAnswer(bytes, seq, familyMessage);
 }
 
-bool nl80211DecodeStation(std::span<const uint8_t> attributes, wlStaInfo &out) {
+bool nl80211DecodeInterface(std::span<const uint8_t> attributes, Nl80211Interface &out) {
+    Nl80211Interface iface;
+    bool whole = forEachAttribute(attributes, [&](const NlAttribute &attribute) {
+        applyInterfaceAttribute(attribute, iface);
+        return true;
+    });
+    if (whole) out = iface;
+    return whole;
+}
+
+int nl80211DecodeInterfaceReply(std::span<const uint8_t> bytes, uint32_t seq, uint16_t family,
+                                Nl80211Interface &out) {
+    return firstAnswer(bytes, seq, [&](const NlMessage &message) {
+        return interfaceMessage(message, family, out);
+    });
+}
+
+bool nl80211DecodeStation(std::span<const uint8_t> attributes, uint32_t frequencyMhz,
+                          wlStaInfo &out) {
     wlStaInfo station{};
     station.flags = kStaAssociated;  // the kernel lists associated stations
     bool haveMac = false, good = true;
@@ -264,7 +321,7 @@ bool nl80211DecodeStation(std::span<const uint8_t> attributes, wlStaInfo &out) {
             haveMac = true;
         }
         if (attribute.type == NL80211_ATTR_STA_INFO)
-            good = decodeStaInfo(attribute.payload, station);
+            good = decodeStaInfo(attribute.payload, frequencyMhz, station);
         return good;
     });
     if (!whole || !good || !haveMac) return false;
@@ -363,47 +420,92 @@ std::span<const uint8_t> receiveChunk(int fd, ReceiveBuffer &buffer) {
     return std::span<const uint8_t>(buffer.data(), static_cast<size_t>(got));
 }
 
+// Receives chunks until DECODE gives a verdict other than 0; -1 when none comes.
+template <typename Decode>
+int receiveUntil(int fd, ReceiveBuffer &buffer, Decode decode) {
+    for (int i = 0; i < kMaxReceives; ++i) {
+        std::span<const uint8_t> chunk = receiveChunk(fd, buffer);
+        if (chunk.empty()) return -1;
+        if (int verdict = decode(chunk); verdict != 0) return verdict;
+    }
+    return -1;
+}
+
 int resolveFamily(int fd, ReceiveBuffer &buffer) {
     uint32_t seq = nextSequence();
     GenlRequest request = makeRequest(GENL_ID_CTRL, 0, seq, CTRL_CMD_GETFAMILY);
     addAttribute(request, CTRL_ATTR_FAMILY_NAME, kFamilyName.data(), kFamilyName.size() + 1);
     if (!sendRequest(fd, request)) return -1;
-    for (int i = 0; i < kMaxReceives; ++i) {
-        std::span<const uint8_t> chunk = receiveChunk(fd, buffer);
-        int id = chunk.empty() ? -1 : nl80211DecodeFamilyReply(chunk, seq);
-        if (id != 0) return id;
-    }
-    return -1;
+    return receiveUntil(fd, buffer, [seq](std::span<const uint8_t> chunk) {
+        return nl80211DecodeFamilyReply(chunk, seq);
+    });
 }
 
-int dumpStations(int fd, uint16_t family, uint32_t ifindex, ReceiveBuffer &buffer,
-                 StationCollector &out) {
+// A socket that has found the nl80211 family, and the interface asked about.
+struct Session {
+    UniqueFd sock;
+    uint16_t family = 0;
+    uint32_t ifindex = 0;
+    ReceiveBuffer buffer;
+};
+
+bool openSession(const char *ifname, Session &session) {
+    session.ifindex = ifname ? if_nametoindex(ifname) : 0;
+    if (session.ifindex == 0) return false;
+    session.sock = openGenlSocket();
+    if (!session.sock.valid()) return false;
+    int family = resolveFamily(session.sock.get(), session.buffer);
+    if (family <= 0 || family > UINT16_MAX) return false;
+    session.family = static_cast<uint16_t>(family);
+    return true;
+}
+
+int queryInterface(Session &session, Nl80211Interface &out) {
     uint32_t seq = nextSequence();
-    GenlRequest request = makeRequest(family, NLM_F_DUMP, seq, NL80211_CMD_GET_STATION);
-    addAttribute(request, NL80211_ATTR_IFINDEX, &ifindex, sizeof ifindex);
-    if (!sendRequest(fd, request)) return -1;
-    for (int i = 0; i < kMaxReceives; ++i) {
-        std::span<const uint8_t> chunk = receiveChunk(fd, buffer);
-        NlDumpState state =
-            chunk.empty() ? NlDumpState::Failed : nl80211DecodeStationDump(chunk, seq, family, out);
-        bool full = out.count == out.slots.size();  // the rest would be dropped anyway
-        if (state == NlDumpState::Done || (full && state == NlDumpState::More))
-            return static_cast<int>(out.count);
-        if (state == NlDumpState::Failed) return -1;
-    }
-    return -1;
+    GenlRequest request = makeRequest(session.family, 0, seq, NL80211_CMD_GET_INTERFACE);
+    addAttribute(request, NL80211_ATTR_IFINDEX, &session.ifindex, sizeof session.ifindex);
+    if (!sendRequest(session.sock.get(), request)) return -1;
+    int verdict =
+        receiveUntil(session.sock.get(), session.buffer, [&](std::span<const uint8_t> chunk) {
+            return nl80211DecodeInterfaceReply(chunk, seq, session.family, out);
+        });
+    return verdict == 1 ? 0 : -1;
+}
+
+// 1 once the dump has ended or the room is full (the rest would be dropped), -1 on
+// failure, 0 while more is to come.
+int dumpVerdict(NlDumpState state, const StationCollector &out) {
+    if (state == NlDumpState::Failed) return -1;
+    bool full = out.count == out.slots.size();
+    return state == NlDumpState::Done || full ? 1 : 0;
+}
+
+int dumpStations(Session &session, StationCollector &out) {
+    uint32_t seq = nextSequence();
+    GenlRequest request = makeRequest(session.family, NLM_F_DUMP, seq, NL80211_CMD_GET_STATION);
+    addAttribute(request, NL80211_ATTR_IFINDEX, &session.ifindex, sizeof session.ifindex);
+    if (!sendRequest(session.sock.get(), request)) return -1;
+    int verdict =
+        receiveUntil(session.sock.get(), session.buffer, [&](std::span<const uint8_t> chunk) {
+            return dumpVerdict(nl80211DecodeStationDump(chunk, seq, session.family, out), out);
+        });
+    return verdict == 1 ? static_cast<int>(out.count) : -1;
 }
 
 }  // namespace
 
-int nl80211ReadStations(const char *ifname, std::span<wlStaInfo> out) {
-    unsigned ifindex = ifname ? if_nametoindex(ifname) : 0;
-    if (ifindex == 0) return -1;
-    UniqueFd sock = openGenlSocket();
-    if (!sock.valid()) return -1;
-    ReceiveBuffer buffer;
-    int family = resolveFamily(sock.get(), buffer);
-    if (family <= 0 || family > UINT16_MAX) return -1;
-    StationCollector collector{out};
-    return dumpStations(sock.get(), static_cast<uint16_t>(family), ifindex, buffer, collector);
+int nl80211ReadInterface(const char *ifname, Nl80211Interface &out) {
+    Session session;
+    return openSession(ifname, session) ? queryInterface(session, out) : -1;
+}
+
+// A radio that cannot say its frequency still lists its stations; only the legacy
+// ones then have no mode.
+int nl80211ReadStations(const char *ifname, Nl80211Interface &iface, std::span<wlStaInfo> out) {
+    iface = Nl80211Interface{};
+    Session session;
+    if (!openSession(ifname, session)) return -1;
+    if (queryInterface(session, iface) != 0) iface = Nl80211Interface{};
+    StationCollector collector{out, iface.frequencyMhz};
+    return dumpStations(session, collector);
 }

@@ -5,7 +5,17 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <span>
 #include <string_view>
+
+// A value of type T at OFFSET; the caller has checked that it lies within BYTES.
+template <typename T>
+T readAt(std::span<const uint8_t> bytes, size_t offset) {
+    T value;
+    std::memcpy(&value, bytes.data() + offset, sizeof value);
+    return value;
+}
 
 // Reads up to LIMIT bytes, retrying interrupted reads; the count, or -1 with errno.
 ssize_t readUpTo(int fd, char *buffer, size_t limit);

@@ -1,5 +1,6 @@
 // Wi-Fi stations of one interface, from nl80211 or from the station directory, and
-// the wireless mode of one station.
+// what the last read of each interface leaves for the per-host questions: the
+// wireless mode of one station and the interface's SSID.
 #include "platform/linux/wifi_stations.h"
 
 #include <fcntl.h>
@@ -15,14 +16,15 @@
 
 #include "core/unique_fd.h"
 #include "platform/linux/mib_store.h"
-#include "platform/linux/read_util.h"
 #include "platform/linux/nl80211.h"
+#include "platform/linux/read_util.h"
+#include "platform/linux/wifi_cache.h"
+#include "platform/os.h"
 #include "platform/zvt.h"
 
 namespace {
 
-constexpr size_t kMacBytes = 6;
-constexpr long kSignalOffset = 100;   // the record keeps dBm + 100
+constexpr long kSignalOffset = 100;  // the record keeps dBm + 100
 constexpr uint32_t kKbpsPerMbps = 1000;
 constexpr size_t kRateDecimals = 3;  // kb/s resolution; further digits are dropped
 
@@ -118,13 +120,37 @@ int readStationFile(const std::string &dir, const char *ifname, std::span<wlStaI
     return static_cast<int>(parseStationFile(whole, out));
 }
 
+// Main thread only, like every caller of the store.
+WifiCache &cache() {
+    static WifiCache instance;
+    return instance;
+}
+
+int64_t nowMs() {
+    timespec now{};
+    if (os_clock_monotonic(&now) != 0) return 0;
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+bool validName(const char *ifname) {
+    return ifname && mibValidIfName(ifname);
+}
+
+// The interface's SSID comes with its stations: one question to the kernel serves
+// both the modes (its band) and this cycle's SSID lookups.
+int readRadio(const char *ifname, std::span<wlStaInfo> out) {
+    Nl80211Interface iface;
+    int count = nl80211ReadStations(os_kernel_ifname(ifname).c_str(), iface, out);
+    cache().putSsid(ifname, iface.ssid, nowMs());
+    return count;
+}
+
 int readStations(const char *ifname, std::span<wlStaInfo> out) {
-    if (!ifname || !mibValidIfName(ifname)) return -1;
     const MibConfig &config = mibConfigCurrent();
     switch (config.stations) {
         case MibStationSource::Nl80211:
-            return nl80211ReadStations(ifname, out);
-        case MibStationSource::Directory:
+            return readRadio(ifname, out);
+        case MibStationSource::Directory:  // the lab names its files as the daemon does
             return readStationFile(config.stationDir, ifname, out);
     }
     return -1;
@@ -132,30 +158,44 @@ int readStations(const char *ifname, std::span<wlStaInfo> out) {
 
 }  // namespace
 
+bool wifiInterfaceSsid(const char *ifname, std::string_view &ssid) {
+    if (!validName(ifname)) return false;
+    int64_t now = nowMs();
+    std::optional<std::string_view> known = cache().ssidOf(ifname, now);
+    if (!known) {
+        Nl80211Interface iface;  // stays empty when the kernel cannot say
+        (void)nl80211ReadInterface(os_kernel_ifname(ifname).c_str(), iface);
+        cache().putSsid(ifname, iface.ssid, now);
+        known = cache().ssidOf(ifname, now);
+    }
+    if (!known || known->empty()) return false;
+    ssid = *known;
+    return true;
+}
+
 // Records go to positions 1..64 of the caller's zeroed buffer; the daemon skips 0.
+// The read replaces what the interface's last one left in the cache.
 int getWlStaInfo(const char *ifname, void *buffer) {
-    if (!buffer) return -1;
+    if (!buffer || !validName(ifname)) return -1;
     StationArray stations{};
     int count = readStations(ifname, stations);
+    auto taken = std::span(stations).first(static_cast<size_t>(std::max(count, 0)));
+    cache().putStations(ifname, taken, nowMs());
     auto *records = static_cast<unsigned char *>(buffer);
-    for (int i = 0; i < count; ++i)
-        std::memcpy(records + static_cast<size_t>(i + 1) * kWlStaInfoSize, &stations[i],
-                    kWlStaInfoSize);
+    for (size_t i = 0; i < taken.size(); ++i)
+        std::memcpy(records + (i + 1) * kWlStaInfoSize, &taken[i], kWlStaInfoSize);
     return count;
 }
 
+// Answered from the interface's read of this cycle, never from the driver again.
 int zvt_wlan_get_sta_wireless_mode(const char *ifname, const unsigned char *mac, int, char *text) {
     if (!text) return 0;
     text[0] = '\0';
-    StationArray stations{};
-    int count = mac ? readStations(ifname, stations) : -1;
-    for (int i = 0; i < count; ++i) {
-        const wlStaInfo &station = stations[i];
-        if (std::memcmp(station.mac, mac, kMacBytes) != 0) continue;
-        size_t length = strnlen(station.mode, kMaxStationModeChars);
-        std::memcpy(text, station.mode, length);
-        text[length] = '\0';
-        break;
-    }
+    if (!ifname || !mac) return 0;
+    std::optional<std::string_view> mode = cache().modeOf(ifname, mac);
+    if (!mode) return 0;
+    size_t length = std::min(mode->size(), kMaxStationModeChars);
+    std::memcpy(text, mode->data(), length);
+    text[length] = '\0';
     return 0;
 }

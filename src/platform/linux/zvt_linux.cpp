@@ -15,6 +15,7 @@
 #include "platform/linux/mib_store.h"
 #include "platform/mib.h"
 #include "platform/zvt.h"
+#include "platform/os.h"
 
 namespace {
 
@@ -42,7 +43,8 @@ const char *lanPortWithPhy(int phy) {
 // One short sysfs attribute of a network interface, without its newline.
 bool readNetAttribute(const char *ifname, const char *attribute, char *value) {
     char path[kSysPathBytes];
-    int n = std::snprintf(path, sizeof path, "/sys/class/net/%s/%s", ifname, attribute);
+    int n = std::snprintf(path, sizeof path, "/sys/class/net/%s/%s",
+                          os_kernel_ifname(ifname).c_str(), attribute);
     if (n < 0 || static_cast<size_t>(n) >= sizeof path) return false;
     UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC));
     if (!fd.valid()) return false;

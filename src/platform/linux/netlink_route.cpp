@@ -1,0 +1,192 @@
+#include "platform/linux/read_util.h"
+#include "platform/linux/netlink_route.h"
+
+#include <linux/neighbour.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "platform/linux/netlink_socket.h"
+
+namespace {
+
+constexpr size_t kInitialBuffer = 32768;  // what the kernel fills per dump datagram
+constexpr size_t kMaxDatagram = size_t{1} << 20;
+constexpr int kMaxDumpDatagrams = 1024;     // bounds the receive loop of a dump
+constexpr int kMaxAckDatagrams = 16;        // stray datagrams skipped while waiting for an ack
+constexpr time_t kReplyTimeoutSeconds = 1;  // a kernel that stays silent this long has failed
+constexpr size_t kAckBuffer = 4096;
+
+// The end of a dump carries the dump's own result; a negative one means it failed.
+RouteDumpStatus doneStatus(std::span<const uint8_t> payload) {
+    if (payload.size() >= sizeof(int32_t) && readAt<int32_t>(payload, 0) < 0)
+        return RouteDumpStatus::Failed;
+    return RouteDumpStatus::Done;
+}
+
+// Calls EACH with every whole message of DATAGRAM until it returns false; false when
+// a message's length is impossible.
+template <typename Each>
+bool forEachMessage(std::span<const uint8_t> datagram, Each each) {
+    while (datagram.size() >= sizeof(nlmsghdr)) {
+        const auto header = readAt<nlmsghdr>(datagram, 0);
+        if (header.nlmsg_len < NLMSG_HDRLEN || header.nlmsg_len > datagram.size()) return false;
+        if (!each(header, datagram.subspan(NLMSG_HDRLEN, header.nlmsg_len - NLMSG_HDRLEN)))
+            return true;
+        datagram =
+            datagram.subspan(std::min<size_t>(NLMSG_ALIGN(header.nlmsg_len), datagram.size()));
+    }
+    return true;
+}
+
+ssize_t receiveRetrying(const UniqueFd &sock, std::vector<uint8_t> &buffer, int flags,
+                        sockaddr_nl *from) {
+    socklen_t fromLength = sizeof *from;
+    ssize_t got;
+    do {
+        got = recvfrom(sock.get(), buffer.data(), buffer.size(), flags,
+                       reinterpret_cast<sockaddr *>(from), &fromLength);
+    } while (got < 0 && errno == EINTR);
+    return got;
+}
+
+}  // namespace
+
+RouteRequest::RouteRequest(uint16_t type, uint16_t flags) {
+    nlmsghdr header{};
+    header.nlmsg_type = type;
+    header.nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | flags);
+    append(&header, sizeof header);
+}
+
+void RouteRequest::append(const void *data, size_t size) {
+    const auto *bytes = static_cast<const uint8_t *>(data);
+    bytes_.insert(bytes_.end(), bytes, bytes + size);
+    bytes_.resize(NLMSG_ALIGN(bytes_.size()));
+}
+
+void RouteRequest::attribute(uint16_t type, const void *data, size_t size) {
+    const rtattr header{static_cast<unsigned short>(RTA_LENGTH(size)), type};
+    static_assert(sizeof header == RTA_ALIGN(sizeof header));  // the payload follows at once
+    append(&header, sizeof header);
+    append(data, size);
+}
+
+std::span<const uint8_t> RouteRequest::finish(uint32_t sequence, uint16_t extraFlags) {
+    auto header = readAt<nlmsghdr>(bytes_, 0);
+    header.nlmsg_len = static_cast<uint32_t>(bytes_.size());
+    header.nlmsg_seq = sequence;
+    header.nlmsg_flags = static_cast<uint16_t>(header.nlmsg_flags | extraFlags);
+    std::memcpy(bytes_.data(), &header, sizeof header);
+    return bytes_;
+}
+
+UniqueFd openRouteSocket() {
+    UniqueFd sock = openKernelNetlinkSocket(NETLINK_ROUTE);
+    const timeval timeout{kReplyTimeoutSeconds, 0};
+    if (sock.valid() &&
+        setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0)
+        sock.reset();
+    return sock;
+}
+
+uint32_t nextRouteSequence() {
+    static std::atomic<uint32_t> sequence{0};
+    return ++sequence;
+}
+
+bool sendRouteRequest(const UniqueFd &sock, std::span<const uint8_t> message) {
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    ssize_t sent;
+    do {
+        sent = sendto(sock.get(), message.data(), message.size(), 0,
+                      reinterpret_cast<const sockaddr *>(&kernel), sizeof kernel);
+    } while (sent < 0 && errno == EINTR);
+    return sent == static_cast<ssize_t>(message.size());
+}
+
+bool requestNeighDump(const UniqueFd &sock, uint32_t sequence, uint8_t family) {
+    RouteRequest request(RTM_GETNEIGH, NLM_F_DUMP);
+    ndmsg body{};
+    body.ndm_family = family;
+    request.body(body);
+    return sendRouteRequest(sock, request.finish(sequence, 0));
+}
+
+ssize_t receiveRouteDatagram(const UniqueFd &sock, std::vector<uint8_t> &buffer) {
+    sockaddr_nl from{};
+    const ssize_t size = receiveRetrying(sock, buffer, MSG_PEEK | MSG_TRUNC, &from);
+    if (size < 0 || static_cast<size_t>(size) > kMaxDatagram) return -1;
+    if (static_cast<size_t>(size) > buffer.size()) buffer.resize(static_cast<size_t>(size));
+    const ssize_t got = receiveRetrying(sock, buffer, 0, &from);
+    if (got < 0) return -1;
+    return from.nl_pid == 0 ? got : 0;
+}
+
+// A dump interrupted by a change (NLM_F_DUMP_INTR) is still taken: its entries are
+// real, and the next reader asks again soon.
+RouteDumpStatus walkRouteDatagram(std::span<const uint8_t> datagram, uint32_t sequence,
+                                  const RouteMessageVisitor &visit) {
+    RouteDumpStatus status = RouteDumpStatus::More;
+    const bool whole = forEachMessage(datagram, [&](const nlmsghdr &header, auto payload) {
+        if (header.nlmsg_seq != sequence) return true;
+        if (header.nlmsg_type == NLMSG_DONE) status = doneStatus(payload);
+        if (header.nlmsg_type == NLMSG_ERROR || header.nlmsg_type == NLMSG_OVERRUN)
+            status = RouteDumpStatus::Failed;
+        if (header.nlmsg_type >= NLMSG_MIN_TYPE) visit(header.nlmsg_type, payload);
+        return status == RouteDumpStatus::More;
+    });
+    return whole ? status : RouteDumpStatus::Failed;
+}
+
+bool readRouteDump(const UniqueFd &sock, const RouteDatagramDecoder &decode) {
+    std::vector<uint8_t> buffer(kInitialBuffer);
+    for (int i = 0; i < kMaxDumpDatagrams; ++i) {
+        const ssize_t got = receiveRouteDatagram(sock, buffer);
+        if (got < 0) return false;
+        const std::span<const uint8_t> datagram(buffer.data(), static_cast<size_t>(got));
+        switch (decode(datagram)) {
+            case RouteDumpStatus::More:
+                break;
+            case RouteDumpStatus::Done:
+                return true;
+            case RouteDumpStatus::Failed:
+                return false;
+        }
+    }
+    return false;
+}
+
+int decodeRouteAck(std::span<const uint8_t> datagram, uint32_t sequence) {
+    int result = kNoRouteAck;
+    const bool whole = forEachMessage(datagram, [&](const nlmsghdr &header, auto payload) {
+        if (header.nlmsg_seq != sequence || header.nlmsg_type != NLMSG_ERROR) return true;
+        if (payload.size() < sizeof(int32_t)) return false;
+        const int32_t error = readAt<int32_t>(payload, 0);
+        // Errors are negated errnos; anything else in that field is not an answer.
+        if (error <= 0 && error > -4096) result = -error;
+        return false;
+    });
+    return whole ? result : kNoRouteAck;
+}
+
+int routeTransact(const UniqueFd &sock, RouteRequest &request) {
+    const uint32_t sequence = nextRouteSequence();
+    errno = 0;
+    if (!sendRouteRequest(sock, request.finish(sequence, NLM_F_ACK))) return errno ? errno : EIO;
+    std::vector<uint8_t> buffer(kAckBuffer);
+    for (int i = 0; i < kMaxAckDatagrams; ++i) {
+        const ssize_t got = receiveRouteDatagram(sock, buffer);
+        if (got < 0) return errno == EAGAIN || errno == EWOULDBLOCK ? ETIMEDOUT : EIO;
+        const int result = decodeRouteAck({buffer.data(), static_cast<size_t>(got)}, sequence);
+        if (result != kNoRouteAck) return result;
+    }
+    return EIO;
+}

@@ -1,0 +1,131 @@
+// The real hook binaries (dnsmasq's dhcp-script, hostapd_cli's action) against
+// sockets in a temporary HOSTRIX_ROOT: what arrives, and that they exit 0 and keep
+// quiet whatever their arguments and whether or not a daemon listens.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "control/ctrl_msg.h"
+#include "core/unique_fd.h"
+#include "temp_dir.h"
+
+namespace {
+
+const char *const kDhcpScript = HOOK_DHCP_SCRIPT_BINARY;
+const char *const kHostapdAction = HOOK_HOSTAPD_ACTION_BINARY;
+const std::string kControl = "var/run/.hostrix_msg";
+const std::string kEvents = "var/run/.hostapd_action_sock";
+const std::string kMac = "0a:77:00:00:00:03";
+const std::vector<std::string> kRelease = {"del", kMac, "10.0.0.9"};
+const std::vector<std::string> kStationLeft = {"phy0-ap0", "AP-STA-DISCONNECTED",
+                                               "0A:77:00:00:00:03"};
+
+// A socket at PATH that queues connections, taken by received() once the hook has
+// ended. BACKLOG -1: bound, nobody listening; 0: listening, backlog already full.
+class Listener {
+   public:
+    Listener(const std::string &path, int backlog) {
+        std::strncpy(addr_.sun_path, path.c_str(), sizeof addr_.sun_path - 1);
+        EXPECT_EQ(bind(fd_.get(), address(), sizeof addr_), 0);
+        bool listening = backlog < 0 || listen(fd_.get(), backlog) == 0;
+        bool filled = backlog != 0 || connect(filler_.get(), address(), sizeof addr_) == 0;
+        EXPECT_TRUE(listening && filled);
+    }
+    ~Listener() { unlink(addr_.sun_path); }
+    std::vector<std::string> received() {
+        std::vector<std::string> messages;
+        for (UniqueFd conn; conn.reset(accept(fd_.get(), nullptr, nullptr)), conn.valid();) {
+            std::string &bytes = messages.emplace_back();
+            char chunk[8192];
+            for (ssize_t n; (n = read(conn.get(), chunk, sizeof chunk)) > 0;)
+                bytes.append(chunk, static_cast<size_t>(n));
+        }
+        return messages;
+    }
+
+   private:
+    sockaddr *address() { return reinterpret_cast<sockaddr *>(&addr_); }
+    sockaddr_un addr_{AF_UNIX, {}};
+    UniqueFd fd_{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0)};
+    UniqueFd filler_{socket(AF_UNIX, SOCK_STREAM, 0)};
+};
+
+class HookTest : public ::testing::Test {
+   protected:
+    void SetUp() override {
+        std::filesystem::create_directories(dir.file("var/run"));
+        std::filesystem::create_directories(dir.file("etc/hostrix"));
+        std::ofstream(dir.file("etc/hostrix/mib.conf")) << "ifname.wlan0 = phy0-ap0\n";
+    }
+    // Runs BINARY with ARGS to its end, "timeout" ending it should it hang (124):
+    // the exit code and stderr.
+    std::pair<int, std::string> run(const char *binary, const std::vector<std::string> &args) {
+        std::string command = "HOSTRIX_ROOT=" + dir.path + " timeout 5 " + binary;
+        for (const std::string &arg : args) command += " '" + arg + "'";
+        int status = std::system((command + " 2>" + dir.file("err")).c_str());
+        return {WEXITSTATUS(status), readText(dir.file("err"))};
+    }
+    TempDir dir;
+    const std::pair<int, std::string> quietSuccess{0, ""};
+};
+
+// The request a lease deletion must send: the release command and the MAC, no reply.
+std::string release() {
+    ctrlMsg_t msg{};
+    msg.cmd = 0x800000;
+    std::memcpy(msg.data, "\x0a\x77\0\0\0\x03", kCtrlMacLen);
+    return std::string(reinterpret_cast<const char *>(&msg), sizeof msg);
+}
+
+TEST_F(HookTest, ALeaseDeletionSendsOneReleaseAStationEventOneLineUnderTheGatewayName) {
+    using Strings = std::vector<std::string>;
+    const std::tuple<const char *, Strings, Strings> cases[] = {
+        {kDhcpScript, {"del", kMac, "10.0.0.9", "phone", "extra"}, {release()}},
+        {kDhcpScript, kRelease, {release()}},
+        {kDhcpScript, {"add", kMac, "10.0.0.9", "phone"}, {}},
+        {kDhcpScript, {"arp-del", kMac, "10.0.0.9"}, {}},
+        {kDhcpScript, {"del", "1234567", "fd00::10"}, {}},  // DHCPv6: an IAID, no MAC
+        {kDhcpScript, {"del", kMac, "fd00::10"}, {}},
+        {kDhcpScript, {"del", kMac}, {}},
+        {kDhcpScript, {}, {}},
+        {kHostapdAction, kStationLeft, {"wlan0 AP-STA-DISCONNECTED " + kMac}},
+        {kHostapdAction,
+         {"wlan1", "AP-STA-CONNECTED", kMac, "x"},
+         {"wlan1 AP-STA-CONNECTED " + kMac}},
+        {kHostapdAction, {"phy0-ap0", "AP-STA-DISCONNECTED"}, {}},
+        {kHostapdAction, {"phy0-ap0", "AP-STA-DISCONNECTED", "0a:77"}, {}},
+        {kHostapdAction, {"phy0-ap0", "AP-STA-DISCONNECTED\nX", kMac}, {}},  // two lines
+    };
+    Listener control(dir.file(kControl), 8), events(dir.file(kEvents), 8);
+    for (const auto &[binary, args, arrived] : cases) {
+        SCOPED_TRACE(testing::PrintToString(args));
+        EXPECT_EQ(run(binary, args), quietSuccess);
+        Strings got = control.received(), lines = events.received();
+        got.insert(got.end(), lines.begin(), lines.end());
+        EXPECT_EQ(got, arrived);
+    }
+}
+
+// No socket, or one nobody listens on: the daemon is not running, which is no failure.
+// A daemon that does not accept (its backlog full) costs one line, and no hang.
+TEST_F(HookTest, WithoutAWorkingDaemonBothExitZero) {
+    EXPECT_EQ(run(kDhcpScript, kRelease), quietSuccess);
+    EXPECT_EQ(run(kHostapdAction, kStationLeft), quietSuccess);
+    Listener refused(dir.file(kControl), -1), stuck(dir.file(kEvents), 0);
+    EXPECT_EQ(run(kDhcpScript, kRelease), quietSuccess);
+    auto [code, err] = run(kHostapdAction, kStationLeft);
+    EXPECT_EQ(std::tuple(code, std::count(err.begin(), err.end(), '\n')), std::tuple(0, 1));
+    EXPECT_NE(err.find(dir.file(kEvents)), std::string::npos) << err;
+}
+
+}  // namespace

@@ -1,0 +1,310 @@
+// Native commands: which lines are recognised, the neighbour dump turned into `ip`'s
+// text, the grep of the snapshot, and the commands against a real kernel in a private
+// network namespace where no program can be executed at all.
+#include <arpa/inet.h>
+#include <linux/filter.h>
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
+#include <linux/seccomp.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <optional>
+
+#include "linux_test_support.h"
+#include "netlink_bytes.h"
+#include "netns_child.h"
+#include "platform/linux/bridge_fdb.h"
+#include "platform/linux/ifnames.h"
+#include "platform/linux/native_commands.h"
+#include "platform/linux/neigh_dump.h"
+#include "platform/os.h"
+
+namespace {
+
+using nlbytes::Bytes;
+using nlbytes::join;
+using nlbytes::raw;
+using Kind = NativeKind;
+
+constexpr char kFuncoff[] =
+    "iwpriv wlan0-vap1 get_mib func_off | tail -n 1 | awk -F':' '{print $NF}' | sed 's/ //g'";
+
+// Each line with the kind and first field it must give, or no kind: then it is the shell's.
+TEST(NativeCommands, RecognisesExactShapesOnly) {
+    const struct {
+        const char *line;
+        std::optional<Kind> kind;
+        std::string_view field;  // address, else interface, else path
+    } cases[] = {
+        {"ip -6 neigh", Kind::Ipv6NeighList, ""},
+        {"/bin/arp -d 192.168.1.5\n", Kind::ArpDelete, "192.168.1.5"},
+        {"arp -d 0.0.0.0", Kind::ArpDelete, "0.0.0.0"},
+        {"/bin/ip -6 neigh del fd77::77:ff:fe00:1 dev br0", Kind::Ipv6NeighDelete,
+         "fd77::77:ff:fe00:1"},
+        {"bridge fdb del 0a:77:00:00:00:01 dev wlan0-vap1 vlan 1 master", Kind::BridgeFdbDelete,
+         "wlan0-vap1"},
+        {"cat /proc/fc/sw_dump/l2 > /tmp/hostrix-x/tmp/fc_lut_list", Kind::FcSnapshot,
+         "/tmp/hostrix-x/tmp/fc_lut_list"},
+        {"cat /tmp/fc_lut_list | grep -A 1 \"0a:77:00:00:00:01\"", Kind::FcSearch,
+         "/tmp/fc_lut_list"},
+        {kFuncoff, Kind::WlanFuncoff, "wlan0-vap1"},
+        // Anything more or less than the shape, or a field that is not what it says.
+        {"", {}, ""},
+        {"ip -6 neigh\n\n", {}, ""},
+        {"ip -6 neigh; reboot", {}, ""},
+        {"ip -6  neigh", {}, ""},
+        {"arp -d 192.168.1.256", {}, ""},
+        {"arp -d printer.lan", {}, ""},
+        {"arp -d 192.168.1.5 && reboot", {}, ""},
+        {"/bin/ip -6 neigh del fd77::zz dev br0", {}, ""},
+        {"/bin/ip -6 neigh del fd77::1 dev br0$(reboot)", {}, ""},
+        {"/bin/ip -6 neigh del fd77::1 dev -br0", {}, ""},
+        {"bridge fdb del 0a:77:00:00:00:1 dev wlan0 vlan 1 master", {}, ""},
+        {"bridge fdb del 0a:77:00:00:00:01 dev wlan0 vlan 2 master", {}, ""},
+        {"bridge fdb del 0a:77:00:00:00:01 dev wlan0-vap1-too-long vlan 1 master", {}, ""},
+        {"cat /proc/fc/sw_dump/l2 > /tmp/a b", {}, ""},
+        {"cat /proc/fc/sw_dump/l2 > /tmp/`reboot`", {}, ""},
+        {"cat /proc/fc/sw_dump/l2 >> /tmp/fc_lut_list", {}, ""},
+        {"cat /tmp/fc_lut_list | grep -A 1 \"0a:77:00:00:00:01\" | sh", {}, ""},
+        {"cat /tmp/fc_lut_list | grep -A 1 \"0a:77:00:00:00:0.\"", {}, ""},
+        {"iwpriv wlan0 get_mib func_off", {}, ""},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.line);
+        const auto command = recogniseCommand(c.line);
+        ASSERT_EQ(command.has_value(), c.kind.has_value());
+        if (!command) continue;
+        EXPECT_EQ(command->kind, *c.kind);
+        const std::string_view first = !command->address.empty()  ? command->address
+                                       : !command->ifname.empty() ? command->ifname
+                                                                  : command->path;
+        EXPECT_EQ(first, c.field);
+    }
+    const auto both = recogniseCommand("cat /tmp/f | grep -A 1 \"0A:77:00:00:00:01\"");
+    ASSERT_TRUE(both);
+    EXPECT_EQ(both->mac, "0A:77:00:00:00:01");
+}
+
+TEST(NativeCommands, GrepWithTheLineAfter) {
+    const struct {
+        const char *text, *expected;
+    } cases[] = {
+        {"a\nMAC 1\nidle 3\nb\n", "MAC 1\nidle 3\n"},
+        {"MAC 1\nidle 3\nb\nc\nMAC 2\nidle 4", "MAC 1\nidle 3\n--\nMAC 2\nidle 4\n"},
+        {"MAC 1\nMAC 2\nidle 4\nMAC 3\n", "MAC 1\nMAC 2\nidle 4\nMAC 3\n"},  // groups that touch
+        {"a\nb\n", ""},
+        {"a\nMAC", "MAC\n"},
+    };
+    for (const auto &c : cases) EXPECT_EQ(grepWithNextLine(c.text, "MAC"), c.expected) << c.text;
+}
+
+constexpr uint32_t kSeq = 9;
+
+Bytes neigh(uint8_t family, int ifindex, uint16_t state, uint8_t flags, const Bytes &attributes,
+            uint32_t seq = kSeq) {
+    const ndmsg body{family, 0, 0, ifindex, state, flags, 0};
+    return nlbytes::message(RTM_NEWNEIGH, seq, join({raw(body), attributes}), NLM_F_MULTI);
+}
+
+Bytes v6(const char *text) {
+    in6_addr addr{};
+    EXPECT_EQ(inet_pton(AF_INET6, text, &addr), 1);
+    return nlbytes::attr(NDA_DST, raw(addr));
+}
+
+Bytes mac(uint8_t last) {
+    return nlbytes::attr(NDA_LLADDR, {0x0a, 0x77, 0, 0, 0, last});
+}
+
+// The kernel's own ip -6 neigh text for the same entries is compared in the namespace
+// test below; here each rule of what is shown and how has its own entry.
+TEST(NativeCommands, NeighbourDumpToIpText) {
+    const Bytes dump = join({
+        neigh(AF_INET6, 4, NUD_REACHABLE, 0, join({v6("fd77::1"), mac(1)})),
+        neigh(AF_INET6, 4, NUD_FAILED, 0, v6("fd77::2")),  // unresolved: no lladdr
+        neigh(AF_INET6, 7, NUD_PERMANENT, NTF_ROUTER, join({v6("fe80::3"), mac(3)})),
+        neigh(AF_INET6, 4, NUD_STALE, 0,
+              join({v6("fd77::5"), mac(5), nlbytes::attr(NDA_PROTOCOL, {RTPROT_STATIC})})),
+        neigh(AF_INET6, 4, NUD_NOARP, 0, join({v6("ff02::16"), mac(0x16)})),  // hidden
+        neigh(AF_INET6, 4, NUD_NONE, 0, join({v6("fd77::6"), mac(6)})),       // hidden
+        neigh(AF_INET, 4, NUD_REACHABLE, 0, join({v6("fd77::7"), mac(7)})),   // other family
+        neigh(AF_INET6, 4, NUD_REACHABLE, 0, join({v6("fd77::8"), mac(8)}), kSeq + 1),
+        neigh(AF_INET6, 4, NUD_REACHABLE, 0, join({nlbytes::attr(NDA_DST, {1, 2}), mac(9)})),
+    });
+    std::vector<NeighEntry> entries;
+    EXPECT_EQ(decodeNeighMessages(dump, AF_INET6, kSeq, entries), RouteDumpStatus::More);
+    EXPECT_EQ(
+        decodeNeighMessages(nlbytes::message(NLMSG_DONE, kSeq, raw(0)), AF_INET6, kSeq, entries),
+        RouteDumpStatus::Done);
+    EXPECT_EQ(decodeNeighMessages(nlbytes::message(NLMSG_ERROR, kSeq, raw(-EBUSY)), AF_INET6, kSeq,
+                                  entries),
+              RouteDumpStatus::Failed);
+    const auto names = [](int ifindex) { return ifindex == 4 ? "br0" : "if7"; };
+    EXPECT_EQ(formatNeighListing(entries, names),
+              "fd77::1 dev br0 lladdr 0a:77:00:00:00:01 REACHABLE \n"
+              "fd77::2 dev br0 FAILED \n"
+              "fe80::3 dev if7 lladdr 0a:77:00:00:00:03 router PERMANENT \n"
+              "fd77::5 dev br0 lladdr 0a:77:00:00:00:05 STALE proto static \n");
+}
+
+TEST(NativeCommands, AcknowledgementOfOneRequest) {
+    const Bytes refused = nlbytes::message(NLMSG_ERROR, kSeq, raw(-ENOENT));
+    EXPECT_EQ(decodeRouteAck(refused, kSeq), ENOENT);
+    EXPECT_EQ(decodeRouteAck(nlbytes::message(NLMSG_ERROR, kSeq, raw(0)), kSeq), 0);
+    EXPECT_EQ(decodeRouteAck(refused, kSeq + 1), kNoRouteAck);
+    EXPECT_EQ(decodeRouteAck(Bytes(refused.begin(), refused.end() - 1), kSeq), kNoRouteAck);
+}
+
+// ------------------------------------------------------------- against the kernel
+
+// From here on no program can start in this process or its children: every command
+// that still works was carried out natively.
+bool forbidExec() {
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),  // the system call
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_execve, 2, 0),           // execve: refuse
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_execveat, 1, 0),         // execveat: refuse
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),                    // all else: allow
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+    };
+    const sock_fprog program{static_cast<unsigned short>(std::size(filter)), filter};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+void setCommands(const char *mode) {
+    const std::string dir = std::string(getenv("HOSTRIX_ROOT")) + "/etc/hostrix";
+    std::filesystem::create_directories(dir);
+    std::ofstream(dir + "/mib.conf", std::ios::trunc) << "commands = " << mode << "\n";
+    mibConfigReset();
+    (void)mibConfigCurrent();
+}
+
+// The whole output of a reading command; PIPED says whether it came from a child that
+// os_pclose then collected.
+std::string readCommand(const char *line, bool *piped = nullptr) {
+    FILE *stream = os_popen_read(line);
+    if (!stream) return "(no stream)";
+    struct stat info {};
+    const bool fromChild = fstat(fileno(stream), &info) == 0 && S_ISFIFO(info.st_mode);
+    std::string text;
+    char chunk[512];
+    while (size_t got = std::fread(chunk, 1, sizeof chunk, stream)) text.append(chunk, got);
+    int status = 0;
+    const bool closed = os_pclose(stream) == 0 && waitpid(-1, &status, WNOHANG) == -1;
+    if (piped) *piped = fromChild && closed;
+    return closed ? text : "(not closed)";
+}
+
+bool hasArpEntry(const char *address) {
+    return readText("/proc/net/arp").find(std::string(address) + " ") != std::string::npos;
+}
+
+bool hasFdbEntry(const char *macText) {
+    fdb *head = nullptr;
+    (void)collect_bridge_fdb(&head);
+    uint8_t wanted[6];
+    bool found = false;
+    (void)std::sscanf(macText, "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &wanted[0], &wanted[1], &wanted[2],
+                      &wanted[3], &wanted[4], &wanted[5]);
+    for (const fdb *node = head; node; node = node->next)
+        found = found || std::memcmp(node->mac, wanted, sizeof wanted) == 0;
+    free_bridge_fdb(&head);
+    return found;
+}
+
+constexpr char kNeighSetup[] =
+    "ip link add br1 type bridge && ip link set br1 up && "
+    "ip -6 neigh add fd77::1 lladdr 0a:77:00:00:00:01 dev br0 nud reachable && "
+    "ip -6 neigh add fd77::2 dev br0 nud failed && "
+    "ip -6 neigh add fe80::3 lladdr 0a:77:00:00:00:03 dev br0 nud permanent router && "
+    "ip -6 neigh add fd77::4 lladdr 0a:77:00:00:00:04 dev br0 nud noarp && "
+    "ip -6 neigh add fd77::5 lladdr 0a:77:00:00:00:05 dev br0 nud stale proto static && "
+    "ip neigh add 10.7.0.9 lladdr 0a:77:00:00:00:09 dev br0 && "
+    "ip neigh add 10.7.0.9 lladdr 0a:77:00:00:00:09 dev br1 && "
+    "bridge fdb add 0a:77:00:00:00:0a dev d0 master static";
+
+int checkNeighbours() {
+    if (!netnsMakeBridge() || std::system(kNeighSetup) != 0) return kNetnsNoSetup;
+    setCommands("shell");
+    bool piped = false;
+    const std::string fromIp = readCommand("ip -6 neigh", &piped);
+    NETNS_CHECK(piped && fromIp.find("fd77::1 dev br0 lladdr 0a:77:00:00:00:01 REACHABLE") !=
+                             std::string::npos);
+    setCommands("native");
+    NETNS_CHECK(forbidExec());
+    NETNS_CHECK(readCommand("ip -6 neigh", &piped) == fromIp && !piped);
+    NETNS_CHECK(os_system("/bin/ip -6 neigh del fd77::1 dev br0") == 0);
+    NETNS_CHECK(readCommand("ip -6 neigh").find("fd77::1 ") == std::string::npos);
+    NETNS_CHECK(hasArpEntry("10.7.0.9"));
+    NETNS_CHECK(os_system("/bin/arp -d 10.7.0.9\n") == 0);  // from both bridges
+    NETNS_CHECK(!hasArpEntry("10.7.0.9"));
+    NETNS_CHECK(va_cmd("/bin/sh", 2, 1, "-c", "arp -d 10.7.0.9") == 0);  // nothing left: done
+    NETNS_CHECK(hasFdbEntry("0a:77:00:00:00:0a"));
+    NETNS_CHECK(os_system("bridge fdb del 0a:77:00:00:00:0a dev d0 vlan 1 master") == 0);
+    NETNS_CHECK(!hasFdbEntry("0a:77:00:00:00:0a"));
+    NETNS_CHECK(os_system("/bin/ip -6 neigh del fd77::5 dev nosuch0") != 0);
+    NETNS_CHECK(readCommand(kFuncoff) == "");
+    // The shell is still there for the rest, and for everything under "commands = shell".
+    NETNS_CHECK(os_system("true") != 0);
+    setCommands("shell");
+    NETNS_CHECK(readCommand("ip -6 neigh") == "(no stream)");  // the shell could not start
+    return kNetnsPassed;
+}
+
+TEST_F(HostrixRootTest, NativeNeighbourCommandsMatchTheToolsAndStartNothing) {
+    expectPassesInPrivateNetns(checkNeighbours);
+}
+
+// br0 is the kernel's br-lan: both the text and the delete use the daemon's name.
+int checkMappedNames() {
+    if (std::system("ip link add br-lan type bridge && ip link set br-lan up && "
+                    "ip -6 neigh add fd77::1 lladdr 0a:77:00:00:00:01 dev br-lan") != 0)
+        return kNetnsNoSetup;
+    setCommands("native");
+    IfnameMap names;
+    names.add("br0", "br-lan");
+    ifnamesPublish(names);
+    NETNS_CHECK(forbidExec());
+    const std::string text = readCommand("ip -6 neigh");
+    NETNS_CHECK(text.find("fd77::1 dev br0 lladdr 0a:77:00:00:00:01 PERMANENT") !=
+                std::string::npos);
+    NETNS_CHECK(os_system("/bin/ip -6 neigh del fd77::1 dev br0") == 0);
+    NETNS_CHECK(readCommand("ip -6 neigh").find("fd77::1 ") == std::string::npos);
+    return kNetnsPassed;
+}
+
+TEST_F(HostrixRootTest, NativeCommandsUseTheKernelNamesOfMappedInterfaces) {
+    expectPassesInPrivateNetns(checkMappedNames);
+}
+
+// The engine's dump stands in a tmpfs over /proc, seen by this child alone.
+int checkSnapshot() {
+    const std::string copy = std::string(getenv("HOSTRIX_ROOT")) + "/fc_lut_list";
+    const std::string snapshot = "cat /proc/fc/sw_dump/l2 > " + copy;
+    const std::string search = "cat " + copy + " | grep -A 1 \"0a:77:00:00:00:02\"";
+    if (mount("tmpfs", "/proc", "tmpfs", 0, nullptr) != 0) return kNetnsNoSetup;
+    setCommands("native");
+    NETNS_CHECK(forbidExec());
+    NETNS_CHECK(va_cmd_no_error("/bin/sh", 2, 1, "-c", snapshot.c_str()) == -1);  // no dump
+    NETNS_CHECK(access(copy.c_str(), F_OK) != 0);
+    NETNS_CHECK(readCommand(search.c_str()) == "");
+    std::filesystem::create_directories("/proc/fc/sw_dump");
+    std::ofstream("/proc/fc/sw_dump/l2") << "0a:77:00:00:00:01 port 1\n idle 9\n"
+                                            "0a:77:00:00:00:02 port 2\n idle 3\nend\n";
+    NETNS_CHECK(va_cmd_no_error("/bin/sh", 2, 1, "-c", snapshot.c_str()) == 0);
+    NETNS_CHECK(readCommand(search.c_str()) == "0a:77:00:00:00:02 port 2\n idle 3\n");
+    return kNetnsPassed;
+}
+
+TEST_F(HostrixRootTest, ForwardingEngineSnapshotCopiedAndSearched) {
+    expectPassesInPrivateNetns(checkSnapshot);
+}
+
+}  // namespace
