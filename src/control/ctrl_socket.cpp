@@ -5,6 +5,7 @@
 #include <sys/time.h>
 #include <sys/un.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -13,6 +14,7 @@
 
 #include "control/ctrl_commands.h"
 #include "control/unix_socket.h"
+#include "core/clock.h"
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/text.h"
@@ -97,10 +99,8 @@ void runCommand(ctrlMsg_t &msg, const ctrlCmdRow &row, int32_t *dataLen) {
     row.handler(&msg, dataLen);
 }
 
-// A client that connects and says nothing, or does not read its reply, holds the
-// main loop for at most this long.
-void setConnTimeouts(int fd) {
-    setReceiveTimeout(fd, kConnTimeoutSecs);
+// A client that does not read its reply holds the main loop for at most this long.
+void setSendTimeout(int fd) {
     timeval timeout{kConnTimeoutSecs, 0};
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
 }
@@ -111,6 +111,43 @@ void sendReply(int fd, const ctrlMsg_t &msg) {
     if (sent == static_cast<ssize_t>(sizeof msg)) return;
     HX_DBG(DBG_MESSAGE, "[%s %d]: Send fail for cmd=0x%x, size=%d(%zd)\n", kServeName, __LINE__,
            msg.cmd, static_cast<int>(sent), static_cast<ssize_t>(sizeof msg));
+}
+
+}  // namespace
+
+namespace {
+
+struct WaitingConn {
+    UniqueFd fd;
+    int64_t sinceMs = 0;
+};
+
+std::array<WaitingConn, kMaxWaitingConns> waitingConns;
+
+// Takes the first free slot, or the oldest one's.
+void park(UniqueFd conn) {
+    WaitingConn *slot = &waitingConns[0];
+    for (WaitingConn &waiting : waitingConns) {
+        if (!waiting.fd.valid()) {
+            slot = &waiting;
+            break;
+        }
+        if (waiting.sinceMs < slot->sinceMs) slot = &waiting;
+    }
+    slot->fd = std::move(conn);
+    slot->sinceMs = monotonicMilliseconds();
+}
+
+// One read: a short request is served as it is, the missing bytes left zero. False
+// when nothing has come yet.
+bool serveRequest(int conn) {
+    ctrlMsg_t msg{};
+    ssize_t got = recv(conn, &msg, sizeof msg, MSG_DONTWAIT);
+    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return false;
+    if (got <= 0) return true;
+    dispatchCtrlMsg(msg);
+    if (msg.needReply) sendReply(conn, msg);
+    return true;
 }
 
 }  // namespace
@@ -129,6 +166,7 @@ int msg_create_sockfd() {
 
 void msg_close_sockfd() {
     listenFd.reset();
+    for (WaitingConn &waiting : waitingConns) waiting.fd.reset();
 }
 
 std::span<const ctrlCmdRow> ctrlCommandTable() {
@@ -146,16 +184,41 @@ void dispatchCtrlMsg(ctrlMsg_t &msg) {
     }
 }
 
+
 int msg_process_sockfd(int fd) {
-    ctrlMsg_t msg{};
     sockaddr_un peer{};
     socklen_t peerLen = sizeof peer;
     UniqueFd conn(accept4(fd, reinterpret_cast<sockaddr *>(&peer), &peerLen, SOCK_CLOEXEC));
     if (!conn.valid()) return 0;
-    setConnTimeouts(conn.get());
-    // One read: a short request is served as it is, the missing bytes left zero.
-    if (recv(conn.get(), &msg, sizeof msg, 0) <= 0) return 0;
-    dispatchCtrlMsg(msg);
-    if (msg.needReply) sendReply(conn.get(), msg);
+    setSendTimeout(conn.get());
+    // Beyond select's reach a connection cannot wait; it is served or dropped now.
+    if (!serveRequest(conn.get()) && conn.get() < FD_SETSIZE) park(std::move(conn));
     return 0;
+}
+
+void ctrlWaitingAddToSet(fd_set &set, int &highest) {
+    for (const WaitingConn &waiting : waitingConns) {
+        if (!waiting.fd.valid()) continue;
+        FD_SET(waiting.fd.get(), &set);
+        highest = std::max(highest, waiting.fd.get());
+    }
+}
+
+void ctrlServeWaiting(const fd_set &set) {
+    for (WaitingConn &waiting : waitingConns) {
+        if (waiting.fd.valid() && FD_ISSET(waiting.fd.get(), &set) && serveRequest(waiting.fd.get()))
+            waiting.fd.reset();
+    }
+}
+
+void ctrlDropStaleWaiting(int64_t nowMs) {
+    for (WaitingConn &waiting : waitingConns) {
+        if (waiting.fd.valid() && nowMs - waiting.sinceMs >= kConnWaitMs) waiting.fd.reset();
+    }
+}
+
+size_t ctrlWaitingCount() {
+    size_t count = 0;
+    for (const WaitingConn &waiting : waitingConns) count += waiting.fd.valid() ? 1 : 0;
+    return count;
 }

@@ -233,6 +233,7 @@ int buildReadSet(const MainLoopState &state, fd_set &set) {
     addToSet(state.authFd.get(), set, highest);
     addToSet(state.fifoFd.get(), set, highest);
     addToSet(msgSockFd(), set, highest);
+    ctrlWaitingAddToSet(set, highest);
     addToSet(state.signalWakeFd.get(), set, highest);
     return highest + 1;
 }
@@ -273,6 +274,7 @@ void serveReadable(MainLoopState &state, const fd_set &set) {
     }
     if (isReady(state.fifoFd.get(), set)) readFifoCommand(state);
     if (isReady(msgSockFd(), set)) msg_process_sockfd(msgSockFd());
+    ctrlServeWaiting(set);
 }
 
 // A wait that has already run down (while descriptors were served) counts as a
@@ -296,6 +298,7 @@ bool runLoopPass(MainLoopState &state) {
         runPeriodicDuties(state);
     }
     if (ready > 0) serveReadable(state, readSet);
+    ctrlDropStaleWaiting(monotonicMilliseconds());
     return true;
 }
 

@@ -321,8 +321,12 @@ int refresh_dhcp_leases() {
     bool clockOk = false;
     auto now = static_cast<uint32_t>(monotonicSeconds(&clockOk));
     // Stored as 32-bit seconds: a clock that went back (or wrapped) counts as elapsed.
-    // An unreadable clock re-reads rather than keep a snapshot of unknown age.
-    if (leasesRead && clockOk && now - leaseRefreshTime < kLeaseRefreshSec) return leaseCount;
+    // An unreadable clock re-reads rather than keep a snapshot of unknown age. A
+    // database that changed is read at once rather than up to 5 s later, so that a
+    // host is reported in the first cycle after it took its lease.
+    if (leasesRead && clockOk && now - leaseRefreshTime < kLeaseRefreshSec &&
+        !isDhcpClientLeasesDBChanged())
+        return leaseCount;
     dhcp_lease *array = nullptr;
     unsigned long unused = 0;
     int count = getDhcpClientLeasesDB(&array, &unused);

@@ -103,6 +103,8 @@ int collect_bridge_fdb(fdb **head);
 void free_bridge_fdb(fdb **head);
 
 int getDhcpClientLeasesDB(dhcp_lease **array, unsigned long *aux);
+// 1 when the lease database changed since getDhcpClientLeasesDB last read it.
+int isDhcpClientLeasesDBChanged();
 void getDhcpClientInfo(dhcp_lease *array, int count, const unsigned char *mac, dhcp_lease **record);
 
 int isTimeSynchronized();

@@ -143,4 +143,22 @@ TEST_F(LeaseFile, MissingOrLeaselessFileGivesNone) {
     EXPECT_EQ(getDhcpClientLeasesDB(nullptr, nullptr), 0);
 }
 
+// Changed means: since the last read, the file came, went or was rewritten.
+TEST_F(LeaseFile, ChangeIsTheFileSinceTheLastRead) {
+    dhcp_lease *array = nullptr;
+    EXPECT_EQ(read(array), 0);
+    EXPECT_EQ(isDhcpClientLeasesDBChanged(), 0);
+    std::ofstream(root_.file("leases")) << "duid 00:01\n";
+    EXPECT_EQ(isDhcpClientLeasesDBChanged(), 1);
+    EXPECT_EQ(read(array), 0);
+    EXPECT_EQ(isDhcpClientLeasesDBChanged(), 0);
+    std::ofstream(root_.file("leases"), std::ios::app) << "# more\n";
+    EXPECT_EQ(isDhcpClientLeasesDBChanged(), 1);
+    EXPECT_EQ(read(array), 0);
+    std::remove(root_.file("leases").c_str());
+    EXPECT_EQ(isDhcpClientLeasesDBChanged(), 1);
+    EXPECT_EQ(read(array), 0);
+    EXPECT_EQ(isDhcpClientLeasesDBChanged(), 0);
+}
+
 }  // namespace

@@ -133,6 +133,11 @@ TEST_F(SourcesTest, LeasesAreReusedFor4SecondsAndReadAt5) {
     fake::advanceSeconds(5);
     EXPECT_EQ(refresh_dhcp_leases(), 0);
     EXPECT_EQ(dhcpLeaseSnapshot(), nullptr);
+    // A database the server rewrote is read in the next cycle, however young.
+    fake::state().leases = {dhcp_lease{}};
+    fake::state().leasesChanged = true;
+    fake::advanceSeconds(1);
+    EXPECT_EQ(refresh_dhcp_leases(), 1);
 }
 
 }  // namespace

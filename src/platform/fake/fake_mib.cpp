@@ -135,6 +135,8 @@ int getDhcpClientLeasesDB(dhcp_lease **array, unsigned long *aux) {
     return static_cast<int>(leases.size());
 }
 
+int isDhcpClientLeasesDBChanged() { return fake::state().leasesChanged ? 1 : 0; }
+
 int isTimeSynchronized() { return fake::state().timeSynchronized ? 1 : 0; }
 
 // "/bin/sh -c LINE" is recorded as LINE, the command the daemon meant.

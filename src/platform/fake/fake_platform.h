@@ -51,6 +51,7 @@ struct State {
     // Discovery sources.
     std::vector<FdbRow> fdb;
     std::vector<dhcp_lease> leases;
+    bool leasesChanged = false;  // what isDhcpClientLeasesDBChanged answers
     std::map<std::string, std::vector<wlStaInfo>> stations;  // by interface name
 
     // Switch and forwarding engine.

@@ -199,7 +199,10 @@ int getDhcpClientLeasesDB(dhcp_lease **array, unsigned long *) {
     std::unique_ptr<char[]> text;
     size_t size = 0;
     LeaseFileStamp stamp;
-    if (!readLeaseText(mibConfigCurrent().leaseFile.c_str(), text, size, stamp)) return 0;
+    if (!readLeaseText(mibConfigCurrent().leaseFile.c_str(), text, size, stamp)) {
+        leaseFileState().stamp = {};  // so that the file's return counts as a change
+        return 0;
+    }
     std::unique_ptr<LeaseLine[]> lines(new (std::nothrow) LeaseLine[kMaxDhcpLeases]);
     if (!lines) return 0;
     std::span<LeaseLine> leases(lines.get(),
@@ -212,4 +215,13 @@ int getDhcpClientLeasesDB(dhcp_lease **array, unsigned long *) {
     for (size_t i = 0; i < leases.size(); ++i) records[i] = leases[i].record;
     *array = records;
     return static_cast<int>(leases.size());
+}
+
+// One stat: a rewrite by the DHCP server changes the inode, size or time.
+int isDhcpClientLeasesDBChanged() {
+    struct stat st {};
+    LeaseFileStamp now;
+    if (stat(mibConfigCurrent().leaseFile.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0)
+        now = {st.st_ino, st.st_size, st.st_mtim.tv_sec, st.st_mtim.tv_nsec};
+    return now == leaseFileState().stamp ? 0 : 1;
 }
