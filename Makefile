@@ -65,6 +65,8 @@ bench: deps
 	cmake --build $(BENCH_BUILD)
 	@for b in $(BENCH_BUILD)/bin/bench_*; do [ -x "$$b" ] && "$$b"; done; true
 	@HOSTRIX_BIN=$(BENCH_BUILD)/bin/hostrix bash bench/capture_lab.sh || true
+	@HOSTRIX_BIN=$(BENCH_BUILD)/bin/hostrix bash bench/scale_lab.sh || true
+	@HOSTRIX_BIN=$(BENCH_BUILD)/bin/hostrix bash bench/scale_lab.sh churn || true
 
 # Brings the virtual LAN up, runs the daemon in it and shows what it sees.
 demo: deps build

@@ -12,6 +12,9 @@ Run inside a client namespace (ip netns exec hx-NAME python3 lan_traffic.py ...)
                                    from IFACE's own Ethernet address (the bridge learns one MAC)
   arp-hosts IFACE COUNT            COUNT made-up hosts 0a:7a:00:00:HH:LL, each sending one
                                    gratuitous ARP reply from its own MAC with 10.77.2.1 onwards
+  arp-churn IFACE TOTAL WINDOW SECONDS
+                                   for SECONDS, every 2 s WINDOW of TOTAL such hosts speak, the
+                                   window moving on by a quarter each time
 """
 import os
 import socket
@@ -104,13 +107,30 @@ def arp_replies(iface, count, rate, mode="fixed"):
             sock.send(next(frames))
 
 
+def made_up_host(i):
+    mac = bytes([0x0A, 0x7A, 0, 0, i >> 8 & 0xFF, i & 0xFF])
+    return arp_frame(mac, mac, bytes([10, 77, 2 + i // 250 % 250, 1 + i % 250]))
+
+
 def arp_hosts(iface, count):
     sock = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
     sock.bind((iface, 0))
     for i in range(int(count)):
-        mac = bytes([0x0A, 0x7A, 0, 0, i >> 8, i & 0xFF])
-        ip = bytes([10, 77, 2 + i // 250, 1 + i % 250])
-        sock.send(arp_frame(mac, mac, ip))
+        sock.send(made_up_host(i))
+
+
+def arp_churn(iface, total, window, seconds):
+    """Every 2 s the made-up hosts of a window of the TOTAL speak; the window moves on
+    by a quarter each time, so hosts fall silent and new ones come, for SECONDS."""
+    total, window = int(total), int(window)
+    sock = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+    sock.bind((iface, 0))
+    start, deadline = 0, time.monotonic() + float(seconds)
+    while time.monotonic() < deadline:
+        for i in range(start, start + window):
+            sock.send(made_up_host(i % total))
+        start = (start + max(1, window // 4)) % total
+        time.sleep(2)
 
 
 COMMANDS = {
@@ -120,6 +140,7 @@ COMMANDS = {
     "tcp-send": tcp_send,
     "arp-replies": arp_replies,
     "arp-hosts": arp_hosts,
+    "arp-churn": arp_churn,
 }
 
 if __name__ == "__main__":

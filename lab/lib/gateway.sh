@@ -80,7 +80,7 @@ group=root
 dhcp-authoritative
 # Offers go out at once instead of after a ping check of each address.
 no-ping
-dhcp-range=${V4_NET}.${DHCP_FIRST},${V4_NET}.${DHCP_LAST},255.255.255.0,${LAB_LEASE_TIME:-1h}
+dhcp-range=${V4_NET}.${LAB_DHCP_FIRST:-$DHCP_FIRST},${V4_NET}.${LAB_DHCP_LAST:-$DHCP_LAST},255.255.255.0,${LAB_LEASE_TIME:-1h}
 dhcp-option=option:router,$GW_V4
 enable-ra
 dhcp-range=::,constructor:$BRIDGE,ra-only,64,1h
