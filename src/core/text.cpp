@@ -1,5 +1,6 @@
 #include "core/text.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -48,4 +49,11 @@ int isPrintableString(std::string_view text) {
 int isPrintableString(const char *text) {
     if (!text) return 1;
     return isPrintableString(std::string_view(text, std::strlen(text)));
+}
+
+void copyText(char *dest, size_t size, std::string_view text) {
+    if (size == 0) return;
+    text = text.substr(0, std::min(text.find('\0'), size - 1));
+    std::memcpy(dest, text.data(), text.size());
+    dest[text.size()] = '\0';
 }

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -11,6 +12,7 @@
 #include "core/clock.h"
 #include "core/log.h"
 #include "core/settings.h"
+#include "core/text.h"
 #include "discovery/ip_resolution.h"
 #include "discovery/sources.h"
 #include "discovery/wlan_sta.h"
@@ -142,7 +144,7 @@ void initNewHost(hostEntry &entry, const CycleEntry &work) {
     std::memcpy(host.mac, work.step.mac, kMacLen);
     host.devType = 0;
     for (char *text : {host.brand, host.model, host.os})
-        std::snprintf(text, kHostTextLen, "%s", kUnknownProfile);
+        copyText(text, kHostTextLen, kUnknownProfile);
     host.internetAccess = kInternetAccessDefault;
     host.otherAccess = kOtherAccessDefault;
     entry.informChange = 1;
@@ -165,7 +167,7 @@ void updatePortFields(hostEntry &entry, const CycleEntry &work) {
         host.phy_port = static_cast<uint8_t>(phy);
     }
     if (std::strncmp(host.ifName, work.ifname, kHostTextLen) != 0)
-        std::snprintf(host.ifName, kHostTextLen, "%s", work.ifname);
+        copyText(host.ifName, kHostTextLen, work.ifname);
 }
 
 // True when the host has no address left: a new entry goes back to the pool, a known
@@ -237,8 +239,8 @@ bool staleSinceDeparture(const fdb &record, int64_t nowMs) {
 void processEntry(const fdb &record, const DiscoverySources &sources, int64_t nowMs) {
     if (tooOldForDiscovery(record) || staleSinceDeparture(record, nowMs)) return;
     CycleEntry work;
-    std::snprintf(work.ifname, sizeof work.ifname, "%.*s", static_cast<int>(kIfnameCopyLen - 1),
-                  record.ifname);
+    copyText(work.ifname, std::min(sizeof work.ifname, kIfnameCopyLen),
+             std::string_view(record.ifname, strnlen(record.ifname, sizeof record.ifname)));
     if (record.is_local) return;
     if (is_ignore_ifname(work.ifname) == 1) {
         HX_DBG(DBG_TRACE, "[%s %d]: ignore ifname %s\n", kCycle, __LINE__, work.ifname);

@@ -47,10 +47,10 @@ bool fuzzyMacMatch(const uint8_t *record, const uint8_t *mac) {
            fuzzyOctet(record[5], mac[5]);
 }
 
-// The next node of MAC after NODE that is complete, or nullptr.
-arp_entry *nextComplete(arp_entry *node, const uint8_t *mac) {
-    for (arp_entry *next = find_arp_entry(node->next, mac); next;
-         next = find_arp_entry(next->next, mac))
+// The next node of NODE's MAC in LIST that is complete, or nullptr.
+arp_entry *nextComplete(arp_entry *list, arp_entry *node) {
+    for (arp_entry *next = nextArpEntryOfMac(list, node); next;
+         next = nextArpEntryOfMac(list, next))
         if (next->complete) return next;
     return nullptr;
 }
@@ -61,7 +61,7 @@ void lookupLease(DiscoveryStep &step) {
     if (step.completeArpCount == 2)
         find_dhcp_lease_fuzzy(dhcpLeaseSnapshot(), dhcpLeaseCount(), step.mac, &step.lease);
     else
-        getDhcpClientInfo(dhcpLeaseSnapshot(), dhcpLeaseCount(), step.mac, &step.lease);
+        step.lease = findDhcpLease(step.mac);
 }
 
 void takeLeaseName(hostEntry &entry, const dhcp_lease &lease) {
@@ -102,13 +102,13 @@ void updateClientState(hostEntry &entry, const DiscoveryStep &step) {
 }
 
 // A host with two addresses reports the one its lease names.
-void repickArpByLease(DiscoveryStep &step) {
+void repickArpByLease(DiscoveryStep &step, arp_entry *list) {
     arp_entry *match = step.arpMatch;
     if (!leaseIsValid(step.lease) || step.completeArpCount != 2 || !match || !match->complete ||
         match->ip == step.lease->ip)
         return;
-    for (arp_entry *node = find_arp_entry(match->next, step.mac); node;
-         node = find_arp_entry(node->next, step.mac)) {
+    for (arp_entry *node = nextArpEntryOfMac(list, match); node;
+         node = nextArpEntryOfMac(list, node)) {
         if (node->ip != step.lease->ip) continue;
         if (node->complete) step.arpMatch = node;
         return;
@@ -188,7 +188,7 @@ void applyRelease(hostEntry &entry, DiscoveryStep &step) {
 
 void takeIpv6Address(hostEntry &entry, DiscoveryStep &step, const DiscoverySources &sources) {
     lanHostInfo_t &host = entry.lanHost;
-    const ipv6_neigh *neigh = find_ipv6_neigh(sources.ipv6, host.mac);
+    const ipv6_neigh *neigh = findIpv6Neigh(sources.ipv6, host.mac);
     if (!neigh || std::memcmp(neigh->addr, host.ipv6, kIpv6Len) == 0) return;
     if (host.firstConnect == 0) entry.informChange = 1;
     if (hasNoAddress(host)) {
@@ -243,21 +243,21 @@ int find_dhcp_lease_fuzzy(dhcp_lease *array, int count, const uint8_t *mac, dhcp
 
 void selectArpEntry(arp_entry *list, DiscoveryStep &step) {
     step.completeArpCount = 0;
-    step.arpMatch = find_arp_entry(list, step.mac);
+    step.arpMatch = firstArpEntry(list, step.mac);
     if (!step.arpMatch) return;
     if (!step.arpMatch->complete) {
-        arp_entry *complete = nextComplete(step.arpMatch, step.mac);
+        arp_entry *complete = nextComplete(list, step.arpMatch);
         if (!complete) return;
         step.arpMatch = complete;
     }
-    step.completeArpCount = nextComplete(step.arpMatch, step.mac) ? 2 : 1;
+    step.completeArpCount = nextComplete(list, step.arpMatch) ? 2 : 1;
 }
 
 void resolveHostAddresses(hostEntry &entry, DiscoveryStep &step, const DiscoverySources &sources) {
     lookupLease(step);
     noteLease(entry, step);
     updateClientState(entry, step);
-    repickArpByLease(step);
+    repickArpByLease(step, sources.arp);
     HX_DBG(DBG_IP_SOURCE, "[%s %d]: Before ipSource=%d\n", kCycle, __LINE__,
            static_cast<int>(entry.lanHost.ipSource));
     selectIpv4Source(entry, step);

@@ -16,6 +16,7 @@
 #include "core/paths.h"
 #include "core/text.h"
 #include "core/unique_fd.h"
+#include "discovery/mac_index.h"
 #include "discovery/wlan_sta.h"
 #include "hosts/host_table.h"
 #include "platform/os.h"
@@ -42,6 +43,9 @@ struct FreeDeleter {
     void operator()(void *memory) const { std::free(memory); }
 };
 std::unique_ptr<dhcp_lease[], FreeDeleter> leaseArray;
+MacIndex<arp_entry> arpIndex;
+MacIndex<ipv6_neigh> ipv6Index;
+MacIndex<dhcp_lease> leaseIndex;
 int leaseCount = 0;
 bool leasesRead = false;  // the first refresh always reads, however young the clock
 uint32_t leaseRefreshTime = 0;
@@ -164,8 +168,7 @@ arp_entry *arpNodeOf(const ArpLine &line) {
     convertMacFormat(line.mac, node->mac);  // a bad text leaves the MAC as it produced
     uint32_t ip = 0;
     if (inet_pton(AF_INET, line.ip, &ip) == 1) node->ip = ip;
-    std::snprintf(node->ifname, sizeof node->ifname, "%.*s", static_cast<int>(kSourceIfnameLen),
-                  line.device);
+    copyText(node->ifname, std::min(sizeof node->ifname, kSourceIfnameLen + 1), line.device);
     node->complete = (line.flags & kArpFlagComplete) ? 1 : 0;
     return node;
 }
@@ -181,6 +184,13 @@ void replaceLease(dhcp_lease *array, int count) {
     leaseArray.reset(count > 0 ? array : nullptr);
     if (count <= 0) std::free(array);
     leaseCount = count > 0 ? count : 0;
+    leaseIndex.reset(leaseArray.get());
+    for (int i = 0; i < leaseCount; ++i) leaseIndex.add(&leaseArray[i]);
+}
+
+void indexArpNode(arp_entry *node) {
+    node->sameMacNext = nullptr;
+    if (arp_entry *previous = arpIndex.add(node)) previous->sameMacNext = node;
 }
 
 }  // namespace
@@ -234,7 +244,8 @@ int collect_arp_entries(arp_entry **head) {
     if (!std::fgets(line, sizeof line, file.get())) return 0;  // the header
     int count = 0;
     arp_entry **tail = head;
-    while (*tail) tail = &(*tail)->next;
+    arpIndex.reset(*head);
+    for (; *tail; tail = &(*tail)->next) indexArpNode(*tail);
     while (std::fgets(line, sizeof line, file.get())) {
         ArpLine parsed{};
         if (!parseArpLine(line, parsed) || !startsWith(parsed.device, "br")) continue;
@@ -242,8 +253,10 @@ int collect_arp_entries(arp_entry **head) {
         if (!node) continue;
         *tail = node;
         tail = &node->next;
+        indexArpNode(node);
         ++count;
     }
+    arpIndex.retarget(*head);
     return count;
 }
 
@@ -253,7 +266,21 @@ arp_entry *find_arp_entry(arp_entry *start, const uint8_t *mac) {
     return nullptr;
 }
 
-void free_arp_entries(arp_entry **head) { freeNodes(head); }
+void free_arp_entries(arp_entry **head) {
+    if (head && *head) arpIndex.clear();
+    freeNodes(head);
+}
+
+arp_entry *firstArpEntry(arp_entry *list, const uint8_t *mac) {
+    arp_entry *first = nullptr;
+    return arpIndex.lookup(list, mac, first) ? first : find_arp_entry(list, mac);
+}
+
+arp_entry *nextArpEntryOfMac(arp_entry *list, arp_entry *node) {
+    arp_entry *first = nullptr;
+    return arpIndex.lookup(list, node->mac, first) ? node->sameMacNext
+                                                   : find_arp_entry(node->next, node->mac);
+}
 
 // ---------------------------------------------------------------- IPv6 neighbours
 
@@ -269,6 +296,8 @@ int collect_ipv6_neigh(ipv6_neigh **head) {
     UniquePipe pipe(os_popen_read(kIpv6NeighCommand));
     if (!pipe) return 0;
     char line[kLineBufSize];
+    ipv6Index.reset(*head);
+    for (ipv6_neigh *node = *head; node; node = node->next) ipv6Index.add(node);
     while (std::fgets(line, sizeof line, pipe.get())) {
         Ipv6NeighLine parsed{};
         uint8_t mac[6];
@@ -288,7 +317,9 @@ bool isLinkLocalIpv6(const uint8_t *addr) {
 ipv6_neigh *update_ipv6_neigh(const uint8_t *mac, const char *text, ipv6_neigh *head) {
     uint8_t addr[kIpv6AddrLen] = {};
     if (inet_pton(AF_INET6, text, addr) != 1) std::memset(addr, 0, sizeof addr);
-    ipv6_neigh *node = find_ipv6_neigh(head, mac);
+    ipv6_neigh *node = nullptr;
+    const bool indexed = ipv6Index.lookup(head, mac, node);
+    if (!indexed) node = find_ipv6_neigh(head, mac);
     if (node) {
         bool empty = isZeroIpv6(node->addr);
         if (!empty) HX_DBG(DBG_TRACE, "[%s %d]: %s\n", __func__, __LINE__, text);
@@ -304,7 +335,16 @@ ipv6_neigh *update_ipv6_neigh(const uint8_t *mac, const char *text, ipv6_neigh *
     std::memcpy(node->addr, addr, sizeof addr);
     HX_DBG(DBG_TRACE, "[%s %d]: update with ip %s\n", __func__, __LINE__, text);
     node->next = head;
+    if (indexed) {
+        ipv6Index.add(node);
+        ipv6Index.retarget(node);
+    }
     return node;
+}
+
+ipv6_neigh *findIpv6Neigh(ipv6_neigh *list, const uint8_t *mac) {
+    ipv6_neigh *node = nullptr;
+    return ipv6Index.lookup(list, mac, node) ? node : find_ipv6_neigh(list, mac);
 }
 
 ipv6_neigh *find_ipv6_neigh(ipv6_neigh *head, const uint8_t *mac) {
@@ -313,7 +353,10 @@ ipv6_neigh *find_ipv6_neigh(ipv6_neigh *head, const uint8_t *mac) {
     return nullptr;
 }
 
-void free_ipv6_neigh(ipv6_neigh **head) { freeNodes(head); }
+void free_ipv6_neigh(ipv6_neigh **head) {
+    if (head && *head) ipv6Index.clear();
+    freeNodes(head);
+}
 
 // ---------------------------------------------------------------- lease snapshot
 
@@ -340,6 +383,13 @@ dhcp_lease *dhcpLeaseSnapshot() { return leaseArray.get(); }
 
 int dhcpLeaseCount() { return leaseCount; }
 
+dhcp_lease *findDhcpLease(const uint8_t *mac) {
+    dhcp_lease *lease = nullptr;
+    if (!leaseIndex.lookup(leaseArray.get(), mac, lease))
+        getDhcpClientInfo(leaseArray.get(), leaseCount, mac, &lease);
+    return lease;
+}
+
 // ---------------------------------------------------------------- the rest
 
 int is_wifi_station(const uint8_t *mac) {
@@ -363,4 +413,5 @@ void resetDiscoverySources() {
     leaseCount = 0;
     leasesRead = false;
     leaseRefreshTime = 0;
+    leaseIndex.clear();
 }

@@ -20,6 +20,7 @@ struct arp_entry {
     uint32_t ip;  // network byte order
     char ifname[kSourceIfnameLen + 1];
     uint32_t complete;  // 1: the kernel's entry is complete (flag 0x2)
+    arp_entry *sameMacNext;  // the list's next node of this MAC, once the list is indexed
 };
 
 struct ipv6_neigh {
@@ -48,6 +49,10 @@ bool parseArpLine(std::string_view line, ArpLine &out);
 int collect_arp_entries(arp_entry **head);
 arp_entry *find_arp_entry(arp_entry *start, const uint8_t *mac);
 void free_arp_entries(arp_entry **head);
+// The same answers as find_arp_entry(LIST, MAC) and find_arp_entry(NODE->next,
+// NODE->mac), from the cycle's index when LIST is the list collect_arp_entries built.
+arp_entry *firstArpEntry(arp_entry *list, const uint8_t *mac);
+arp_entry *nextArpEntryOfMac(arp_entry *list, arp_entry *node);
 
 // --- IPv6 neighbours ---
 // One "ip -6 neigh" line: address, device, link-layer address.
@@ -61,6 +66,8 @@ bool parseIpv6NeighLine(std::string_view line, Ipv6NeighLine &out);
 int collect_ipv6_neigh(ipv6_neigh **head);
 ipv6_neigh *update_ipv6_neigh(const uint8_t *mac, const char *text, ipv6_neigh *head);
 ipv6_neigh *find_ipv6_neigh(ipv6_neigh *head, const uint8_t *mac);
+// find_ipv6_neigh's answer, from the cycle's index when LIST is the collected list.
+ipv6_neigh *findIpv6Neigh(ipv6_neigh *list, const uint8_t *mac);
 void free_ipv6_neigh(ipv6_neigh **head);
 // True for an address in fe80::/10.
 bool isLinkLocalIpv6(const uint8_t *addr);
@@ -70,6 +77,8 @@ bool isLinkLocalIpv6(const uint8_t *addr);
 int refresh_dhcp_leases();
 dhcp_lease *dhcpLeaseSnapshot();
 int dhcpLeaseCount();
+// getDhcpClientInfo's answer over the snapshot, from its index.
+dhcp_lease *findDhcpLease(const uint8_t *mac);
 
 // --- the rest ---
 int is_wifi_station(const uint8_t *mac);

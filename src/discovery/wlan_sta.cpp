@@ -1,5 +1,6 @@
 #include "discovery/wlan_sta.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -7,6 +8,7 @@
 #include <string_view>
 
 #include "core/log.h"
+#include "core/text.h"
 #include "platform/os.h"
 #include "platform/zvt.h"
 
@@ -118,18 +120,25 @@ void updateWiredHost(lanHostInfo_t &host) {
     if (speed < 0 || static_cast<size_t>(speed) >= kSpeedTexts.size()) return;
     const char *text = kSpeedTexts[static_cast<size_t>(speed)];
     if (!text) return;
-    std::snprintf(host.negRxRate, kRateTextSize, "%s", text);
-    std::snprintf(host.negTxRate, kRateTextSize, "%s", text);
+    copyText(host.negRxRate, kRateTextSize, text);
+    copyText(host.negTxRate, kRateTextSize, text);
 }
 
 }  // namespace
 
+// Built by hand rather than with snprintf: discovery asks for every slot of every
+// host in each cycle. Cut to the buffer, as snprintf would.
 void wlanSlotName(int radio, int k, char (&name)[kWlanIfnameLen + 1]) {
     const char *root = WLANIF[radio] ? WLANIF[radio] : "";
-    if (k == 0)
-        std::snprintf(name, sizeof name, "%s", root);
-    else
-        std::snprintf(name, sizeof name, "%s-vap%d", root, k - 1);
+    size_t length = strnlen(root, kWlanIfnameLen);
+    std::memcpy(name, root, length);
+    if (k > 0) {
+        const char suffix[] = {'-', 'v', 'a', 'p', static_cast<char>('0' + k - 1)};
+        size_t room = std::min(sizeof suffix, static_cast<size_t>(kWlanIfnameLen) - length);
+        std::memcpy(name + length, suffix, room);
+        length += room;
+    }
+    name[length] = '\0';
 }
 
 int collectWlanStaInfo() {
@@ -153,11 +162,13 @@ int checkWlanFuncoff(const char *ifname) {
 
 int updateStaInfo(hostEntry *entry) {
     if (!entry) return 0;
-    char macText[kMacHexSize];
-    std::snprintf(macText, sizeof macText, "%02X%02X%02X%02X%02X%02X",
-                  MAC_ARGS(entry->lanHost.mac));
-    HX_DBG(DBG_TRACE, "%s:%d sfu sta Mac is (%s), valid is %d, offline is %d\n", __func__,
-           __LINE__, macText, entry->valid, entry->lanHost.offline);
+    if (dbg_level & DBG_TRACE) {
+        char macText[kMacHexSize];
+        std::snprintf(macText, sizeof macText, "%02X%02X%02X%02X%02X%02X",
+                      MAC_ARGS(entry->lanHost.mac));
+        hostrixLog("%s:%d sfu sta Mac is (%s), valid is %d, offline is %d\n", __func__, __LINE__,
+                   macText, entry->valid, entry->lanHost.offline);
+    }
     if (entry->lanHost.connectionType == CONNECTION_WIRELESS)
         updateWirelessHost(*entry);
     else

@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -77,6 +78,34 @@ TEST_F(SourcesTest, ArpListKeepsBridgeLinesInFileOrder) {
     EXPECT_EQ(second->complete, 0u);
     EXPECT_EQ(find_arp_entry(second->next, mac.data()), nullptr);
     free_arp_entries(&head);
+}
+
+// The index answers exactly as the scans do, in a small list and in one with more
+// MACs than it indexes; a list it was not built for is scanned.
+TEST_F(SourcesTest, IndexedLookupsAnswerAsTheScans) {
+    for (int macs : {3, 300}) {
+        std::string text = "IP address HW type Flags HW address Mask Device\n";
+        for (int i = 0; i < macs * 2; ++i) {  // every MAC twice, the first time incomplete
+            char line[96];
+            std::snprintf(line, sizeof line, "10.0.%d.%d 0x1 %s 02:00:00:00:%02x:%02x * br0\n",
+                          i / 250, i % 250 + 1, i < macs ? "0x0" : "0x2", i % macs / 256,
+                          i % macs % 256);
+            text += line;
+        }
+        fake::state().kernelFiles["/proc/net/arp"] = text;
+        arp_entry *head = nullptr;
+        ASSERT_EQ(collect_arp_entries(&head), macs * 2);
+        for (int i : {0, macs / 2, macs - 1}) {
+            fake::Mac mac = fake::mac(2, 0, 0, 0, i / 256, i % 256);
+            arp_entry *first = firstArpEntry(head, mac.data());
+            ASSERT_EQ(first, find_arp_entry(head, mac.data())) << macs << " " << i;
+            arp_entry *next = nextArpEntryOfMac(head, first);
+            ASSERT_EQ(next, find_arp_entry(first->next, mac.data())) << macs << " " << i;
+            EXPECT_EQ(nextArpEntryOfMac(head, next), nullptr);
+            EXPECT_EQ(firstArpEntry(head->next, mac.data()), find_arp_entry(head->next, mac.data()));
+        }
+        free_arp_entries(&head);
+    }
 }
 
 // Each parser is given a view that a longer text continues: it must stop at the view's end.
