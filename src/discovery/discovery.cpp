@@ -316,4 +316,6 @@ void __zvt_hostrix_update_from_arp() {
     if (sources.arp) free_arp_entries(&sources.arp);
     if (sources.ipv6) free_ipv6_neigh(&sources.ipv6);
     if (forwarding) free_bridge_fdb(&forwarding);
+    // The cycle's registrations reach the counters together, in one transaction.
+    zvt_commit_lan_hpc();
 }

@@ -19,7 +19,13 @@ int zvt_ipv6_send_neigh_solicit(const char *ifname, const void *addr);
 
 int zvt_fc_host_police_control_mib_counter_init();
 int zvt_fc_update_lan_hpc_for_mib(void *entry, int on);
+// Queues the host's entry into (on) or out of the counter set; the change reaches the
+// counters with the next commit.
 int zvt_update_lan_hpc_for_mib(void *entry, int on);
+// Sends every queued change at once, at the end of a discovery cycle; -1 when that
+// failed (the changes stay queued for the next commit).
+int zvt_commit_lan_hpc();
+// Starts a sampling pass (committing queued changes first).
 int zvt_host_police_control_mib_counter_get_begin();
 int zvt_host_police_control_mib_counter_get_end();
 // pair = {bytes sent, bytes received}; 0 when the host is known to the counter set

@@ -82,6 +82,7 @@ TEST_F(DiscoveryTest, NewDhcpHostArrivesWithItsLeaseOnceRecentlySeen) {
     EXPECT_EQ(entry->startOnLine, fake::state().monotonic.tv_sec);
     EXPECT_NE(host.latestActiveTime[0], '\0');
     EXPECT_EQ(fake::state().hpcUpdates.size(), 2u);  // both counter sets
+    EXPECT_EQ(fake::state().hpcCommits, 2);  // every cycle ends by sending its registrations
     uint32_t confirmed = entry->updateTime;
     fake::state().fdb[0].ageing = 9100;  // too old again: only the idle time is kept
     cycle();

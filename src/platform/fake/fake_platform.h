@@ -64,6 +64,7 @@ struct State {
     std::map<Mac, CounterPair> fcCounters;  // fc set, by MAC
     std::vector<std::pair<Mac, int>> hpcUpdates;  // (MAC, on) in call order, both sets
     int counterInitCalls = 0;
+    int hpcCommits = 0;  // zvt_commit_lan_hpc calls
 
     // Commands: every line run (va_cmd arguments joined by spaces, os_system and
     // os_popen_read lines verbatim), canned output by exact line, and a hook that

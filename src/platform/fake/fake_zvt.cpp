@@ -93,6 +93,11 @@ int zvt_update_lan_hpc_for_mib(void *entry, int on) {
     return 0;
 }
 
+int zvt_commit_lan_hpc() {
+    ++fake::state().hpcCommits;
+    return 0;
+}
+
 int zvt_host_police_control_mib_counter_get_begin() { return 0; }
 int zvt_host_police_control_mib_counter_get_end() { return 0; }
 

@@ -1,218 +1,268 @@
-// The nftables side of the switch library's traffic counters: the table is made at
-// start-up and removed at exit, hosts are added to and removed from its sets as they
-// come and go, and each sampling pass lists the table once and answers from that copy.
-// Everything here runs on the main thread.
+// The pure parts of the nftables counters: the set-element dump decoder and the queue
+// of registrations.
 #include "platform/linux/nft_counters.h"
 
-#include <unistd.h>
+#include <libmnl/libmnl.h>
+#include <libnftnl/expr.h>
+#include <libnftnl/set.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netlink.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
+#include <climits>
 #include <cstring>
 #include <memory>
-#include <string>
-
-#include "platform/linux/mib_store.h"
-#include "platform/linux/read_util.h"
-#include "platform/mib.h"
-#include "platform/zvt.h"
-
-// --- the listing parser ---
+#include <string_view>
 
 namespace {
 
-constexpr size_t kMaxJsonDepth = 32;  // nft nests six deep; deeper text is not a listing
-constexpr size_t kMaxU64Digits = 20;
+constexpr std::string_view kTableName = "hostrix";
+constexpr uint16_t kNewSetElem = (NFNL_SUBSYS_NFTABLES << 8) | NFT_MSG_NEWSETELEM;
 
-enum class TokenKind { End, Open, Close, String, Number, Other };
-
-struct Token {
-    TokenKind kind = TokenKind::End;
-    std::string_view text;  // a string's raw contents, escapes as written
+struct SetFree {
+    void operator()(nftnl_set *set) const { nftnl_set_free(set); }
 };
+using SetPtr = std::unique_ptr<nftnl_set, SetFree>;
 
-// Just enough of JSON to walk a listing: strings, numbers, brackets and a peek for
-// the colon after a key. Anything else comes back as Other, one character at a time.
-class JsonScanner {
-   public:
-    explicit JsonScanner(std::string_view text) : rest_(text) {}
+// libmnl checks a length against the rest with a signed compare, so a length with
+// its top bit set would pass: this one compares unsigned. libmnl reads a message's
+// attributes up to its length rounded up, so that must fit too.
+bool messageFits(const nlmsghdr *message, int rest) {
+    return mnl_nlmsg_ok(message, rest) && message->nlmsg_len <= static_cast<unsigned>(rest) &&
+           MNL_ALIGN(message->nlmsg_len) <= static_cast<unsigned>(rest);
+}
 
-    Token next() {
-        skipBlanks();
-        if (rest_.empty()) return {};
-        const char c = rest_.front();
-        if (c == '"') return string();
-        if (c == '{' || c == '[') return take(TokenKind::Open, 1);
-        if (c == '}' || c == ']') return take(TokenKind::Close, 1);
-        if (c == '-' || (c >= '0' && c <= '9')) return number();
-        return take(TokenKind::Other, 1);
-    }
-
-    // Consumes a colon when one comes next, which makes the string before it a key.
-    bool takeColon() {
-        skipBlanks();
-        if (rest_.empty() || rest_.front() != ':') return false;
-        rest_.remove_prefix(1);
-        return true;
-    }
-
-   private:
-    void skipBlanks() {
-        rest_.remove_prefix(std::min(rest_.find_first_not_of(" \t\r\n"), rest_.size()));
-    }
-
-    Token take(TokenKind kind, size_t length) {
-        Token token{kind, rest_.substr(0, length)};
-        rest_.remove_prefix(token.text.size());
-        return token;
-    }
-
-    // A number that runs to the end of the text may have been cut short: it ends it.
-    Token number() {
-        const size_t length = rest_.find_first_not_of("0123456789+-.eE");
-        if (length == std::string_view::npos) {
-            rest_ = {};
-            return {};
-        }
-        return take(TokenKind::Number, length);
-    }
-
-    // An unterminated string ends the text.
-    Token string() {
-        for (size_t i = 1; i < rest_.size(); ++i) {
-            if (rest_[i] == '\\') {
-                ++i;
-            } else if (rest_[i] == '"') {
-                Token token{TokenKind::String, rest_.substr(1, i - 1)};
-                rest_.remove_prefix(i + 1);
-                return token;
-            }
-        }
-        rest_ = {};
-        return {};
-    }
-
-    std::string_view rest_;
-};
-
-bool parseU64(std::string_view digits, uint64_t &value) {
-    if (digits.empty() || digits.size() > kMaxU64Digits) return false;
-    value = 0;
-    for (char c : digits) {
-        if (c < '0' || c > '9') return false;
-        const uint64_t digit = static_cast<uint64_t>(c - '0');
-        if (value > (UINT64_MAX - digit) / 10) return false;
-        value = value * 10 + digit;
-    }
+bool setOf(const nftnl_set *set, NftSet &which) {
+    const char *table = nftnl_set_get_str(set, NFTNL_SET_TABLE);
+    const char *name = nftnl_set_get_str(set, NFTNL_SET_NAME);
+    if (!table || !name || table != kTableName) return false;
+    const std::string_view setName = name;
+    if (setName != "tx" && setName != "rx") return false;
+    which = setName == "tx" ? NftSet::Tx : NftSet::Rx;
     return true;
 }
 
-enum class SetKind { Other, Tx, Rx };
-
-struct SetElement {
-    std::array<uint8_t, kNftMacBytes> mac{};
-    SetKind set = SetKind::Other;
+struct CounterSearch {
+    bool found = false;
     uint64_t bytes = 0;
 };
 
-// Follows the nesting of the listing. Inside an object under the key "set", whose
-// "name" (written before its elements) says tx or rx, each "val" MAC is paired with
-// the next "bytes" number inside the same element.
-class ListingWalker {
-   public:
-    explicit ListingWalker(std::string_view json) : scanner_(json) {}
+// Called by libnftnl for each expression of an element; it must not throw.
+int findCounter(nftnl_expr *expr, void *data) noexcept {
+    const char *name = nftnl_expr_get_str(expr, NFTNL_EXPR_NAME);
+    if (!name || std::string_view(name) != "counter" ||
+        !nftnl_expr_is_set(expr, NFTNL_EXPR_CTR_BYTES))
+        return MNL_CB_OK;
+    auto *search = static_cast<CounterSearch *>(data);
+    search->found = true;
+    search->bytes = nftnl_expr_get_u64(expr, NFTNL_EXPR_CTR_BYTES);
+    return MNL_CB_STOP;
+}
 
-    std::vector<SetElement> walk() {
-        for (Token token = scanner_.next(); token.kind != TokenKind::End && !full();
-             token = scanner_.next()) {
-            if (!step(token)) break;
-        }
-        return std::move(elements_);
-    }
+bool readElement(nftnl_set_elem *elem, NftSetElement &out) {
+    uint32_t keyLength = 0;
+    const void *key = nftnl_set_elem_get(elem, NFTNL_SET_ELEM_KEY, &keyLength);
+    if (!key || keyLength != kNftMacBytes) return false;
+    CounterSearch counter;
+    (void)nftnl_set_elem_expr_foreach(elem, findCounter, &counter);
+    if (!counter.found) return false;
+    std::memcpy(out.mac.data(), key, kNftMacBytes);
+    out.bytes = counter.bytes;
+    return true;
+}
 
-   private:
-    bool full() const { return elements_.size() >= kMaxNftElements; }
+// Calls EACH with every attribute within LENGTH bytes at PAYLOAD while it says true;
+// false when EACH said false.
+template <typename Each>
+bool eachAttr(const void *payload, size_t length, Each each) {
+    const auto *attr = static_cast<const nlattr *>(payload);
+    for (int rest = static_cast<int>(length); mnl_attr_ok(attr, rest);
+         rest -= static_cast<int>(MNL_ALIGN(attr->nla_len)), attr = mnl_attr_next(attr))
+        if (!each(attr)) return false;
+    return true;
+}
 
-    // False when the text nests deeper than any listing.
-    bool step(const Token &token) {
-        switch (token.kind) {
-            case TokenKind::Open:
-                return open(token.text == "{");
-            case TokenKind::Close:
-                close();
-                break;
-            case TokenKind::String:
-                if (scanner_.takeColon()) {
-                    key_ = token.text;
-                    return true;
-                }
-                onString(token.text);
-                break;
-            case TokenKind::Number:
-                onNumber(token.text);
-                break;
-            case TokenKind::Other:
-            case TokenKind::End:
-                break;
-        }
-        key_ = {};
-        return true;
-    }
+template <typename Each>
+bool eachNested(const nlattr *nest, Each each) {
+    return eachAttr(mnl_attr_get_payload(nest), mnl_attr_get_payload_len(nest), each);
+}
 
-    bool open(bool isObject) {
-        if (depth_ >= kMaxJsonDepth) return false;
-        ++depth_;
-        if (isObject && key_ == "set" && setDepth_ == 0) {
-            setDepth_ = depth_;
-            set_ = SetKind::Other;
-        }
-        key_ = {};
-        return true;
-    }
-
-    void close() {
-        if (depth_ == 0) return;
-        if (depth_ == macDepth_) macDepth_ = 0;
-        if (depth_ == setDepth_) setDepth_ = macDepth_ = 0;
-        --depth_;
-    }
-
-    void onString(std::string_view text) {
-        if (setDepth_ == 0) return;
-        if (key_ == "name" && depth_ == setDepth_)
-            set_ = text == "tx" ? SetKind::Tx : text == "rx" ? SetKind::Rx : SetKind::Other;
-        if (key_ == "val" && set_ != SetKind::Other)
-            macDepth_ = parseMacText(text, pending_.mac.data()) ? depth_ : 0;
-    }
-
-    void onNumber(std::string_view text) {
-        if (macDepth_ == 0 || key_ != "bytes") return;
-        pending_.set = set_;
-        if (parseU64(text, pending_.bytes)) elements_.push_back(pending_);
-        macDepth_ = 0;
-    }
-
-    JsonScanner scanner_;
-    std::string_view key_;  // the key whose value comes next
-    size_t depth_ = 0;
-    size_t setDepth_ = 0;  // of the set object being read, 0 outside one
-    SetKind set_ = SetKind::Other;
-    size_t macDepth_ = 0;  // of the element whose MAC is pending, 0 when none
-    SetElement pending_;
-    std::vector<SetElement> elements_;
+// libnftnl's parsers trust the kernel: an attribute of the wrong size makes them call
+// exit(), an expression without a name crashes them, and an element attribute of an
+// unknown type past the element's own maximum is stored beyond their table on the
+// stack. So a message reaches them only when every attribute in it is one that a
+// counter set's dump holds, of its proper type; anything else leaves the message out.
+struct Rule {
+    uint16_t type;
+    mnl_attr_data_type kind;
+    bool (*inner)(const nlattr *attr);  // further checks, or nullptr
 };
 
-// One entry per MAC; of a MAC listed twice in one set, the later count wins.
-std::vector<NftCounter> mergeByMac(std::vector<SetElement> elements) {
+template <size_t N>
+bool attrsValid(const void *payload, size_t length, const Rule (&rules)[N]) {
+    return eachAttr(payload, length, [&](const nlattr *attr) {
+        const uint16_t type = mnl_attr_get_type(attr);
+        for (const Rule &rule : rules)
+            if (rule.type == type)
+                return mnl_attr_validate(attr, rule.kind) == 0 && (!rule.inner || rule.inner(attr));
+        return false;
+    });
+}
+
+template <size_t N>
+bool nestValid(const nlattr *nest, const Rule (&rules)[N]) {
+    return attrsValid(mnl_attr_get_payload(nest), mnl_attr_get_payload_len(nest), rules);
+}
+
+// A list of nests of type NFTA_LIST_ELEM, each valid by EACH.
+bool listValid(const nlattr *list, bool (*each)(const nlattr *)) {
+    return eachNested(list, [&](const nlattr *attr) {
+        return mnl_attr_get_type(attr) == NFTA_LIST_ELEM &&
+               mnl_attr_validate(attr, MNL_TYPE_NESTED) == 0 && each(attr);
+    });
+}
+
+bool counterValid(const nlattr *data) {
+    static constexpr Rule kRules[] = {{NFTA_COUNTER_BYTES, MNL_TYPE_U64, nullptr},
+                                      {NFTA_COUNTER_PACKETS, MNL_TYPE_U64, nullptr},
+                                      {NFTA_COUNTER_PAD, MNL_TYPE_UNSPEC, nullptr}};
+    return nestValid(data, kRules);
+}
+
+bool namesCounter(const nlattr *name) {
+    return std::string_view(mnl_attr_get_str(name)) == "counter";
+}
+
+bool isName(const nlattr *attr) {
+    return mnl_attr_get_type(attr) == NFTA_EXPR_NAME;
+}
+
+// Only counters: any other expression would be parsed by rules of its own.
+bool exprValid(const nlattr *expr) {
+    static constexpr Rule kRules[] = {{NFTA_EXPR_NAME, MNL_TYPE_NUL_STRING, namesCounter},
+                                      {NFTA_EXPR_DATA, MNL_TYPE_NESTED, counterValid}};
+    return nestValid(expr, kRules) &&
+           !eachNested(expr, [](const nlattr *attr) { return !isName(attr); });
+}
+
+bool exprListValid(const nlattr *list) {
+    return listValid(list, exprValid);
+}
+
+bool valueFits(const nlattr *value) {
+    return mnl_attr_get_payload_len(value) <= NFT_DATA_VALUE_MAXLEN;
+}
+
+bool keyValid(const nlattr *key) {
+    static constexpr Rule kRules[] = {{NFTA_DATA_VALUE, MNL_TYPE_BINARY, valueFits}};
+    return nestValid(key, kRules);
+}
+
+bool elementValid(const nlattr *element) {
+    static constexpr Rule kRules[] = {{NFTA_SET_ELEM_KEY, MNL_TYPE_NESTED, keyValid},
+                                      {NFTA_SET_ELEM_FLAGS, MNL_TYPE_U32, nullptr},
+                                      {NFTA_SET_ELEM_TIMEOUT, MNL_TYPE_U64, nullptr},
+                                      {NFTA_SET_ELEM_EXPIRATION, MNL_TYPE_U64, nullptr},
+                                      {NFTA_SET_ELEM_USERDATA, MNL_TYPE_BINARY, nullptr},
+                                      {NFTA_SET_ELEM_EXPR, MNL_TYPE_NESTED, exprValid},
+                                      {NFTA_SET_ELEM_EXPRESSIONS, MNL_TYPE_NESTED, exprListValid},
+                                      {NFTA_SET_ELEM_PAD, MNL_TYPE_UNSPEC, nullptr}};
+    return nestValid(element, kRules);
+}
+
+bool elementListValid(const nlattr *list) {
+    return listValid(list, elementValid);
+}
+
+bool messageValid(const nlmsghdr *message) {
+    static constexpr Rule kRules[] = {
+        {NFTA_SET_ELEM_LIST_TABLE, MNL_TYPE_NUL_STRING, nullptr},
+        {NFTA_SET_ELEM_LIST_SET, MNL_TYPE_NUL_STRING, nullptr},
+        {NFTA_SET_ELEM_LIST_ELEMENTS, MNL_TYPE_NESTED, elementListValid},
+        {NFTA_SET_ELEM_LIST_SET_ID, MNL_TYPE_U32, nullptr}};
+    // The same bounds as libmnl's walk: from the attributes to the rounded-up end.
+    const size_t offset = MNL_ALIGN(sizeof(nfgenmsg));
+    const auto *first = static_cast<const uint8_t *>(mnl_nlmsg_get_payload_offset(message, offset));
+    const auto *tail = static_cast<const uint8_t *>(mnl_nlmsg_get_payload_tail(message));
+    return attrsValid(first, static_cast<size_t>(tail - first), kRules);
+}
+
+struct ElementSink {
+    NftSet set;
+    std::vector<NftSetElement> &elements;
+};
+
+// Called by libnftnl for each element of a message; nothing may escape it.
+int takeElement(nftnl_set_elem *elem, void *data) noexcept {
+    auto *sink = static_cast<ElementSink *>(data);
+    if (sink->elements.size() >= kMaxNftElements) return MNL_CB_STOP;
+    NftSetElement element{.set = sink->set};
+    if (!readElement(elem, element)) return MNL_CB_OK;
+    try {
+        sink->elements.push_back(element);
+    } catch (...) {
+        return MNL_CB_ERROR;
+    }
+    return MNL_CB_OK;
+}
+
+void decodeMessage(const nlmsghdr *message, std::vector<NftSetElement> &elements) {
+    // libnftnl reads the family byte without checking that the body holds it.
+    if (message->nlmsg_type != kNewSetElem || message->nlmsg_len < NLMSG_LENGTH(sizeof(nfgenmsg)) ||
+        !messageValid(message))
+        return;
+    SetPtr set(nftnl_set_alloc());
+    ElementSink sink{NftSet::Tx, elements};
+    if (!set || nftnl_set_elems_nlmsg_parse(message, set.get()) < 0 || !setOf(set.get(), sink.set))
+        return;
+    (void)nftnl_set_elem_foreach(set.get(), takeElement, &sink);
+}
+
+RouteDumpStatus errorStatus(const nlmsghdr *message) {
+    if (message->nlmsg_len < NLMSG_LENGTH(sizeof(nlmsgerr))) return RouteDumpStatus::Failed;
+    nlmsgerr error;
+    std::memcpy(&error, mnl_nlmsg_get_payload(message), sizeof error);
+    return error.error == 0 ? RouteDumpStatus::Done : RouteDumpStatus::Failed;
+}
+
+RouteDumpStatus walkAligned(const nlmsghdr *message, int rest, uint32_t sequence,
+                            std::vector<NftSetElement> &elements) {
+    for (; rest > 0; message = mnl_nlmsg_next(message, &rest)) {
+        if (!messageFits(message, rest)) return RouteDumpStatus::Failed;
+        if (message->nlmsg_seq != sequence) continue;
+        if (message->nlmsg_type == NLMSG_DONE) return RouteDumpStatus::Done;
+        if (message->nlmsg_type == NLMSG_ERROR) return errorStatus(message);
+        if (message->nlmsg_type == NLMSG_OVERRUN) return RouteDumpStatus::Failed;
+        decodeMessage(message, elements);
+    }
+    return RouteDumpStatus::More;
+}
+
+}  // namespace
+
+RouteDumpStatus decodeNftElementDump(std::span<const uint8_t> datagram, uint32_t sequence,
+                                     std::vector<NftSetElement> &elements) {
+    if (datagram.size() > INT_MAX) return RouteDumpStatus::Failed;
+    const int size = static_cast<int>(datagram.size());
+    if (reinterpret_cast<uintptr_t>(datagram.data()) % alignof(nlmsghdr) == 0)
+        return walkAligned(reinterpret_cast<const nlmsghdr *>(datagram.data()), size, sequence,
+                           elements);
+    // The headers are read in place, so bytes from an odd address are copied first.
+    std::vector<nlmsghdr> aligned(datagram.size() / sizeof(nlmsghdr) + 1);
+    std::memcpy(aligned.data(), datagram.data(), datagram.size());
+    return walkAligned(aligned.data(), size, sequence, elements);
+}
+
+std::vector<NftCounter> mergeNftElements(std::vector<NftSetElement> elements) {
     std::stable_sort(elements.begin(), elements.end(),
-                     [](const SetElement &a, const SetElement &b) { return a.mac < b.mac; });
+                     [](const NftSetElement &a, const NftSetElement &b) { return a.mac < b.mac; });
     std::vector<NftCounter> counters;
-    for (const SetElement &element : elements) {
+    for (const NftSetElement &element : elements) {
         if (counters.empty() || counters.back().mac != element.mac)
             counters.push_back(NftCounter{.mac = element.mac});
         NftCounter &counter = counters.back();
-        if (element.set == SetKind::Tx) {
+        if (element.set == NftSet::Tx) {
             counter.txBytes = element.bytes;
             counter.inTx = true;
         } else {
@@ -223,177 +273,24 @@ std::vector<NftCounter> mergeByMac(std::vector<SetElement> elements) {
     return counters;
 }
 
-}  // namespace
-
-std::vector<NftCounter> parseNftCounterListing(std::string_view json) {
-    return mergeByMac(ListingWalker(json).walk());
-}
-
-// --- the table and the switch library's counter operations ---
-
-namespace {
-
-// Made in one transaction: the "add" lets the "delete" clear a table that a killed
-// daemon left behind, and is harmless when there is none.
-constexpr char kCreateTable[] =
-    "add table bridge hostrix; delete table bridge hostrix; "
-    "table bridge hostrix { "
-    "set tx { type ether_addr; counter; }; "
-    "set rx { type ether_addr; counter; }; "
-    "chain forward_c { type filter hook forward priority 0; policy accept; "
-    "ether saddr @tx; ether daddr @rx; }; "
-    "chain input_c { type filter hook input priority 0; policy accept; ether saddr @tx; }; "
-    "chain output_c { type filter hook output priority 0; policy accept; ether daddr @rx; }; "
-    "}";
-constexpr char kDeleteTable[] = "delete table bridge hostrix";
-constexpr char kListTable[] = "nft -j list table bridge hostrix 2>/dev/null";
-constexpr size_t kReadChunkBytes = 16384;
-constexpr size_t kMacTextBytes = 18;  // "xx:xx:xx:xx:xx:xx" and its NUL
-constexpr size_t kCommandBytes = 64;  // one element command
-
-struct CounterState {
-    bool available = false;
-    bool removalRegistered = false;
-    pid_t owner = 0;  // the process that made the table; a forked child leaves it be
-    std::vector<NftCounter> sample;  // of the current sampling pass, sorted by MAC
-};
-
-CounterState &counterState() {
-    static CounterState state;
-    return state;
-}
-
-bool runNft(const char *script) {
-    return va_cmd_no_error("nft", 1, 1, script) == 0;
-}
-
-void removeTable() {
-    if (counterState().owner == getpid()) (void)runNft(kDeleteTable);
-}
-
-bool nftOnPath() {
-    const char *search = std::getenv("PATH");
-    std::string dirs = search ? search : "/usr/sbin:/usr/bin:/sbin:/bin";
-    for (size_t start = 0; start <= dirs.size();) {
-        size_t end = std::min(dirs.find(':', start), dirs.size());
-        if (access((dirs.substr(start, end - start) + "/nft").c_str(), X_OK) == 0) return true;
-        start = end + 1;
+bool NftHostQueue::push(const NftHostOp &op) {
+    auto same = std::find_if(ops_.begin(), ops_.end(),
+                             [&](const NftHostOp &queued) { return queued.mac == op.mac; });
+    if (same != ops_.end()) ops_.erase(same);
+    bool firstDrop = false;
+    if (ops_.size() >= capacity_) {
+        ops_.erase(ops_.begin());
+        firstDrop = !dropReported_;
+        dropReported_ = true;
     }
-    return false;
+    ops_.push_back(op);
+    return firstDrop;
 }
 
-void reportUnavailable() {
-    if (!nftOnPath())
-        (void)std::fprintf(stderr,
-                           "hostrix: traffic counters are not available: nft was not found "
-                           "(install nftables, or set counters = off in mib.conf)\n");
-    else
-        (void)std::fprintf(stderr,
-                           "hostrix: traffic counters are not available: nft could not make the "
-                           "bridge table hostrix (it needs root and nf_tables; counters = off in "
-                           "mib.conf stops trying)\n");
-}
-
-std::string elementCommand(const char *op, const char *set, const char *mac) {
-    char command[kCommandBytes];
-    (void)std::snprintf(command, sizeof command, "%s element bridge hostrix %s { %s }; ", op, set,
-                        mac);
-    return command;
-}
-
-// Both sets in one run of nft. Adding before deleting makes the removal of a MAC that
-// is not there no error.
-std::string registrationScript(const uint8_t *mac, bool on) {
-    char text[kMacTextBytes];
-    (void)std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2],
-                        mac[3], mac[4], mac[5]);
-    std::string script;
-    for (const char *set : {"tx", "rx"}) {
-        script += elementCommand("add", set, text);
-        if (!on) script += elementCommand("delete", set, text);
-    }
-    return script;
-}
-
-struct PipeCloser {
-    void operator()(FILE *pipe) const { (void)pclose(pipe); }
-};
-
-// The JSON listing of the table, at most kMaxNftListingBytes of it; empty on failure.
-std::string listTable() {
-    std::unique_ptr<FILE, PipeCloser> pipe(popen(kListTable, "re"));
-    if (!pipe) return {};
-    std::string json;
-    char chunk[kReadChunkBytes];
-    while (json.size() < kMaxNftListingBytes) {
-        size_t want = std::min(sizeof chunk, kMaxNftListingBytes - json.size());
-        size_t got = std::fread(chunk, 1, want, pipe.get());
-        if (got == 0) break;
-        json.append(chunk, got);
-    }
-    return json;
-}
-
-const NftCounter *sampled(const void *entry) {
-    std::array<uint8_t, kNftMacBytes> mac;
-    std::memcpy(mac.data(), entry, mac.size());
-    const std::vector<NftCounter> &sample = counterState().sample;
-    auto it = std::lower_bound(sample.begin(), sample.end(), mac,
-                               [](const NftCounter &c, const auto &key) { return c.mac < key; });
-    return it != sample.end() && it->mac == mac ? &*it : nullptr;
-}
-
-}  // namespace
-
-int zvt_fc_host_police_control_mib_counter_init() {
-    CounterState &state = counterState();
-    state.available = false;
-    state.sample.clear();
-    if (mibConfigCurrent().counters == MibCounterSource::Off) return 0;
-    if (!runNft(kCreateTable)) {
-        reportUnavailable();
-        return -1;
-    }
-    state.available = true;
-    state.owner = getpid();
-    // The daemon returns from main when it stops, so the table goes with it.
-    if (!state.removalRegistered) state.removalRegistered = std::atexit(removeTable) == 0;
-    return 0;
-}
-
-int zvt_update_lan_hpc_for_mib(void *entry, int on) {
-    if (!entry || !counterState().available) return -1;
-    return runNft(registrationScript(static_cast<const uint8_t *>(entry), on != 0).c_str()) ? 0
-                                                                                            : -1;
-}
-
-// The second counter set has no source here.
-int zvt_fc_update_lan_hpc_for_mib(void *, int) {
-    return 0;
-}
-
-int zvt_host_police_control_mib_counter_get_begin() {
-    CounterState &state = counterState();
-    state.sample.clear();
-    if (!state.available) return 0;
-    state.sample = parseNftCounterListing(listTable());
-    return 0;
-}
-
-int zvt_host_police_control_mib_counter_get_end() {
-    counterState().sample.clear();
-    return 0;
-}
-
-int zvt_host_police_control_mib_counter_get(void *entry, uint64_t pair[2]) {
-    if (!entry || !pair) return -1;
-    const NftCounter *counter = sampled(entry);
-    if (!counter || !counter->inTx || !counter->inRx) return -1;
-    pair[0] = counter->txBytes;
-    pair[1] = counter->rxBytes;
-    return 0;
-}
-
-int zvt_fc_host_police_control_mib_counter_get(void *, uint64_t *) {
-    return -1;
+bool NftHostQueue::flush(const Send &send) {
+    if (ops_.empty()) return true;
+    if (!send(ops_)) return false;
+    ops_.clear();
+    dropReported_ = false;
+    return true;
 }
