@@ -15,7 +15,7 @@ status=0
 # Adds to SEEDS the inputs of FOUND that reach coverage SEEDS does not.
 keep_new_coverage() {
   local target=$1 seeds=$2 found=$3 size
-  size=$(du -sk "$seeds" | cut -f1)
+  size=$(du -s --apparent-size -k "$seeds" | cut -f1)
   if ((size >= keep_max_kb)); then
     echo "fuzz: $(basename "$seeds") corpus is ${size} KiB already; nothing added"
     return 0
