@@ -9,6 +9,11 @@
 namespace {
 
 constexpr int64_t kMsPerSecond = 1000;
+// The news of a departure comes a little after the device's last frame (a release
+// goes through the DHCP server and its script), and the bridge states an entry's
+// age in whole ticks, cut short: an entry this much younger than the departure is
+// still the one from before it.
+constexpr int64_t kDepartureSlackMs = 1000;
 
 std::unordered_map<uint64_t, int64_t> departures;  // MAC -> monotonic ms
 
@@ -43,7 +48,7 @@ void noteDeparture(const uint8_t *mac, int64_t nowMs) {
 bool isStaleSinceDeparture(const uint8_t *mac, int64_t ageMs, int64_t nowMs) {
     auto it = departures.find(macKey(mac));
     if (it == departures.end()) return false;
-    if (ageMs >= nowMs - it->second) return true;
+    if (ageMs + kDepartureSlackMs >= nowMs - it->second) return true;
     departures.erase(it);  // the device spoke after it left
     return false;
 }

@@ -152,13 +152,9 @@ check_gateway_names() {
 
 # The bridge keeps the device's entry for minutes; it must not bring the host back.
 release_quietly() {
-    local name="$1" gw_mac
+    local name="$1"
     # No IPv6: no router solicitation or neighbour traffic after the release.
     host_sysctl "$name" net/ipv6/conf/eth0/disable_ipv6 1
-    # Nor an ARP probe of the gateway, which the kernel sends a few seconds after the
-    # release went out to it: the device's entry for the gateway is pinned.
-    gw_mac="$(ip -n "$GW_NS" -o link show dev "$BR_KERNEL" | grep -o 'link/ether [0-9a-f:]*' | awk '{ print $2 }')"
-    ip -n "hx-$name" neigh replace 10.77.0.1 lladdr "$gw_mac" dev eth0 nud permanent
     sleep 1  # the last multicast reports leave before the release
     forget_reports
     kill -USR2 "$(udhcpc_pid "$name")"
