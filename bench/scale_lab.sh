@@ -26,7 +26,8 @@ status_kb() { awk -v k="$1:" '$1 == k { print $2 }' "/proc/$DAEMON_PID/status"; 
 
 bench_start() {
     lab_run down >/dev/null
-    lab_run up >/dev/null || { echo "scale: the lab did not come up" >&2; exit 1; }
+    # The shipping debug flags (none): the lab's own turn on per-host log lines.
+    LAB_MIB_OVERRIDES='480=0' lab_run up >/dev/null || { echo "scale: the lab did not come up" >&2; exit 1; }
     if (($# > 0)); then lab_run "$@" || { echo "scale: lab/lab $* failed" >&2; exit 1; }; fi
     daemon_start
     wait_for 50 socket_up || { echo "scale: the daemon did not answer" >&2; exit 1; }
