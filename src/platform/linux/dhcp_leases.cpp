@@ -137,20 +137,13 @@ uint32_t LeaseAnchors::remainingNow(const Anchor &anchor, LeaseEndKind kind, int
 
 namespace {
 
-// What tells a rewrite of the file, whatever the clocks say: dnsmasq rewrites it
-// whole, in place, on every change, so a new modification time marks one.
-struct LeaseFileStamp {
-    ino_t inode = 0;
-    off_t size = 0;
-    time_t mtimeSec = 0;
-    long mtimeNsec = 0;
-    bool operator==(const LeaseFileStamp &) const = default;
-};
+// dnsmasq rewrites the file whole, in place, on every change, so a new stamp
+// (FileStamp: its modification time among the rest) marks a rewrite.
 
 // Kept from one read to the next; main thread only.
 struct LeaseFileState {
     LeaseAnchors anchors;
-    LeaseFileStamp stamp;
+    FileStamp stamp;
 };
 
 LeaseFileState &leaseFileState() {
@@ -161,12 +154,12 @@ LeaseFileState &leaseFileState() {
 // The whole lines among the first kMaxLeaseFileBytes of the file; false when it
 // cannot be read or is empty.
 bool readLeaseText(const char *path, std::unique_ptr<char[]> &text, size_t &size,
-                   LeaseFileStamp &stamp) {
+                   FileStamp &stamp) {
     UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     struct stat st {};
     if (!fd.valid() || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0)
         return false;
-    stamp = {st.st_ino, st.st_size, st.st_mtim.tv_sec, st.st_mtim.tv_nsec};
+    stamp = fileStampOf(st);
     size_t limit = std::min(static_cast<size_t>(st.st_size), kMaxLeaseFileBytes);
     text.reset(new (std::nothrow) char[limit]);
     ssize_t got = text ? readUpTo(fd.get(), text.get(), limit) : -1;
@@ -183,7 +176,7 @@ int64_t monotonicNow() {
 }
 
 // Anchors the leases against the real clocks and the file's stamp.
-void anchorLeases(std::span<LeaseLine> leases, const LeaseFileStamp &stamp) {
+void anchorLeases(std::span<LeaseLine> leases, const FileStamp &stamp) {
     LeaseFileState &state = leaseFileState();
     bool rewritten = !(stamp == state.stamp);
     state.stamp = stamp;
@@ -198,9 +191,10 @@ int getDhcpClientLeasesDB(dhcp_lease **array, unsigned long *) {
     *array = nullptr;
     std::unique_ptr<char[]> text;
     size_t size = 0;
-    LeaseFileStamp stamp;
-    if (!readLeaseText(mibConfigCurrent().leaseFile.c_str(), text, size, stamp)) {
-        leaseFileState().stamp = {};  // so that the file's return counts as a change
+    FileStamp stamp;
+    const char *path = mibConfigCurrent().leaseFile.c_str();
+    if (!readLeaseText(path, text, size, stamp)) {
+        leaseFileState().stamp = statFileStamp(path);  // its return counts as a change
         return 0;
     }
     std::unique_ptr<LeaseLine[]> lines(new (std::nothrow) LeaseLine[kMaxDhcpLeases]);
@@ -219,9 +213,5 @@ int getDhcpClientLeasesDB(dhcp_lease **array, unsigned long *) {
 
 // One stat: a rewrite by the DHCP server changes the inode, size or time.
 int isDhcpClientLeasesDBChanged() {
-    struct stat st {};
-    LeaseFileStamp now;
-    if (stat(mibConfigCurrent().leaseFile.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0)
-        now = {st.st_ino, st.st_size, st.st_mtim.tv_sec, st.st_mtim.tv_nsec};
-    return now == leaseFileState().stamp ? 0 : 1;
+    return statFileStamp(mibConfigCurrent().leaseFile.c_str()) == leaseFileState().stamp ? 0 : 1;
 }

@@ -25,17 +25,6 @@ constexpr size_t kMaxConfigBytes = size_t{64} * 1024;
 constexpr size_t kNameSlot = kMibMaxIfNameBytes + 1;
 static_assert(kWlanConfigSsidOffset + kMibMaxSsidBytes < kWlanConfigSize);  // room for the NUL
 
-// What stat said about the file; any difference means "read it again".
-struct FileStamp {
-    int error = 0;  // errno of stat, 0 when it succeeded
-    dev_t dev = 0;
-    ino_t ino = 0;
-    off_t size = 0;
-    time_t sec = 0;
-    long nsec = 0;
-    bool operator==(const FileStamp &) const = default;
-};
-
 struct Store {
     bool loaded = false;
     std::string path;
@@ -52,16 +41,6 @@ Store &store() {
 // The tables' own storage; ELANRIF and WLANIF point into it once a file is loaded.
 char lanNames[kLanPortCount][kNameSlot];
 char wlanNames[kWlanRootCount][kNameSlot];
-
-FileStamp stampOf(const struct stat &st) {
-    return {0, st.st_dev, st.st_ino, st.st_size, st.st_mtim.tv_sec, st.st_mtim.tv_nsec};
-}
-
-FileStamp statPath(const char *path) {
-    struct stat st {};
-    if (stat(path, &st) != 0) return FileStamp{errno};
-    return stampOf(st);
-}
 
 bool isAbsent(int error) {
     return error == ENOENT || error == ENOTDIR;
@@ -89,7 +68,7 @@ bool readConfigFile(const char *path, std::string &text, FileStamp &stamp) {
         if (!isAbsent(errno)) report(path, std::strerror(errno));
         return false;
     }
-    stamp = stampOf(st);
+    stamp = fileStampOf(st);
     if (!S_ISREG(st.st_mode)) {
         report(path, "not a regular file");
         return false;
@@ -147,7 +126,7 @@ void refresh() {
     Store &s = store();
     try {
         const char *path = hostrixPath(HostrixFile::Config);
-        FileStamp now = statPath(path);
+        FileStamp now = statFileStamp(path);
         if (s.loaded && s.path == path && s.stamp == now) return;
         load(s, path, now);
     } catch (const std::exception &e) {

@@ -41,3 +41,13 @@ bool parseMacText(std::string_view text, uint8_t *mac) {
     std::memcpy(buffer, text.data(), text.size());
     return convertMacFormat(buffer, mac) == 1 && !isZeroMac(mac);
 }
+
+FileStamp fileStampOf(const struct stat &st) {
+    return {0, st.st_dev, st.st_ino, st.st_size, st.st_mtim.tv_sec, st.st_mtim.tv_nsec};
+}
+
+FileStamp statFileStamp(const char *path) {
+    struct stat st {};
+    if (stat(path, &st) != 0) return FileStamp{errno};
+    return fileStampOf(st);
+}
