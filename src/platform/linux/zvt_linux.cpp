@@ -6,10 +6,13 @@
 
 #include <fcntl.h>
 
+#include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "core/unique_fd.h"
 #include "platform/linux/mib_store.h"
@@ -122,22 +125,66 @@ int zvt_port_get_lan_phyID(int index) {
     return port.empty() ? -1 : idOf(config.phyIds, port.c_str());
 }
 
+namespace {
+
+// A port's link, speed and duplex as sysfs gave them.
+struct PortReading {
+    std::string port;
+    int64_t second = -1;  // monotonic second of the reading
+    bool hasCarrier = false;
+    long carrier = 0;
+    bool hasSpeed = false;
+    long mbps = 0;
+    int duplex = -1;
+};
+
+std::array<PortReading, kLanPortCount> portReadings;
+
+int64_t monotonicSecond() {
+    timespec now{};
+    return os_clock_monotonic(&now) == 0 ? now.tv_sec : -1;
+}
+
+// Discovery asks for a port's link and speed once per wired host in every cycle:
+// sysfs is read at most once a second per port.
+const PortReading &readPort(const char *port) {
+    const int64_t second = monotonicSecond();
+    PortReading *slot = &portReadings[0];
+    for (PortReading &reading : portReadings) {
+        if (reading.port == port) {
+            slot = &reading;
+            break;
+        }
+        if (reading.second < slot->second) slot = &reading;
+    }
+    if (slot->port == port && second >= 0 && slot->second == second) return *slot;
+    slot->port = port;
+    slot->second = second;
+    slot->hasCarrier = readNetNumber(port, "carrier", slot->carrier);
+    slot->hasSpeed = readNetNumber(port, "speed", slot->mbps);
+    slot->duplex = duplexOf(port);
+    return *slot;
+}
+
+}  // namespace
+
 int zv_port_link_get(int phy, int *link) {
     const char *port = lanPortWithPhy(phy);
-    long carrier = 0;
-    if (!link || !port || !readNetNumber(port, "carrier", carrier)) return -1;
-    *link = carrier != 0 ? 1 : 0;
+    if (!link || !port) return -1;
+    const PortReading &reading = readPort(port);
+    if (!reading.hasCarrier) return -1;
+    *link = reading.carrier != 0 ? 1 : 0;
     return 0;
 }
 
 // Duplex is written when sysfs knows it; the result follows the speed alone.
 int zv_port_speedDuplex_get(int phy, int *speed, int *duplex) {
     const char *port = lanPortWithPhy(phy);
-    long mbps = 0;
-    if (!speed || !port || !readNetNumber(port, "speed", mbps) || zvtSpeedCode(mbps) < 0) return -1;
-    *speed = zvtSpeedCode(mbps);
-    int mode = duplexOf(port);
-    if (duplex && mode >= 0) *duplex = mode;
+    if (!speed || !port) return -1;
+    const PortReading &reading = readPort(port);
+    if (!reading.hasSpeed || zvtSpeedCode(reading.mbps) < 0) return -1;
+    *speed = zvtSpeedCode(reading.mbps);
+    if (duplex && reading.duplex >= 0) *duplex = reading.duplex;
     return 0;
 }
 
