@@ -49,6 +49,7 @@ uint32_t boundPortsOf(const uint8_t *record) {
 }  // namespace
 
 void readDirectSettings() {
+    mib_refresh();  // start-up and SIGUSR1 read the store as it is now
     readU32(MIB_DBG_LEVEL, dbg_level);
     readU32(MIB_ARP_INTERVAL, NET_INFO_ARP_INTERVAL);
     readU32(MIB_AGEOUT_TIME, NET_INFO_AGEOUT_TIME);

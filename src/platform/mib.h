@@ -102,6 +102,10 @@ int getWlStaInfo(const char *ifname, void *buffer);
 int collect_bridge_fdb(fdb **head);
 void free_bridge_fdb(fdb **head);
 
+// The next settings read sees the store as it is now; between such calls a store
+// kept in a file may be checked for changes only once a second.
+void mib_refresh();
+
 int getDhcpClientLeasesDB(dhcp_lease **array, unsigned long *aux);
 // 1 when the lease database changed since getDhcpClientLeasesDB last read it.
 int isDhcpClientLeasesDBChanged();

@@ -61,6 +61,7 @@ class HostrixRootTest : public ::testing::Test {
     static void writeConfig(const std::string &text, const TempDir &root) {
         std::filesystem::create_directories(root.file("etc/hostrix"));
         std::ofstream(root.file("etc/hostrix/mib.conf"), std::ios::trunc) << text;
+        mib_refresh();
     }
     void writeConfig(const std::string &text) const { writeConfig(text, root_); }
     std::string configPath() const { return root_.file("etc/hostrix/mib.conf"); }

@@ -186,10 +186,12 @@ TEST_F(MibStore, MissingOrUnreadableFileGivesDefaults) {
     EXPECT_EQ(setting(480), 1u);
     EXPECT_EQ(interfaceTables(), "lan1 lan2 / / | radio0 / |");
     fs::remove(configPath());
+    mib_refresh();
     StderrCapture capture;
     EXPECT_EQ(setting(480), std::nullopt);
     EXPECT_EQ(interfaceTables(), "eth0.2 eth0.3 eth0.4 eth0.5 | wlan0 wlan1 |");
     fs::create_directory(configPath());  // readable by root, yet no file
+    mib_refresh();
     EXPECT_EQ(setting(480), std::nullopt);
     EXPECT_EQ(setting(480), std::nullopt);
     EXPECT_EQ(capture.text(),
@@ -229,6 +231,7 @@ TEST_F(MibStore, ReloadsWhenTheFileChanges) {
         std::ofstream(path, std::ios::trunc) << text;
         const timespec times[2] = {{1000000000, nsec}, {1000000000, nsec}};
         utimensat(AT_FDCWD, path.c_str(), times, 0);
+        mib_refresh();  // as the daemon's reload does
     };
     const struct {
         const char *text;
@@ -243,6 +246,7 @@ TEST_F(MibStore, ReloadsWhenTheFileChanges) {
         const std::string target = configPath() + (e.newInode ? ".new" : "");
         write(target, e.text, e.nsec);
         if (e.newInode) fs::rename(target, configPath());
+        mib_refresh();
         EXPECT_EQ(setting(480), 2u) << e.text << (e.newInode ? " in a new file" : "");
     }
 }

@@ -135,6 +135,8 @@ int getDhcpClientLeasesDB(dhcp_lease **array, unsigned long *aux) {
     return static_cast<int>(leases.size());
 }
 
+void mib_refresh() {}
+
 int isDhcpClientLeasesDBChanged() { return fake::state().leasesChanged ? 1 : 0; }
 
 int isTimeSynchronized() { return fake::state().timeSynchronized ? 1 : 0; }

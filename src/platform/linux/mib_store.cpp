@@ -18,6 +18,7 @@
 #include "core/paths.h"
 #include "core/unique_fd.h"
 #include "platform/mib.h"
+#include "platform/os.h"
 
 namespace {
 
@@ -29,6 +30,7 @@ struct Store {
     bool loaded = false;
     std::string path;
     FileStamp stamp;
+    int64_t checkedSecond = -1;  // monotonic second of the last stat, -1: check at once
     MibConfig config;
     std::vector<int> widthReported;  // settings reported as too wide since the load
 };
@@ -122,10 +124,20 @@ void load(Store &s, const char *path, FileStamp stamp) {
     ifnamesPublish(s.config.ifnames);
 }
 
+int64_t monotonicSecond() {
+    timespec now{};
+    return os_clock_monotonic(&now) == 0 ? now.tv_sec : -1;
+}
+
+// Every settings read comes here, many times per host in each discovery cycle: the
+// file is checked at most once a second, and at once after mib_refresh.
 void refresh() {
     Store &s = store();
     try {
         const char *path = hostrixPath(HostrixFile::Config);
+        const int64_t second = monotonicSecond();
+        if (s.loaded && s.path == path && second >= 0 && second == s.checkedSecond) return;
+        s.checkedSecond = second;
         FileStamp now = statFileStamp(path);
         if (s.loaded && s.path == path && s.stamp == now) return;
         load(s, path, now);
@@ -173,6 +185,10 @@ const MibConfig &mibConfigCurrent() {
 
 void mibConfigReset() {
     store().loaded = false;
+}
+
+void mib_refresh() {
+    store().checkedSecond = -1;
 }
 
 int mib_get_s(int id, void *buffer, int width) {
