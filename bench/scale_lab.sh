@@ -86,7 +86,7 @@ run_churn() {
     bench_start
     lab_run exec h1 python3 "$TRAFFIC" arp-churn eth0 500 120 10  # warm-up
     printf 'start: VmRSS %s kB, VmHWM %s kB\n' "$(status_kb VmRSS)" "$(status_kb VmHWM)"
-    lab_run exec h1 python3 "$TRAFFIC" arp-churn eth0 500 120 "$seconds" 10
+    lab_run exec h1 python3 "$TRAFFIC" arp-churn eth0 500 120 "$seconds"
     printf 'end:   VmRSS %s kB, VmHWM %s kB\n' "$(status_kb VmRSS)" "$(status_kb VmHWM)"
     bench_stop
 }
