@@ -2,6 +2,8 @@
 
 #include <climits>
 #include <span>
+#include <string>
+#include <utility>
 
 namespace {
 
@@ -147,26 +149,38 @@ Reason applyStations(std::string_view value, MibConfig &cfg) {
     return {};
 }
 
-Reason applyCounters(std::string_view value, MibConfig &cfg) {
-    if (value == "nftables") {
-        cfg.counters = MibCounterSource::Nftables;
-    } else if (value == "off") {
-        cfg.counters = MibCounterSource::Off;
-    } else {
-        return "bad counter source " + quoted(value) + " (nftables or off)";
+// A key that takes one of two words.
+template <typename Choice>
+struct TwoWords {
+    const char *what;
+    std::pair<std::string_view, Choice> first, second;
+};
+
+template <typename Choice>
+Reason applyOneOf(std::string_view value, const TwoWords<Choice> &words, Choice &field) {
+    for (const auto &[word, choice] : {words.first, words.second}) {
+        if (value != word) continue;
+        field = choice;
+        return {};
     }
-    return {};
+    return "bad " + std::string(words.what) + " " + quoted(value) + " (" +
+           std::string(words.first.first) + " or " + std::string(words.second.first) + ")";
+}
+
+Reason applyCounters(std::string_view value, MibConfig &cfg) {
+    return applyOneOf(value,
+                      TwoWords<MibCounterSource>{"counter source",
+                                                 {"nftables", MibCounterSource::Nftables},
+                                                 {"off", MibCounterSource::Off}},
+                      cfg.counters);
 }
 
 Reason applyCommands(std::string_view value, MibConfig &cfg) {
-    if (value == "native") {
-        cfg.commands = MibCommandMode::Native;
-    } else if (value == "shell") {
-        cfg.commands = MibCommandMode::Shell;
-    } else {
-        return "bad command mode " + quoted(value) + " (native or shell)";
-    }
-    return {};
+    return applyOneOf(value,
+                      TwoWords<MibCommandMode>{"command mode",
+                                               {"native", MibCommandMode::Native},
+                                               {"shell", MibCommandMode::Shell}},
+                      cfg.commands);
 }
 
 Reason applyKernelName(std::string_view gateway, std::string_view kernel, MibConfig &cfg) {
