@@ -1,6 +1,8 @@
 #include "core/text.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -12,10 +14,23 @@ constexpr signed char kLastPrintable = 0x7E;
 bool endsText(char c) { return c == '\0' || c == '\r' || c == '\n'; }
 
 // Compared as signed, so every byte from 0x80 up is below the range.
-bool isPrintable(char c) {
+constexpr bool isPrintable(char c) {
     auto value = static_cast<signed char>(c);
     return value >= kFirstPrintable && value <= kLastPrintable;
 }
+
+// Discovery checks every IPv6 neighbour line of every cycle: one lookup a byte.
+enum class TextByte : uint8_t { Bad, Printable, End };
+constexpr auto kTextBytes = [] {
+    std::array<TextByte, 256> kinds{};
+    for (int c = 0; c < 256; ++c) {
+        const char byte = static_cast<char>(c);
+        kinds[c] = byte == '\0' || byte == '\r' || byte == '\n' ? TextByte::End
+                   : isPrintable(byte)                          ? TextByte::Printable
+                                                                : TextByte::Bad;
+    }
+    return kinds;
+}();
 
 void appendEscaped(std::string &out, char c) {
     if (c == '\\') {
@@ -48,7 +63,13 @@ int isPrintableString(std::string_view text) {
 
 int isPrintableString(const char *text) {
     if (!text) return 1;
-    return isPrintableString(std::string_view(text, std::strlen(text)));
+    while (true) {
+        switch (kTextBytes[static_cast<unsigned char>(*text++)]) {
+            case TextByte::Printable: continue;
+            case TextByte::End: return 1;
+            case TextByte::Bad: return 0;
+        }
+    }
 }
 
 void copyText(char *dest, size_t size, std::string_view text) {

@@ -3,10 +3,10 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <unordered_map>
 #include <vector>
 
 #include "core/clock.h"
@@ -14,6 +14,7 @@
 #include "core/settings.h"
 #include "core/text.h"
 #include "discovery/ip_resolution.h"
+#include "discovery/mac_index.h"
 #include "discovery/sources.h"
 #include "discovery/wlan_sta.h"
 #include "hosts/departures.h"
@@ -33,10 +34,44 @@ constexpr int kNoPhyId = -1;
 constexpr int kMaxLogicPort = 31;  // the bridge-bind mask has 32 bits
 constexpr int kDefaultPortIndex = 1;
 
+// What a port's name says about the hosts behind it. A cycle's hundreds of entries
+// share a handful of ports, so each name is classified once per cycle; the settings
+// behind the answers do not change within a cycle.
+struct PortFacts {
+    char ifname[kIfnameCopyLen];
+    bool ignored;
+    int lanPort;    // 0 for a wireless port
+    int ssidIndex;  // the wireless port's SSID slot
+    int logicPort;
+};
+
+constexpr size_t kKnownPortsPerCycle = 16;
+std::array<PortFacts, kKnownPortsPerCycle> knownPorts;
+size_t knownPortCount = 0;
+
+PortFacts classifyPort(const char *ifname) {
+    PortFacts facts{};
+    copyText(facts.ifname, sizeof facts.ifname, ifname);
+    facts.ignored = is_ignore_ifname(ifname) == 1;
+    facts.lanPort = get_lan_port_by_ifname(ifname);
+    facts.ssidIndex = get_ssid_index_by_ifname(ifname);
+    facts.logicPort = zvt_lan_LogID_get_by_if_name(ifname);
+    return facts;
+}
+
+PortFacts portFacts(const char *ifname) {
+    for (size_t i = 0; i < knownPortCount; ++i)
+        if (std::strcmp(knownPorts[i].ifname, ifname) == 0) return knownPorts[i];
+    PortFacts facts = classifyPort(ifname);
+    if (knownPortCount < knownPorts.size()) knownPorts[knownPortCount++] = facts;
+    return facts;
+}
+
 // The working values of one forwarding entry.
 struct CycleEntry {
     DiscoveryStep step;
     char ifname[kIfnameCopyLen] = {};
+    PortFacts facts = {};
     bool newHost = false;
     uint8_t connType = CONNECTION_WIRED;
     uint8_t port = 0;
@@ -61,18 +96,23 @@ bool tooOldForDiscovery(const fdb &record) {
 
 void startEntry(const fdb &record, CycleEntry &work) {
     std::memcpy(work.step.mac, record.mac, kMacLen);
-    int port = get_lan_port_by_ifname(work.ifname);
+    int port = work.facts.lanPort;
     work.port = static_cast<uint8_t>(port);
     work.connType = port == 0 ? CONNECTION_WIRELESS : CONNECTION_WIRED;
 }
 
+// Once a recycling pass frees nothing, the rest of the cycle skips it: within a cycle
+// an entry can only become recyclable after it was handed out as a new host.
+bool recyclingExhausted = false;
+
 hostEntry *acquireEntry(CycleEntry &work) {
     if (hostEntry *entry = getHostrixByMac(work.step.mac)) return entry;
     hostEntry *entry = getFreeFromFreeList();
-    if (!entry) {
+    if (!entry && !recyclingExhausted) {
         RecycleInvalidHostrix();
         entry = getFreeFromFreeList();
     }
+    recyclingExhausted = entry == nullptr;
     work.newHost = true;
     if (!entry)
         HX_DBG(DBG_TRACE,
@@ -91,7 +131,7 @@ bool classifyWifi(hostEntry &entry, CycleEntry &work) {
         return true;
     }
     bool station = is_wifi_station(work.step.mac) == 1;
-    work.port = static_cast<uint8_t>(get_ssid_index_by_ifname(work.ifname));
+    work.port = static_cast<uint8_t>(work.facts.ssidIndex);
     if (!station && !work.newHost && host.isWifi == 1 && host.port == work.port) return false;
     host.isWifi = station ? 1 : 0;
     if (station) {
@@ -132,7 +172,7 @@ void prepareEntry(hostEntry &entry, CycleEntry &work, const fdb &record) {
     }
     host.firstGotIP = 0;
     logEntry(entry, work, record, orgIP);
-    int logicPort = zvt_lan_LogID_get_by_if_name(work.ifname);
+    int logicPort = work.facts.logicPort;
     work.step.isBridgeBind = isBridgeBound(logicPort);
     HX_DBG(DBG_TRACE, "[%s %d]:lan %s logic_port is %d, is_bridge_bind = %d\n", kCycle, __LINE__,
            work.ifname, logicPort, work.step.isBridgeBind ? 1 : 0);
@@ -242,7 +282,8 @@ void processEntry(const fdb &record, const DiscoverySources &sources, int64_t no
     copyText(work.ifname, std::min(sizeof work.ifname, kIfnameCopyLen),
              std::string_view(record.ifname, strnlen(record.ifname, sizeof record.ifname)));
     if (record.is_local) return;
-    if (is_ignore_ifname(work.ifname) == 1) {
+    work.facts = portFacts(work.ifname);
+    if (work.facts.ignored) {
         HX_DBG(DBG_TRACE, "[%s %d]: ignore ifname %s\n", kCycle, __LINE__, work.ifname);
         return;
     }
@@ -262,15 +303,31 @@ void processEntry(const fdb &record, const DiscoverySources &sources, int64_t no
 // With VLAN filtering the bridge keeps a copy of a MAC per VLAN. Only the freshest copy
 // (lowest age, and its port) speaks for the MAC: a stale copy would overwrite idleSecs,
 // and a MAC seen on two VLANs would flip its port every cycle. First-seen order is kept.
-std::vector<const fdb *> freshestCopies(const fdb *head) {
-    std::vector<const fdb *> chosen;
-    std::unordered_map<uint64_t, size_t> slotOfMac;
+// The storage stays from cycle to cycle, so a steady cycle allocates nothing here.
+const std::vector<const fdb *> &freshestCopies(const fdb *head) {
+    struct Slot {
+        uint64_t key;
+        size_t chosenPlusOne;  // 0 while the slot is free
+    };
+    static std::vector<const fdb *> chosen;
+    static std::vector<Slot> slots;
+    size_t records = 0;
+    for (const fdb *record = head; record; record = record->next) ++records;
+    size_t size = 64;
+    while (size < 2 * records) size *= 2;
+    slots.assign(size, Slot{});
+    chosen.clear();
     for (const fdb *record = head; record; record = record->next) {
-        auto [it, added] = slotOfMac.try_emplace(macKey(record->mac), chosen.size());
-        if (added)
+        const uint64_t key = macKey(record->mac);
+        size_t at = macSlot(key, size - 1);
+        while (slots[at].chosenPlusOne && slots[at].key != key) at = (at + 1) & (size - 1);
+        Slot &slot = slots[at];
+        if (!slot.chosenPlusOne) {
             chosen.push_back(record);
-        else if (record->ageing_timer_value < chosen[it->second]->ageing_timer_value)
-            chosen[it->second] = record;
+            slot = Slot{key, chosen.size()};
+        } else if (record->ageing_timer_value < chosen[slot.chosenPlusOne - 1]->ageing_timer_value) {
+            chosen[slot.chosenPlusOne - 1] = record;
+        }
     }
     return chosen;
 }
@@ -287,8 +344,9 @@ void readSources(DiscoverySources &sources) {
 int get_lan_port_by_ifname(const char *name) {
     if (!name) return kDefaultPortIndex;
     if (contains(name, "wlan")) return 0;
+    if (contains(name, ".mc")) return kDefaultPortIndex;  // a multicast copy has no port
     for (int i = 0; i < kLanPortCount; ++i)
-        if (ELANRIF[i] && contains(name, ELANRIF[i]) && !contains(name, ".mc")) return i + 1;
+        if (ELANRIF[i] && contains(name, ELANRIF[i])) return i + 1;
     return kDefaultPortIndex;
 }
 
@@ -311,6 +369,8 @@ void __zvt_hostrix_update_from_arp() {
     if (collect_bridge_fdb(&forwarding) > 0) {
         readSources(sources);
         const int64_t nowMs = monotonicMilliseconds();
+        recyclingExhausted = false;
+        knownPortCount = 0;
         for (const fdb *record : freshestCopies(forwarding)) processEntry(*record, sources, nowMs);
     }
     if (sources.arp) free_arp_entries(&sources.arp);

@@ -13,6 +13,11 @@
 
 #include "hosts/lanhost.h"
 
+// The home slot of KEY in an open-addressed table of MASK + 1 slots.
+inline size_t macSlot(uint64_t key, size_t mask) {
+    return static_cast<size_t>((key * 0x9E3779B97F4A7C15ull) >> 40) & mask;
+}
+
 template <typename Node>
 class MacIndex {
    public:
@@ -68,7 +73,7 @@ class MacIndex {
     // MAC's slot, or the empty one where it would go.
     Slot *find(const uint8_t *mac) {
         const uint64_t key = macKey(mac);
-        size_t at = static_cast<size_t>((key * 0x9E3779B97F4A7C15ull) >> 40) & (kSlots - 1);
+        size_t at = macSlot(key, kSlots - 1);
         while (slots_[at].node && slots_[at].key != key) at = (at + 1) & (kSlots - 1);
         return &slots_[at];
     }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +14,7 @@
 
 #include "core/clock.h"
 #include "core/log.h"
+#include "core/node_pool.h"
 #include "core/paths.h"
 #include "core/text.h"
 #include "core/unique_fd.h"
@@ -52,9 +54,13 @@ uint32_t leaseRefreshTime = 0;
 
 // ---- words of a line, as sscanf's %s sees them ----
 
-bool isBlank(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
+constexpr auto kBlank = [] {
+    std::array<bool, 256> blank{};
+    for (unsigned char c : {' ', '\t', '\n', '\v', '\f', '\r'}) blank[c] = true;
+    return blank;
+}();
+
+bool isBlank(char c) { return kBlank[static_cast<unsigned char>(c)]; }
 
 // A line handed over as C text ends at its first NUL, as it would for sscanf.
 std::string_view untilNul(std::string_view line) {
@@ -63,13 +69,13 @@ std::string_view untilNul(std::string_view line) {
 
 // The next whitespace-delimited word of REST (empty at the end); REST moves past it.
 std::string_view nextWord(std::string_view &rest) {
-    size_t start = 0;
-    while (start < rest.size() && isBlank(rest[start])) ++start;
-    size_t end = start;
-    while (end < rest.size() && !isBlank(rest[end])) ++end;
-    std::string_view word = rest.substr(start, end - start);
-    rest.remove_prefix(end);
-    return word;
+    const char *at = rest.data();
+    const char *const end = at + rest.size();
+    while (at < end && isBlank(*at)) ++at;
+    const char *const start = at;
+    while (at < end && !isBlank(*at)) ++at;
+    rest = std::string_view(at, static_cast<size_t>(end - at));
+    return std::string_view(start, static_cast<size_t>(at - start));
 }
 
 // Copies the next word into OUT. A word longer than MAX is not cut: no kernel or
@@ -148,22 +154,12 @@ bool startsWith(const char *text, std::string_view prefix) {
 
 // ---- lists ----
 
-template <typename Node>
-void freeNodes(Node **head) {
-    if (!head) return;
-    while (Node *node = *head) {
-        *head = node->next;
-        std::free(node);
-    }
-}
-
-template <typename Node>
-Node *newNode() {
-    return static_cast<Node *>(std::calloc(1, sizeof(Node)));
-}
+// A full LAN's worth of each: the kernel's neighbour tables hold a few hundred entries.
+NodePool<arp_entry, 512> arpNodes;
+NodePool<ipv6_neigh, 512> ipv6Nodes;
 
 arp_entry *arpNodeOf(const ArpLine &line) {
-    auto *node = newNode<arp_entry>();
+    arp_entry *node = arpNodes.take();
     if (!node) return nullptr;
     convertMacFormat(line.mac, node->mac);  // a bad text leaves the MAC as it produced
     uint32_t ip = 0;
@@ -268,7 +264,7 @@ arp_entry *find_arp_entry(arp_entry *start, const uint8_t *mac) {
 
 void free_arp_entries(arp_entry **head) {
     if (head && *head) arpIndex.clear();
-    freeNodes(head);
+    arpNodes.giveList(head);
 }
 
 arp_entry *firstArpEntry(arp_entry *list, const uint8_t *mac) {
@@ -329,7 +325,7 @@ ipv6_neigh *update_ipv6_neigh(const uint8_t *mac, const char *text, ipv6_neigh *
         }
         return head;
     }
-    node = newNode<ipv6_neigh>();
+    node = ipv6Nodes.take();
     if (!node) return head;
     std::memcpy(node->mac, mac, sizeof node->mac);
     std::memcpy(node->addr, addr, sizeof addr);
@@ -355,7 +351,7 @@ ipv6_neigh *find_ipv6_neigh(ipv6_neigh *head, const uint8_t *mac) {
 
 void free_ipv6_neigh(ipv6_neigh **head) {
     if (head && *head) ipv6Index.clear();
-    freeNodes(head);
+    ipv6Nodes.giveList(head);
 }
 
 // ---------------------------------------------------------------- lease snapshot

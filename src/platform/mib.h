@@ -101,6 +101,9 @@ int getWlStaInfo(const char *ifname, void *buffer);
 
 int collect_bridge_fdb(fdb **head);
 void free_bridge_fdb(fdb **head);
+// A zeroed node for collect_bridge_fdb's list (null when memory is short); the list's
+// nodes go back through free_bridge_fdb, which keeps them for the next cycle.
+fdb *newFdbNode();
 
 // The next settings read sees the store as it is now; between such calls a store
 // kept in a file may be checked for changes only once a second.

@@ -2,22 +2,31 @@
 // comparison, the whole-file record lock, and walking the lists the sources return.
 #include <fcntl.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
+#include "core/node_pool.h"
 #include "platform/mib.h"
 
 namespace {
 
 constexpr int kMacBytes = 6;
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
+// Discovery converts every MAC of every source line in each cycle.
+constexpr auto kHexValues = [] {
+    std::array<signed char, 256> values{};
+    values.fill(-1);
+    for (int i = 0; i < 10; ++i) values['0' + i] = static_cast<signed char>(i);
+    for (int i = 0; i < 6; ++i) {
+        values['a' + i] = static_cast<signed char>(10 + i);
+        values['A' + i] = static_cast<signed char>(10 + i);
+    }
+    return values;
+}();
+
+int hexValue(char c) { return kHexValues[static_cast<unsigned char>(c)]; }
 
 // One group of one or two hex digits at TEXT; advances TEXT past it.
 bool parseMacGroup(const char *&text, unsigned char &out) {
@@ -79,14 +88,14 @@ int flock_try_set(int fd, int type) {
     return setWholeFileLock(fd, type, F_SETLK);
 }
 
-// The list's nodes are allocated with malloc, one per entry, and released here.
-void free_bridge_fdb(fdb **head) {
-    if (!head) return;
-    while (fdb *node = *head) {
-        *head = node->next;
-        std::free(node);
-    }
-}
+namespace {
+// A bridge keeps a few hundred MACs on a home LAN; nodes beyond that go back to malloc.
+NodePool<fdb, 1024> fdbNodes;
+}  // namespace
+
+fdb *newFdbNode() { return fdbNodes.take(); }
+
+void free_bridge_fdb(fdb **head) { fdbNodes.giveList(head); }
 
 void getDhcpClientInfo(dhcp_lease *array, int count, const unsigned char *mac,
                        dhcp_lease **record) {

@@ -110,7 +110,7 @@ int collect_bridge_fdb(fdb **head) {
     int count = 0;
     fdb **tail = head;
     for (const fake::FdbRow &row : fake::state().fdb) {
-        auto *node = static_cast<fdb *>(std::calloc(1, sizeof(fdb)));
+        fdb *node = newFdbNode();
         if (!node) break;
         std::memcpy(node->mac, row.mac.data(), 6);
         node->is_local = row.isLocal;

@@ -1,6 +1,6 @@
 // The bridge forwarding database of br0 for the discovery cycle. The rtnetlink dump is
 // the main source; the brforward sysfs file stands in when the dump cannot be had.
-// The list is made of calloc'd nodes, released by free_bridge_fdb. Nothing is logged:
+// The list's nodes come from newFdbNode and go back through free_bridge_fdb. Nothing is logged:
 // a bridge that cannot be read gives an empty list and the caller carries on.
 #include "platform/linux/bridge_fdb.h"
 
@@ -147,7 +147,7 @@ class FdbList {
 
     // False when no memory is left; the list stays as it was.
     bool append(const FdbRecord &record, const char *ifname, unsigned portNo) {
-        auto *node = static_cast<fdb *>(std::calloc(1, sizeof(fdb)));
+        fdb *node = newFdbNode();
         if (!node) return false;
         std::memcpy(node->mac, record.mac, kFdbMacBytes);
         node->port_no = static_cast<uint8_t>(portNo & kByteMask);
