@@ -38,7 +38,7 @@ constexpr int kDefaultPortIndex = 1;
 // share a handful of ports, so each name is classified once per cycle; the settings
 // behind the answers do not change within a cycle.
 struct PortFacts {
-    char ifname[kIfnameCopyLen];
+    char recordName[sizeof fdb::ifname];  // the forwarding entry's name field, whole
     bool ignored;
     int lanPort;    // 0 for a wireless port
     int ssidIndex;  // the wireless port's SSID slot
@@ -49,9 +49,9 @@ constexpr size_t kKnownPortsPerCycle = 16;
 std::array<PortFacts, kKnownPortsPerCycle> knownPorts;
 size_t knownPortCount = 0;
 
-PortFacts classifyPort(const char *ifname) {
+PortFacts classifyPort(const fdb &record, const char *ifname) {
     PortFacts facts{};
-    copyText(facts.ifname, sizeof facts.ifname, ifname);
+    std::memcpy(facts.recordName, record.ifname, sizeof facts.recordName);
     facts.ignored = is_ignore_ifname(ifname) == 1;
     facts.lanPort = get_lan_port_by_ifname(ifname);
     facts.ssidIndex = get_ssid_index_by_ifname(ifname);
@@ -59,10 +59,14 @@ PortFacts classifyPort(const char *ifname) {
     return facts;
 }
 
-PortFacts portFacts(const char *ifname) {
+// The facts of RECORD's port, whose name cut to size is IFNAME. Entries are matched on
+// their whole name field: equal fields mean equal names, and a field with other bytes
+// after its name only costs a second classification.
+PortFacts portFacts(const fdb &record, const char *ifname) {
     for (size_t i = 0; i < knownPortCount; ++i)
-        if (std::strcmp(knownPorts[i].ifname, ifname) == 0) return knownPorts[i];
-    PortFacts facts = classifyPort(ifname);
+        if (std::memcmp(knownPorts[i].recordName, record.ifname, sizeof record.ifname) == 0)
+            return knownPorts[i];
+    PortFacts facts = classifyPort(record, ifname);
     if (knownPortCount < knownPorts.size()) knownPorts[knownPortCount++] = facts;
     return facts;
 }
@@ -282,7 +286,7 @@ void processEntry(const fdb &record, const DiscoverySources &sources, int64_t no
     copyText(work.ifname, std::min(sizeof work.ifname, kIfnameCopyLen),
              std::string_view(record.ifname, strnlen(record.ifname, sizeof record.ifname)));
     if (record.is_local) return;
-    work.facts = portFacts(work.ifname);
+    work.facts = portFacts(record, work.ifname);
     if (work.facts.ignored) {
         HX_DBG(DBG_TRACE, "[%s %d]: ignore ifname %s\n", kCycle, __LINE__, work.ifname);
         return;

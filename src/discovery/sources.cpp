@@ -170,9 +170,9 @@ arp_entry *arpNodeOf(const ArpLine &line) {
 }
 
 // The neighbour's MAC when LINE is a br0 entry with a link-layer address.
-bool acceptedNeigh(const char *line, Ipv6NeighLine &parsed, uint8_t *mac) {
+bool acceptedNeigh(const char (&line)[kLineBufSize], Ipv6NeighLine &parsed, uint8_t *mac) {
     if (line[0] == '\0' || line[0] == '\n' || !isPrintableString(line)) return false;
-    if (!parseIpv6NeighLine(line, parsed)) return false;
+    if (!parseIpv6NeighLine({line, sizeof line}, parsed)) return false;
     return startsWith(parsed.device, "br0") && convertMacFormat(parsed.lladdr, mac) == 1;
 }
 
@@ -244,7 +244,9 @@ int collect_arp_entries(arp_entry **head) {
     for (; *tail; tail = &(*tail)->next) indexArpNode(*tail);
     while (std::fgets(line, sizeof line, file.get())) {
         ArpLine parsed{};
-        if (!parseArpLine(line, parsed) || !startsWith(parsed.device, "br")) continue;
+        // The whole buffer: the parser stops at fgets' NUL, so the line is scanned once.
+        if (!parseArpLine({line, sizeof line}, parsed) || !startsWith(parsed.device, "br"))
+            continue;
         arp_entry *node = arpNodeOf(parsed);
         if (!node) continue;
         *tail = node;

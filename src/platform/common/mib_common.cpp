@@ -38,16 +38,35 @@ bool parseMacGroup(const char *&text, unsigned char &out) {
     return true;
 }
 
+// "xx:xx:xx:xx:xx:xx", the form every kernel table and tool prints, read in one pass.
+bool parseCanonicalMac(const char *text, unsigned char *out) {
+    constexpr size_t kCanonicalLength = 17;
+    if (strnlen(text, kCanonicalLength + 1) != kCanonicalLength) return false;
+    for (int i = 0; i < kMacBytes; ++i) {
+        const char *group = text + 3 * i;
+        const int high = hexValue(group[0]);
+        const int low = hexValue(group[1]);
+        if (high < 0 || low < 0 || (i > 0 && group[-1] != ':')) return false;
+        out[i] = static_cast<unsigned char>(high * 16 + low);
+    }
+    return true;
+}
+
+// Groups of one or two hex digits between colons ("a:b:c:d:e:f" too).
+bool parseLooseMac(const char *text, unsigned char *out) {
+    for (int i = 0; i < kMacBytes; ++i) {
+        if (i > 0 && *text++ != ':') return false;
+        if (!parseMacGroup(text, out[i])) return false;
+    }
+    return *text == '\0';
+}
+
 }  // namespace
 
 int convertMacFormat(const char *text, unsigned char *out) {
     if (!text || !out) return 0;
     unsigned char mac[kMacBytes];
-    for (int i = 0; i < kMacBytes; ++i) {
-        if (i > 0 && *text++ != ':') return 0;
-        if (!parseMacGroup(text, mac[i])) return 0;
-    }
-    if (*text != '\0') return 0;
+    if (!parseCanonicalMac(text, mac) && !parseLooseMac(text, mac)) return 0;
     std::memcpy(out, mac, sizeof mac);
     return 1;
 }
