@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <cstring>
-#include <string>
 #include <tuple>
 
 #include "fixture.h"
@@ -10,61 +9,66 @@ namespace {
 const fake::Mac kHost = fake::mac(2, 0, 0, 0, 0, 1);
 
 class BandwidthTest : public HostrixTest {
-protected:
+   protected:
     void SetUp() override {
         HostrixTest::SetUp();
         setMaxLanHostNum(kHostPoolSize);
         entry = addHost(kHost);
+        start = fake::state().wall;
     }
     lanHostBw_t &bw() { return lanHostBw[hostSlot(entry)]; }
-    void forcedSample(uint64_t sent, uint64_t received) {
-        fake::state().counters[kHost] = {sent, received};
+    // A forced pass at wall time SEC.USEC with MAC's counters at SENT and RECEIVED.
+    void sampleAt(time_t sec, long usec, const fake::Mac &mac, uint64_t sent, uint64_t received) {
+        fake::state().wall = sec;
+        fake::state().wallUsec = usec;
+        fake::state().counters[mac] = {sent, received};
         getAndCalcLanHostCurrBandwidth(1, 1);
     }
-    // The pass's trace output.
-    std::string pass(uint8_t enable, uint8_t force) {
-        ::testing::internal::CaptureStdout();
-        getAndCalcLanHostCurrBandwidth(enable, force);
-        return ::testing::internal::GetCapturedStdout();
-    }
     hostEntry *entry = nullptr;
+    time_t start = 0;
 };
 
-TEST(BandwidthArithmetic, ElapsedWrapsIn32BitsAndRateTruncates) {
-    // (now s, now us, last s, last us) -> ms
-    EXPECT_EQ(elapsedMilliseconds(110, 0, 100, 0), 10000);
-    EXPECT_EQ(elapsedMilliseconds(100, 999, 100, 0), 0);         // same millisecond
-    EXPECT_EQ(elapsedMilliseconds(95, 0, 100, 0), -5000);        // clock set back
-    EXPECT_EQ(elapsedMilliseconds(11, 100, 10, 900100), 100);    // 1000 - 900
-    EXPECT_EQ(elapsedMilliseconds(100, 0, 99, 999999), 1);       // -999.999 ms truncates to -999
-    EXPECT_EQ(elapsedMilliseconds(4294968, 0, 0, 0), 704);       // 4294968000 mod 2^32
-    EXPECT_EQ(rateUnits(1280000, 10000), 1000u);
-    EXPECT_EQ(rateUnits(1280000, 0), 0u);
-    EXPECT_EQ(rateUnits(1280000, -1), 0u);
-    EXPECT_EQ(rateUnits((1ull << 39) + 128, 1000), 1u);          // 2^32 + 1 cut to 32 bits
-    EXPECT_EQ(counterRate(5000, 4000, 1000), 0u);                // counter reset
-}
-
-TEST_F(BandwidthTest, SecondSampleGivesRatesAndAlwaysTheNewCounts) {
-    struct { long addSec, addUsec; uint64_t sent, received; uint32_t up, down; } cases[] = {
-        {10, 0, 1281000, 2561000, 1000, 2000},
-        {0, 500, 1281000, 2561000, 0, 0},  // same millisecond
-        {-5, 0, 1281000, 2561000, 0, 0},   // clock set back
-        {10, 0, 10, 1281000, 0, 1000}};    // sent counter reset
+// Rates in units of 1024 bit/s from two samples; the counts are always the new ones.
+TEST_F(BandwidthTest, SecondSampleGivesRatesAndTheNewCounts) {
+    struct {
+        long secs, usecBefore, usecAfter;
+        uint64_t sent, received;
+        uint32_t up, down;
+    } cases[] = {{10, 0, 0, 1281000, 2561000, 1000, 2000},
+                 {1, 900100, 100, 13800, 1000, 1000, 0},  // 100 ms
+                 {0, 0, 500, 1281000, 2561000, 0, 0},     // same millisecond
+                 {-5, 0, 0, 1281000, 2561000, 0, 0},      // clock set back
+                 {10, 0, 0, 10, 1281000, 0, 1000}};       // sent counter reset
     for (const auto &c : cases) {
-        forcedSample(1000, 1000);
-        fake::state().wall += c.addSec;
-        fake::state().wallUsec += c.addUsec;
-        forcedSample(c.sent, c.received);
+        sampleAt(start, c.usecBefore, kHost, 1000, 1000);
+        sampleAt(start + c.secs, c.usecAfter, kHost, c.sent, c.received);
         EXPECT_EQ(std::tie(bw().upRate, bw().downRate, bw().txBytes, bw().rxBytes),
-                  std::tie(c.up, c.down, c.sent, c.received)) << c.addSec << " s " << c.sent;
+                  std::tie(c.up, c.down, c.sent, c.received))
+            << c.secs << " s " << c.sent;
     }
 }
 
+// A slot's record is never cleared: the next host in the slot is measured against it.
+TEST_F(BandwidthTest, ReusedSlotIsMeasuredAgainstThePreviousHostsRecord) {
+    sampleAt(start, 0, kHost, 1000, 1000);
+    makeRecyclable(entry);
+    RecycleInvalidHostrix();
+    const fake::Mac next = fake::mac(2, 0, 0, 0, 0, 9);
+    ASSERT_EQ(addHost(next), entry);
+    sampleAt(start + 10, 0, next, 1281000, 1000);
+    EXPECT_EQ(std::pair(bw().upRate, bw().downRate), std::pair(1000u, 0u));
+}
+
+// The counter sets answer {sent, received}; what answered is added up.
 TEST_F(BandwidthTest, CounterSetsAreSummed) {
-    struct { bool plain, fc; int result; uint64_t received, sent; } cases[] = {
-        {true, true, 0, 22, 11}, {false, true, 0, 20, 10}, {true, false, 0, 2, 1},
-        {false, false, -1, 0, 0}};
+    struct {
+        bool plain, fc;
+        int result;
+        uint64_t received, sent;
+    } cases[] = {{true, true, 0, 22, 11},
+                 {false, true, 0, 20, 10},
+                 {true, false, 0, 2, 1},
+                 {false, false, -1, 0, 0}};
     for (const auto &c : cases) {
         fake::state().counters.clear();
         fake::state().fcCounters.clear();
@@ -72,8 +76,7 @@ TEST_F(BandwidthTest, CounterSetsAreSummed) {
         if (c.fc) fake::state().fcCounters[kHost] = {10, 20};
         uint64_t pair[2] = {7, 7};
         EXPECT_EQ(getLanHostHpcCounter(entry, pair), c.result);
-        EXPECT_EQ(pair[kHpcReceived], c.received);
-        EXPECT_EQ(pair[kHpcSent], c.sent);
+        EXPECT_EQ(std::pair(pair[kHpcReceived], pair[kHpcSent]), std::pair(c.received, c.sent));
     }
 }
 
@@ -91,43 +94,34 @@ TEST_F(BandwidthTest, UnansweredInvalidAndZeroMacHostsKeepTheirRecord) {
         EXPECT_EQ(std::memcmp(&lanHostBw[hostSlot(e)], &before, sizeof before), 0);
 }
 
-TEST_F(BandwidthTest, SamplesOnlyWhenDueAndTracesTheIntervalWhenPastTheSchedule) {
-    struct { uint8_t enable, force; uint32_t interval; int64_t nextFromNow; bool sampled;
-             int64_t nextAfter; } cases[] = {
-        {1, 0, 10, -1, true, 10},  {1, 0, 10, 0, false, 0},   // due; not yet due
-        {1, 1, 10, 5, true, 10},                              // forced restarts the schedule
-        {1, 0, 0, -1, false, -1},  {1, 1, 0, -1, true, 0},    // interval 0: only forced
-        {0, 1, 10, -1, false, -1}};                           // disabled, even forced
-    const int64_t now = fake::state().wall;
+// A failed clock read samples nothing, says so and keeps the schedule.
+TEST_F(BandwidthTest, SamplesOnlyWhenDue) {
+    struct {
+        uint8_t enable, force;
+        uint32_t interval;
+        int64_t nextFromNow;
+        bool clockFails, sampled;
+        int64_t nextAfter;
+    } cases[] = {
+        {1, 0, 10, -1, false, true, 10},  {1, 0, 10, 0, false, false, 0},    // due; not yet
+        {1, 1, 10, 5, false, true, 10},                                      // forced: restarts
+        {1, 0, 0, -1, false, false, -1},  {1, 1, 0, -1, false, true, 0},     // 0: only forced
+        {0, 1, 10, -1, false, false, -1}, {1, 1, 10, -1, true, false, -1}};  // disabled; no clock
     fake::state().counters[kHost] = {5, 5};
-    dbg_level = DBG_TRACE;
     for (const auto &c : cases) {
         bw() = {};
         bandwidthInterval = c.interval;
-        nextBandwidthTime = now + c.nextFromNow;
-        std::string out = pass(c.enable, c.force);
-        SCOPED_TRACE(testing::Message() << int(c.enable) << int(c.force) << " " << c.interval
-                                        << " " << c.nextFromNow);
-        EXPECT_EQ(bw().txBytes, c.sampled ? 5u : 0u);
-        EXPECT_EQ(nextBandwidthTime, now + c.nextAfter);
-        bool traced = c.enable && c.nextFromNow < 0;
-        EXPECT_EQ(out.rfind("[Hostrix]:[getAndCalcLanHostCurrBandwidth ", 0) == 0, traced) << out;
-        if (traced) {
-            EXPECT_TRUE(out.ends_with("]:interval = " + std::to_string(c.interval) + ".\n"));
-        }
+        nextBandwidthTime = start + c.nextFromNow;
+        fake::state().wallFails = c.clockFails;
+        ::testing::internal::CaptureStdout();
+        getAndCalcLanHostCurrBandwidth(c.enable, c.force);
+        std::string out = ::testing::internal::GetCapturedStdout();
+        SCOPED_TRACE(testing::Message() << int(c.enable) << int(c.force) << " " << c.interval << " "
+                                        << c.nextFromNow << " " << c.clockFails);
+        EXPECT_EQ(std::pair(bw().txBytes, nextBandwidthTime),
+                  std::pair(c.sampled ? uint64_t{5} : 0, start + c.nextAfter));
+        EXPECT_EQ(out.ends_with("]: exec gettimeofday failed.\n\n"), c.clockFails) << out;
     }
-}
-
-TEST_F(BandwidthTest, ClockFailureSkipsThePassAndKeepsTheSchedule) {
-    fake::state().counters[kHost] = {5, 5};
-    fake::state().wallFails = true;
-    nextBandwidthTime = 42;
-    bandwidthInterval = 10;
-    std::string out = pass(1, 1);
-    EXPECT_EQ(out.rfind("[getAndCalcLanHostCurrBandwidth ", 0), 0u) << out;
-    EXPECT_TRUE(out.ends_with("]: exec gettimeofday failed.\n\n")) << out;
-    EXPECT_EQ(bw().txBytes, 0u);
-    EXPECT_EQ(nextBandwidthTime, 42);
 }
 
 }  // namespace

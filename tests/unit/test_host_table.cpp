@@ -1,121 +1,118 @@
+#include <cstdlib>
 #include <cstring>
 
+#include "discovery/wlan_sta.h"
 #include "fixture.h"
 
 namespace {
 
+hostEntry *const kNoHost = nullptr;
+
+// MACs whose octets XOR to the same value share a chain: 02:00:00:00:k:k -> chain 2.
+fake::Mac macK(uint8_t k) {
+    return fake::mac(0x02, 0, 0, 0, k, k);
+}
+hostEntry *find(uint8_t k) {
+    return getHostrixByMac(macK(k).data());
+}
+
+std::vector<hostEntry *> chain2() {
+    std::vector<hostEntry *> entries;
+    for (hostEntry *e = hashHeads[2]; e; e = e->next) entries.push_back(e);
+    return entries;
+}
+
+// Each freed host is unregistered from both counter sets while it still has its MAC.
+std::vector<std::pair<fake::Mac, int>> unregistered(std::initializer_list<uint8_t> ks) {
+    std::vector<std::pair<fake::Mac, int>> updates;
+    for (uint8_t k : ks) updates.insert(updates.end(), 2, {macK(k), 0});
+    return updates;
+}
+
 class HostTableTest : public HostrixTest {
-protected:
+   protected:
     void SetUp() override {
         HostrixTest::SetUp();
         setMaxLanHostNum(kHostPoolSize);
     }
 };
 
-// MACs whose octets XOR to the same value share a chain: 02:00:00:00:k:k -> chain 2.
-fake::Mac sameChainMac(uint8_t k) { return fake::mac(0x02, 0, 0, 0, k, k); }
-
-std::vector<hostEntry *> chainOf(uint32_t h) {
-    std::vector<hostEntry *> entries;
-    for (hostEntry *e = hashHeads[h]; e; e = e->next) entries.push_back(e);
-    return entries;
-}
-
-TEST_F(HostTableTest, HashIsXorOfOctetsMaskedTo64Chains) {
-    EXPECT_EQ(hostHash(fake::mac(0x02, 0, 0, 0, 0, 1).data()), 3u);
-    EXPECT_EQ(hostHash(fake::mac(0xff, 0, 0, 0, 0, 0).data()), 63u);
-    EXPECT_EQ(hostHash(fake::mac(0x40, 0, 0, 0, 0, 0).data()), 0u);
-}
-
-TEST_F(HostTableTest, ChainsAreNewestFirstAndLookupFindsOfflineHostsToo) {
-    hostEntry *first = addHost(sameChainMac(1));
-    hostEntry *second = addHost(sameChainMac(2));
+TEST_F(HostTableTest, LookupFindsOnlineAndOfflineHostsButNeverTheZeroMac) {
+    hostEntry *first = addHost(macK(1));
+    hostEntry *second = addHost(macK(2));
     first->valid = 0;
-    EXPECT_EQ(chainOf(2), (std::vector<hostEntry *>{second, first}));
-    EXPECT_EQ(getHostrixByMac(sameChainMac(1).data()), first);
-    EXPECT_EQ(getHostrixByMac(sameChainMac(2).data()), second);
-    EXPECT_EQ(getHostrixByMac(sameChainMac(3).data()), nullptr);
-}
-
-TEST_F(HostTableTest, ZeroMacIsNeverLookedUpOrLinked) {
+    EXPECT_EQ(chain2(), (std::vector<hostEntry *>{second, first}));  // newest first
+    EXPECT_EQ(std::tuple(find(1), find(2), find(3)), std::tuple(first, second, kNoHost));
     fake::Mac zero{};
     EXPECT_EQ(getHostrixByMac(zero.data()), nullptr);
-    EXPECT_EQ(getHostrixByMac(nullptr), nullptr);
     EXPECT_EQ(addNewToHashList(getFreeFromFreeList(), zero.data()), nullptr);
-    EXPECT_EQ(addNewToHashList(nullptr, sameChainMac(1).data()), nullptr);
-    for (hostEntry *head : hashHeads) EXPECT_EQ(head, nullptr);
+    EXPECT_EQ(hashHeads[0], nullptr);
 }
 
-TEST_F(HostTableTest, FreeListHandsOutTopSlotsUpToTheMaximumAndTakesThemBackZeroed) {
+// Slots go out from 255 down and up to the maximum; a freed entry comes back zeroed.
+// An empty free list gives nothing and counts nothing. A reset empties the table and
+// forgets the last wireless station snapshot.
+TEST_F(HostTableTest, FreeListHandsOutTopSlotsUpToTheMaximum) {
     setMaxLanHostNum(2);
     hostEntry *entry = getFreeFromFreeList();
-    EXPECT_EQ(hostSlot(entry), 255u);
-    EXPECT_EQ(hostSlot(getFreeFromFreeList()), 254u);
+    EXPECT_EQ(std::pair(hostSlot(entry), hostSlot(getFreeFromFreeList())), std::pair(255u, 254u));
     EXPECT_EQ(getFreeFromFreeList(), nullptr);
-    EXPECT_EQ(lanHostNum, 2u);
     std::strcpy(entry->lanHost.devName, "phone");
     insertIntoFreeList(entry);
-    insertIntoFreeList(nullptr);  // reported, nothing changes
-    EXPECT_EQ(freeList, entry);
-    EXPECT_EQ(entry->lanHost.devName[0], '\0');
     EXPECT_EQ(lanHostNum, 1u);
+    EXPECT_EQ(getFreeFromFreeList(), entry);
+    EXPECT_EQ(entry->lanHost.devName[0], '\0');
+    setMaxLanHostNum(kHostPoolSize);
+    while (getFreeFromFreeList()) {
+    }
+    lanHostNum = 100;
+    EXPECT_EQ(getFreeFromFreeList(), nullptr);
+    EXPECT_EQ(lanHostNum, 100u);
+    wlanStaTable[3].staNum = 1;
+    wlanStaTable[3].staList = static_cast<wlStaInfo *>(std::calloc(1, sizeof(wlStaInfo)));
+    initHostrixData();
+    EXPECT_EQ(wlanStaTable[3].staNum + !!wlanStaTable[3].staList, 0u);
+    EXPECT_EQ(hostSlot(getFreeFromFreeList()), 255u);
 }
 
 // Chain 2 newest first: 7 6 (recyclable heads), 5 online, 4 3 (recyclable in a row),
 // 2 blocked, 1 offline with its arrival unreported.
 TEST_F(HostTableTest, RecyclingFreesOnlyOfflineUnblockedReportedHostsAnywhereInAChain) {
     hostEntry *e[8] = {};
-    for (uint8_t k = 1; k <= 7; ++k) e[k] = addHost(sameChainMac(k));
+    for (uint8_t k = 1; k <= 7; ++k) e[k] = addHost(macK(k));
     for (int k : {7, 6, 4, 3, 2, 1}) makeRecyclable(e[k]);
     e[2]->lanHost.internetAccess = kInternetAccessBlocked;
     e[1]->lanHost.firstConnect = 1;
     RecycleInvalidHostrix();
-    EXPECT_EQ(chainOf(2), (std::vector<hostEntry *>{e[5], e[2], e[1]}));
+    EXPECT_EQ(chain2(), (std::vector<hostEntry *>{e[5], e[2], e[1]}));
     EXPECT_EQ(lanHostNum, 3u);
-    // Each freed host was unregistered from both counter sets with its MAC intact.
-    ASSERT_EQ(fake::state().hpcUpdates.size(), 8u);
-    EXPECT_EQ(fake::state().hpcUpdates[0], std::make_pair(sameChainMac(7), 0));
+    EXPECT_EQ(fake::state().hpcUpdates, unregistered({7, 6, 4, 3}));
 }
 
+// Online or not, hosts of the interface and its VLANs go; eth0x, veth0, eth01 stay.
 TEST_F(HostTableTest, RemovalByNameTakesTheInterfaceAndItsVlansOnly) {
-    const std::pair<const char *, bool> cases[] = {
-        {"eth0", true}, {"eth0.10", true}, {"eth0x", false}, {"veth0", false}, {"eth01", false},
-    };
-    uint8_t k = 1;
-    for (auto [ifname, removed] : cases) addHost(sameChainMac(k++), ifname);
+    const char *names[] = {"eth0", "eth0.10", "eth0x", "veth0", "eth01"};
+    for (uint8_t k = 1; k <= 5; ++k) addHost(macK(k), names[k - 1])->valid = k % 2;
     EXPECT_EQ(RemoveHostrixByIfname("eth0"), 2);
-    k = 1;
-    for (auto [ifname, removed] : cases)
-        EXPECT_EQ(getHostrixByMac(sameChainMac(k++).data()) == nullptr, removed) << ifname;
+    for (uint8_t k = 1; k <= 5; ++k) EXPECT_EQ(find(k) == nullptr, k <= 2) << names[k - 1];
     EXPECT_EQ(lanHostNum, 3u);
-    EXPECT_EQ(RemoveHostrixByIfname(""), 0);
-    EXPECT_EQ(RemoveHostrixByIfname(nullptr), 0);
+    EXPECT_EQ(fake::state().hpcUpdates, unregistered({2, 1}));
 }
 
-TEST_F(HostTableTest, LoweringTheMaximumRecyclesFirstThenDropsTheTable) {
-    hostEntry *online = addHost(sameChainMac(1));
-    makeRecyclable(addHost(sameChainMac(2)));
-    EXPECT_EQ(setMaxLanHostNum(1), 0);
-    EXPECT_EQ(getHostrixByMac(sameChainMac(1).data()), online);
+// Only a maximum below the count recycles; when recycling cannot make room the whole
+// table goes, without unregistering its hosts.
+TEST_F(HostTableTest, LoweringTheMaximumRecyclesThenDropsTheTable) {
+    hostEntry *online = addHost(macK(1));
+    makeRecyclable(addHost(macK(2)));
     setMaxLanHostNum(2);
-    addHost(sameChainMac(3));
-    EXPECT_EQ(setMaxLanHostNum(1), 0);
-    EXPECT_EQ(lanHostNum, 0u);
-    EXPECT_EQ(maxLanHostNum, 1u);
-    EXPECT_EQ(getHostrixByMac(sameChainMac(1).data()), nullptr);
-    EXPECT_EQ(fake::state().hpcUpdates.size(), 2u);  // a dropped table is not unregistered
-    EXPECT_NE(getFreeFromFreeList(), nullptr);
-}
-
-TEST_F(HostTableTest, ControlledCountFollowsFlagChangesOnly) {
-    hostEntry *entry = addHost(sameChainMac(1));
-    setHostControlled(entry, 5);
-    setHostControlled(entry, 1);
-    EXPECT_EQ(entry->lanHost.controlled, 1);
-    makeRecyclable(entry);
-    RecycleInvalidHostrix();  // freeing clears the flag but keeps the count
-    setHostControlled(addHost(sameChainMac(2)), 0);
-    EXPECT_EQ(controlledNum, 1u);
+    EXPECT_NE(find(2), nullptr);
+    setMaxLanHostNum(1);
+    EXPECT_EQ(std::pair(find(1), find(2)), std::pair(online, kNoHost));
+    setMaxLanHostNum(2);
+    addHost(macK(3));
+    setMaxLanHostNum(1);
+    EXPECT_EQ(std::tuple(lanHostNum, maxLanHostNum, find(1)), std::tuple(0u, 1u, kNoHost));
+    EXPECT_EQ(fake::state().hpcUpdates, unregistered({2}));
 }
 
 }  // namespace

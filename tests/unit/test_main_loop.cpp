@@ -1,10 +1,15 @@
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
+#include <filesystem>
 #include <string>
+#include <tuple>
 #include <utility>
 
+#include "control/ctrl_socket.h"
 #include "control/host_file.h"
 #include "core/daemon.h"
 #include "reader_lock.h"
@@ -12,182 +17,208 @@
 
 namespace {
 
+const fake::Mac kMac = fake::mac(2, 0, 0, 0, 0, 1);
+
 class MainLoopTest : public RootedTest {
    protected:
     void SetUp() override {
         RootedTest::SetUp();
         sigFlags = 0;
+        setMaxLanHostNum(kHostPoolSize);
+        now = fake::state().monotonic.tv_sec;
     }
     void TearDown() override {
         closeSignalWake(state);
-        sigFlags = 0;
+        msg_close_sockfd();
         RootedTest::TearDown();
     }
+    // A pipe the loop watches as its FIFO; WRITER gets the other end.
+    void watchPipe(UniqueFd &writer) {
+        int fds[2];
+        ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);
+        state.fifoFd.reset(fds[0]);
+        writer.reset(fds[1]);
+    }
+    bool exists(HostrixFile file) const { return std::filesystem::exists(hostrixPath(file)); }
 
     MainLoopState state;
+    int64_t now = 0;
 };
 
-TEST_F(MainLoopTest, HandlerOnlySetsTheSignalBit) {
-    signalHandler(SIGUSR1);
-    signalHandler(SIGTERM);
-    EXPECT_EQ(sigFlags.load(), SIG_BIT_RELOAD | SIG_BIT_TERMINATE);
+// Start-up reads the settings before it sets the sniffer level and applies the limits,
+// and sets every duty due at the first timeout; shutdown stops the sniffer and removes
+// the daemon's files.
+TEST_F(MainLoopTest, StartUpAppliesTheSettingsAndShutdownCleansUp) {
+    fake::state().settings = {{MIB_DBG_LEVEL, DBG_SNIFFER_VERBOSE},
+                              {MIB_MAX_LAN_HOST_NUM, 4},
+                              {MIB_MAX_CONTROLLED_NUM, 2},
+                              {MIB_BANDWIDTH_ENABLE, 1},
+                              {MIB_BANDWIDTH_INTERVAL, 10}};
+    controlledNum = 5;
+    ::testing::internal::CaptureStdout();
+    ASSERT_EQ(hostrixStart(state), 0);
+    EXPECT_EQ(std::tuple(snifferLogLevel(), maxLanHostNum, maxControlledNum, bandwidthInterval,
+                         controlledNum, state.applied.bandwidthEnable),
+              std::tuple(7u, 4u, 2u, 10u, 0u, 1));
+    EXPECT_EQ(std::tuple(fake::state().counterInitCalls, state.nextTick1, state.nextTick30,
+                         nextBandwidthTime),
+              std::tuple(1, now, now, fake::state().wall));
+    EXPECT_EQ(readText(hostrixPath(HostrixFile::PidFile)), std::to_string(getpid()) + "\n");
+    EXPECT_TRUE(state.fifoFd.valid() && state.authFd.valid() && exists(HostrixFile::Fifo));
+    ASSERT_EQ(writeLanHostInfo(), 0);
+    hostrixShutdown(state);
+    ::testing::internal::GetCapturedStdout();
+    EXPECT_FALSE(snifferRunning() || exists(HostrixFile::PidFile) || exists(HostrixFile::HostInfo));
 }
 
-// One pass does every pending job, reload before refresh, and clears all bits but
-// terminate's, which ends the loop.
-TEST_F(MainLoopTest, OnePassDoesAllWorkAndKeepsOnlyTerminate) {
-    EXPECT_TRUE(handleSignalWork(state));
+int openerCalls = 0;
+
+// ARP probing runs before ageing, so a series that ageing opens sends its first request
+// at the next run; the bandwidth pass after ageing skips a host ageing took offline.
+TEST_F(MainLoopTest, DutiesProbeBeforeAgeingAndSampleAfterIt) {
+    openerCalls = 0;
+    setArpSocketOpener([](sockaddr_ll &) { return ++openerCalls, -1; });
+    hostEntry *quiet = addHost(kMac, "wlan0");
+    hostEntry *gone = addHost(fake::mac(2, 0, 0, 0, 0, 2), "wlan0");
+    for (auto [entry, idle] : {std::pair{quiet, 65}, std::pair{gone, 90}}) {
+        entry->lanHost.connectionType = CONNECTION_WIRELESS;
+        entry->lanHost.ip = htonl(0x0a000001);
+        entry->updateTime = static_cast<uint32_t>(now - idle);
+    }
+    fake::state().counters[fake::mac(2, 0, 0, 0, 0, 2)] = {5, 5};
+    state.applied.bandwidthEnable = 1;
+    bandwidthInterval = 10;
+    runPeriodicDuties(state);
+    EXPECT_EQ(std::tuple(quiet->lanHost.arpRetryCnt, openerCalls, gone->valid,
+                         lanHostBw[hostSlot(gone)].txBytes),
+              std::tuple(3u, 0, 0, 0u));
+}
+
+// One pass does all signal work in order: the reload (whose enable flag the refresh
+// then uses), the forced rate refresh with the host file, the sniffer dump. Only
+// SIGTERM's bit stays, and it ends the loop.
+TEST_F(MainLoopTest, OnePassDoesEverySignalsWorkInOrder) {
+    addHost(kMac)->startOnLine = 100;
+    fake::state().counters[kMac] = {5, 7};
+    fake::state().settings = {{MIB_DBG_LEVEL, DBG_TRACE}, {MIB_BANDWIDTH_ENABLE, 1}};
     dbg_level = DBG_TRACE;
-    fake::state().settings = {{MIB_DBG_LEVEL, DBG_TRACE}};
     sigFlags = SIG_BIT_RELOAD | SIG_BIT_REFRESH | SIG_BIT_DUMP | SIG_BIT_TERMINATE;
     ::testing::internal::CaptureStdout();
     EXPECT_FALSE(handleSignalWork(state));
     std::string out = ::testing::internal::GetCapturedStdout();
-    size_t reload = out.find("receive USR1 signal");
-    ASSERT_NE(reload, std::string::npos);
-    EXPECT_NE(out.find("receive USR2 signal", reload), std::string::npos);
+    size_t usr2 = out.find("receive USR2 signal", out.find("receive USR1 signal"));
+    EXPECT_NE(out.find("====> [Sniffer Information] <====", usr2), std::string::npos) << out;
     EXPECT_EQ(sigFlags.load(), SIG_BIT_TERMINATE);
+    std::string file = readText(hostrixPath(HostrixFile::HostInfo));
+    lanHostInfo_t record{};
+    std::memcpy(&record, file.data(), std::min(file.size(), sizeof record));
+    EXPECT_EQ(std::tuple(file.size(), record.txBytes, record.rxBytes), std::tuple(944u, 5u, 7u));
 }
 
-// A signal that arrives while signal work is being done is handled in the same pass,
-// before the loop waits again: SIGTERM ends it, SIGUSR2 leaves nothing pending.
-TEST_F(MainLoopTest, SignalDuringSignalWorkIsHandledBeforeTheWait) {
+// A signal that arrives during signal work is handled before the loop waits again,
+// and one that arrives after it wakes the wait.
+TEST_F(MainLoopTest, SignalsAreNotLeftForTheNextTimeout) {
     for (auto [raised, keepsRunning] : {std::pair{SIGTERM, false}, std::pair{SIGUSR2, true}}) {
         int pending = raised;
         fake::state().onSettingRead = [&pending](int) {
             if (pending) signalHandler(std::exchange(pending, 0));
         };
         sigFlags = SIG_BIT_RELOAD;
-        state.waitArmed = true;  // and already run down: a surviving pass does not wait
+        state.waitArmed = true;  // and run down: a surviving pass does not wait
         state.waitDeadlineMs = 0;
         EXPECT_EQ(runLoopPass(state), keepsRunning) << raised;
         EXPECT_EQ(sigFlags.load(), keepsRunning ? 0u : SIG_BIT_TERMINATE) << raised;
     }
-}
-
-// The handler also wakes the wait, so a signal after the signal work is not left
-// for the next timeout; the next pass empties the pipe.
-TEST_F(MainLoopTest, HandlerWakesTheWait) {
     ASSERT_EQ(openSignalWake(state), 0);
-    auto readable = [this] {
-        fd_set set;
-        int count = buildReadSet(state, set);
-        timeval now{};
-        return select(count, &set, nullptr, nullptr, &now) == 1 &&
-               FD_ISSET(state.signalWakeFd.get(), &set);
-    };
-    EXPECT_FALSE(readable());
+    fd_set set;
+    timeval zero{};
     signalHandler(SIGHUP);
-    signalHandler(SIGHUP);
-    EXPECT_TRUE(readable());
+    EXPECT_EQ(select(buildReadSet(state, set), &set, nullptr, nullptr, &zero), 1);
     drainSignalWake(state);
-    EXPECT_FALSE(readable());
+    EXPECT_EQ(select(buildReadSet(state, set), &set, nullptr, nullptr, &zero), 0);
 }
 
-// A write that a reader's lock held off is tried at the next 1 s tick, and so is one
-// asked for by SIGUSR2; a due write that succeeds waits the full 30 s again.
-TEST_F(MainLoopTest, SkippedFileWriteIsRetriedAtTheNextTick) {
-    const int64_t now = fake::state().monotonic.tv_sec;
-    ASSERT_EQ(writeLanHostInfo(), 0);
-    {
-        ReaderLock reader(hostrixPath(HostrixFile::HostInfo));
-        ASSERT_TRUE(reader.locked());
-        state.nextFileWrite = static_cast<int32_t>(now);
-        runPeriodicDuties(state);
-        EXPECT_EQ(state.nextFileWrite, now + kFileRetryInterval);
-        state.nextFileWrite = static_cast<int32_t>(now + 20);
-        sigFlags = SIG_BIT_REFRESH;
-        EXPECT_TRUE(handleSignalWork(state));
-        EXPECT_EQ(state.nextFileWrite, now + kFileRetryInterval);
-    }
-    fake::advanceSeconds(kFileRetryInterval);
-    runPeriodicDuties(state);
-    EXPECT_EQ(state.nextFileWrite, now + kFileRetryInterval + kFileWriteInterval);
+// A failed wait (EBADF here, EINTR on a signal) runs no duty.
+TEST_F(MainLoopTest, FailedWaitRunsNoDuty) {
+    UniqueFd writer;
+    watchPipe(writer);
+    close(state.fifoFd.get());
+    state.nextTick1 = now;
+    EXPECT_TRUE(runLoopPass(state));
+    state.fifoFd.release();
+    EXPECT_EQ(state.nextTick1, now);
 }
 
 // Whatever the umask, the FIFO is root's alone, or its group's too with a socket
-// group; a FIFO left with a wider mode is narrowed.
+// group; one left with a wider mode is narrowed.
 TEST_F(MainLoopTest, FifoModeIgnoresTheUmask) {
-    const std::string path = hostrixPath(HostrixFile::Fifo);
     const mode_t previous = umask(0);
     for (auto [group, mode] : {std::pair{-1, 0600}, std::pair{1, 0660}, std::pair{-1, 0600}}) {
         fake::state().socketGroup = group;
         UniqueFd fifo(createHostrixFifo());
         struct stat info {};
-        ASSERT_EQ(stat(path.c_str(), &info), 0);
+        ASSERT_EQ(stat(hostrixPath(HostrixFile::Fifo), &info), 0);
         EXPECT_EQ(info.st_mode & 07777, static_cast<mode_t>(mode)) << group;
         EXPECT_TRUE(group < 0 || info.st_gid == static_cast<gid_t>(group)) << info.st_gid;
-        chmod(path.c_str(), 0666);
+        chmod(hostrixPath(HostrixFile::Fifo), 0666);
     }
     umask(previous);
 }
 
-// Events do not move the deadline: each wait gets what is left of the 3 s, and only a
-// run-down wait (disarmed by the timeout) starts a new one.
-TEST_F(MainLoopTest, WaitKeepsItsDeadlineAcrossEvents) {
-    EXPECT_EQ(remainingWaitMs(state, 10'000), 3000);
-    EXPECT_EQ(remainingWaitMs(state, 11'250), 1750);
-    EXPECT_EQ(remainingWaitMs(state, 14'000), 0);
-    state.waitArmed = false;
-    EXPECT_EQ(remainingWaitMs(state, 14'000), 3000);
-}
-
-// A client that asks without pause cannot hold the duties off: a pass that finds the
-// wait run down runs them without waiting on the descriptors.
-TEST_F(MainLoopTest, DutiesRunWhenTheWaitRanDownWhileServing) {
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    state.fifoFd.reset(fds[0]);
-    UniqueFd writer(fds[1]);
-    ASSERT_EQ(write(fds[1], "x", 1), 1);  // always readable
-    remainingWaitMs(state, int64_t{fake::state().monotonic.tv_sec} * 1000 - 3000);
-    state.nextTick1 = fake::state().monotonic.tv_sec;
-    EXPECT_TRUE(runLoopPass(state));
-    EXPECT_EQ(state.nextTick1, fake::state().monotonic.tv_sec + 1);
-    EXPECT_FALSE(state.waitArmed);
-}
-
-TEST_F(MainLoopTest, DescriptorCountCoversTheLargestWatchedOne) {
-    fd_set set;
-    EXPECT_EQ(buildReadSet(state, set), 2);  // nothing watched: 1 + 1
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    state.fifoFd.reset(fds[0]);
-    UniqueFd writer(fds[1]);
-    EXPECT_EQ(buildReadSet(state, set), fds[0] + 1);
-    EXPECT_TRUE(FD_ISSET(fds[0], &set));
-}
-
-// The 1 s tick and the file write are due at their time, the 30 s tick only after it.
-TEST_F(MainLoopTest, DutiesRunWhenDue) {
-    int64_t now = fake::state().monotonic.tv_sec;
+// A full 256-byte read keeps 255 characters: the value ends at byte 254 and byte 255
+// is lost to the terminator; the rest is the next command. Serving runs no duty.
+TEST_F(MainLoopTest, FifoReadKeeps255CharactersAndRunsNoDuty) {
+    UniqueFd writer;
+    watchPipe(writer);
+    std::string text = std::string(247, ' ') + "log 0x12" + "3" + " log 0x7\n";
+    ASSERT_EQ(write(writer.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
     state.nextTick1 = now;
-    state.nextTick30 = now - 1;
+    ::testing::internal::CaptureStdout();
+    EXPECT_TRUE(runLoopPass(state) && runLoopPass(state));
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "dbg_level=0x12\ndbg_level=0x7\n");
+    EXPECT_EQ(state.nextTick1, now);
+}
+
+// A client that asks without pause cannot hold the duties off: events do not move the
+// 3 s deadline, and a pass that finds it run down runs the duties without waiting.
+TEST_F(MainLoopTest, DutiesRunWhenTheWaitRanDownWhileServing) {
+    UniqueFd writer;
+    watchPipe(writer);
+    ASSERT_EQ(write(writer.get(), "x", 1), 1);
+    remainingWaitMs(state, now * 1000 - 3000);
+    state.nextTick1 = now;
+    EXPECT_TRUE(runLoopPass(state));
+    EXPECT_EQ(state.nextTick1, now + 1);
+}
+
+// The 1 s duties and the file write are due at their time, IPv6 probing only after it.
+TEST_F(MainLoopTest, DutiesRunWhenDue) {
+    for (int64_t offset : {0, 1}) {
+        state.nextTick1 = state.nextTick30 = now + offset;
+        state.nextFileWrite = static_cast<int32_t>(now + offset);
+        runPeriodicDuties(state);
+        EXPECT_EQ(
+            std::tuple(state.nextTick1, state.nextTick30, int64_t{state.nextFileWrite}),
+            offset ? std::tuple(now + 1, now + 1, now + 1) : std::tuple(now + 1, now, now + 30));
+    }
+}
+
+// A write that a reader's lock held off (periodic or SIGUSR2) is tried at the next 1 s
+// tick; a write that succeeds waits the full 30 s.
+TEST_F(MainLoopTest, SkippedFileWriteIsRetriedAtTheNextTick) {
+    ASSERT_EQ(writeLanHostInfo(), 0);
+    ReaderLock reader(hostrixPath(HostrixFile::HostInfo));
     state.nextFileWrite = static_cast<int32_t>(now);
     runPeriodicDuties(state);
-    EXPECT_EQ(state.nextTick1, now + 1);
-    EXPECT_EQ(state.nextTick30, now + 30);
-    EXPECT_EQ(state.nextFileWrite, now + 30);
-    state.nextTick30 = now;
+    EXPECT_EQ(state.nextFileWrite, now + 1);
+    state.nextFileWrite = static_cast<int32_t>(now + 20);
+    sigFlags = SIG_BIT_REFRESH;
+    EXPECT_TRUE(handleSignalWork(state));
+    EXPECT_EQ(state.nextFileWrite, now + 1);
+    reader.letGo();
+    fake::advanceSeconds(1);
     runPeriodicDuties(state);
-    EXPECT_EQ(state.nextTick1, now + 1);  // not due
-    EXPECT_EQ(state.nextTick30, now);     // equal is not later
-    EXPECT_EQ(state.nextFileWrite, now + 30);
-}
-
-// 300 bytes: the first read takes 256 and parses 255; the last 44 come next time.
-TEST_F(MainLoopTest, LongFifoWriteIsReadAsTwoCommands) {
-    int fds[2];
-    ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);
-    state.fifoFd.reset(fds[0]);
-    UniqueFd writer(fds[1]);
-    std::string text =
-        "log 0x20" + std::string(247, ' ') + "X" + std::string(35, ' ') + "log 0x800";
-    ASSERT_EQ(write(writer.get(), text.data(), text.size()), 300);
-    ::testing::internal::CaptureStdout();
-    readFifoCommand(state);
-    readFifoCommand(state);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "dbg_level=0x20\ndbg_level=0x800\n");
+    EXPECT_EQ(state.nextFileWrite, now + 31);
 }
 
 }  // namespace

@@ -87,7 +87,7 @@ int getMacAddr(const char *ifname, unsigned char *buffer) {
     const fake::Interface *intf = findInterface(ifname);
     if (!intf || !intf->hasMac) return -2;
     std::memcpy(buffer, intf->mac.data(), 6);
-    return 0;
+    return intf->macResult;
 }
 
 int getInFlags(const char *ifname, int *flags) {

@@ -30,6 +30,7 @@ struct Interface {
     uint32_t addr = 0;  // network byte order; 0 = none
     Mac mac{};
     bool hasMac = false;
+    int macResult = 0;  // what getMacAddr answers when it has the MAC
 };
 
 struct CounterPair {
