@@ -6,12 +6,12 @@
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 
+#include "core/netlink_walk.h"
 #include "platform/linux/netlink_socket.h"
 
 namespace {
@@ -30,19 +30,9 @@ RouteDumpStatus doneStatus(std::span<const uint8_t> payload) {
     return RouteDumpStatus::Done;
 }
 
-// Calls EACH with every whole message of DATAGRAM until it returns false; false when
-// a message's length is impossible.
-template <typename Each>
-bool forEachMessage(std::span<const uint8_t> datagram, Each each) {
-    while (datagram.size() >= sizeof(nlmsghdr)) {
-        const auto header = readAt<nlmsghdr>(datagram, 0);
-        if (header.nlmsg_len < NLMSG_HDRLEN || header.nlmsg_len > datagram.size()) return false;
-        if (!each(header, datagram.subspan(NLMSG_HDRLEN, header.nlmsg_len - NLMSG_HDRLEN)))
-            return true;
-        datagram =
-            datagram.subspan(std::min<size_t>(NLMSG_ALIGN(header.nlmsg_len), datagram.size()));
-    }
-    return true;
+// Route answers may end in a few bytes too short for a header; they are passed over.
+bool walkedWhole(size_t left) {
+    return left < sizeof(nlmsghdr);
 }
 
 ssize_t receiveRetrying(const UniqueFd &sock, std::vector<uint8_t> &buffer, int flags,
@@ -135,15 +125,16 @@ ssize_t receiveRouteDatagram(const UniqueFd &sock, std::vector<uint8_t> &buffer)
 RouteDumpStatus walkRouteDatagram(std::span<const uint8_t> datagram, uint32_t sequence,
                                   const RouteMessageVisitor &visit) {
     RouteDumpStatus status = RouteDumpStatus::More;
-    const bool whole = forEachMessage(datagram, [&](const nlmsghdr &header, auto payload) {
-        if (header.nlmsg_seq != sequence) return true;
-        if (header.nlmsg_type == NLMSG_DONE) status = doneStatus(payload);
-        if (header.nlmsg_type == NLMSG_ERROR || header.nlmsg_type == NLMSG_OVERRUN)
-            status = RouteDumpStatus::Failed;
-        if (header.nlmsg_type >= NLMSG_MIN_TYPE) visit(header.nlmsg_type, payload);
+    const size_t left = netlink::forEachMessage(datagram, [&](const nlmsghdr *message) {
+        if (message->nlmsg_seq != sequence) return true;
+        const uint16_t type = message->nlmsg_type;
+        const auto payload = netlink::payloadOf(message);
+        if (type == NLMSG_DONE) status = doneStatus(payload);
+        if (type == NLMSG_ERROR || type == NLMSG_OVERRUN) status = RouteDumpStatus::Failed;
+        if (type >= NLMSG_MIN_TYPE) visit(type, payload);
         return status == RouteDumpStatus::More;
     });
-    return whole ? status : RouteDumpStatus::Failed;
+    return walkedWhole(left) ? status : RouteDumpStatus::Failed;
 }
 
 bool readRouteDump(const UniqueFd &sock, const RouteDatagramDecoder &decode) {
@@ -166,15 +157,16 @@ bool readRouteDump(const UniqueFd &sock, const RouteDatagramDecoder &decode) {
 
 int decodeRouteAck(std::span<const uint8_t> datagram, uint32_t sequence) {
     int result = kNoRouteAck;
-    const bool whole = forEachMessage(datagram, [&](const nlmsghdr &header, auto payload) {
-        if (header.nlmsg_seq != sequence || header.nlmsg_type != NLMSG_ERROR) return true;
+    const size_t left = netlink::forEachMessage(datagram, [&](const nlmsghdr *message) {
+        if (message->nlmsg_seq != sequence || message->nlmsg_type != NLMSG_ERROR) return true;
+        const auto payload = netlink::payloadOf(message);
         if (payload.size() < sizeof(int32_t)) return false;
         const int32_t error = readAt<int32_t>(payload, 0);
         // Errors are negated errnos; anything else in that field is not an answer.
         if (error <= 0 && error > -4096) result = -error;
         return false;
     });
-    return whole ? result : kNoRouteAck;
+    return walkedWhole(left) ? result : kNoRouteAck;
 }
 
 int routeTransact(const UniqueFd &sock, RouteRequest &request) {

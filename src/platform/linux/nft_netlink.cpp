@@ -22,6 +22,7 @@
 #include <ctime>
 #include <memory>
 
+#include "core/netlink_walk.h"
 #include "platform/linux/netlink_socket.h"
 
 namespace {
@@ -254,25 +255,29 @@ bool addElementMessages(Batch &batch, uint16_t type, uint16_t flags, bool leavin
     return true;
 }
 
+// The errno of the refusal in an NLMSG_ERROR MESSAGE, 0 for an acknowledgement.
+int answerError(const nlmsghdr *message) {
+    if (message->nlmsg_len < NLMSG_LENGTH(sizeof(nlmsgerr))) return EIO;
+    nlmsgerr answer;
+    std::memcpy(&answer, mnl_nlmsg_get_payload(message), sizeof answer);
+    if (answer.error == 0) return 0;
+    return answer.error < 0 && answer.error > -4096 ? -answer.error : EIO;
+}
+
 // Counts in ANSWERED the acknowledgements in DATAGRAM for messages of the batch that
 // ran from FIRST to LAST; the first refusal's errno, or 0.
 int readAnswers(std::span<const uint8_t> datagram, uint32_t first, uint32_t last,
                 uint32_t &answered) {
-    int rest = static_cast<int>(datagram.size());
-    for (auto *message = reinterpret_cast<const nlmsghdr *>(datagram.data());
-         mnl_nlmsg_ok(message, rest) && message->nlmsg_len <= static_cast<unsigned>(rest);
-         message = mnl_nlmsg_next(message, &rest)) {
+    int error = 0;
+    (void)netlink::forEachMessage(datagram, [&](const nlmsghdr *message) {
         // Unsigned differences keep the range right when the numbers wrap.
         if (message->nlmsg_type != NLMSG_ERROR || message->nlmsg_seq - first > last - first)
-            continue;
-        if (message->nlmsg_len < NLMSG_LENGTH(sizeof(nlmsgerr))) return EIO;
-        nlmsgerr answer;
-        std::memcpy(&answer, mnl_nlmsg_get_payload(message), sizeof answer);
-        if (answer.error != 0)
-            return answer.error < 0 && answer.error > -4096 ? -answer.error : EIO;
-        ++answered;
-    }
-    return 0;
+            return true;
+        error = answerError(message);
+        answered += error == 0 ? 1 : 0;
+        return error == 0;
+    });
+    return error;
 }
 
 // Every message asked for an answer; any refusal aborts the whole transaction.

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "core/netlink_walk.h"
 #include "core/unique_fd.h"
 #include "platform/linux/netlink_socket.h"
 #include "platform/linux/wifi_stations.h"
@@ -44,35 +45,21 @@ struct NlAttribute {
     std::span<const uint8_t> payload;
 };
 
-// Calls VISIT for each message until it returns false; false when a length is bad.
+// nl80211 chunks end where their last message ends: any byte left over, even too few
+// for a header, makes a chunk malformed, and the same goes for attributes.
 template <typename Visit>
 bool forEachMessage(std::span<const uint8_t> bytes, Visit visit) {
-    while (!bytes.empty()) {
-        nlmsghdr header;
-        if (bytes.size() < sizeof header) return false;
-        std::memcpy(&header, bytes.data(), sizeof header);
-        if (header.nlmsg_len < sizeof header || header.nlmsg_len > bytes.size()) return false;
-        auto payload = bytes.subspan(sizeof header, header.nlmsg_len - sizeof header);
-        if (!visit(NlMessage{header.nlmsg_type, header.nlmsg_seq, payload})) return true;
-        bytes = bytes.subspan(std::min<size_t>(NLMSG_ALIGN(header.nlmsg_len), bytes.size()));
-    }
-    return true;
+    return netlink::forEachMessage(bytes, [&](const nlmsghdr *message) {
+               return visit(
+                   NlMessage{message->nlmsg_type, message->nlmsg_seq, netlink::payloadOf(message)});
+           }) == 0;
 }
 
-// Calls VISIT for each attribute until it returns false; false when a length is bad.
 template <typename Visit>
 bool forEachAttribute(std::span<const uint8_t> bytes, Visit visit) {
-    while (!bytes.empty()) {
-        nlattr header;
-        if (bytes.size() < sizeof header) return false;
-        std::memcpy(&header, bytes.data(), sizeof header);
-        if (header.nla_len < sizeof header || header.nla_len > bytes.size()) return false;
-        auto payload = bytes.subspan(sizeof header, header.nla_len - sizeof header);
-        if (!visit(NlAttribute{static_cast<uint16_t>(header.nla_type & NLA_TYPE_MASK), payload}))
-            return true;
-        bytes = bytes.subspan(std::min<size_t>(NLA_ALIGN(header.nla_len), bytes.size()));
-    }
-    return true;
+    return netlink::forEachAttribute(bytes, [&](const nlattr *attr) {
+               return visit(NlAttribute{mnl_attr_get_type(attr), netlink::payloadOf(attr)});
+           }) == 0;
 }
 
 template <typename T>
