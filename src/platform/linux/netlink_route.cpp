@@ -1,4 +1,3 @@
-#include "platform/linux/read_util.h"
 #include "platform/linux/netlink_route.h"
 
 #include <linux/neighbour.h>
@@ -8,11 +7,11 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <ctime>
 
 #include "core/netlink_walk.h"
 #include "platform/linux/netlink_socket.h"
+#include "platform/linux/read_util.h"
 
 namespace {
 
@@ -48,33 +47,21 @@ ssize_t receiveRetrying(const UniqueFd &sock, std::vector<uint8_t> &buffer, int 
 
 }  // namespace
 
-RouteRequest::RouteRequest(uint16_t type, uint16_t flags) {
-    nlmsghdr header{};
-    header.nlmsg_type = type;
-    header.nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | flags);
-    append(&header, sizeof header);
+NetlinkRequest::NetlinkRequest(uint16_t type, uint16_t flags) {
+    nlmsghdr *message = mnl_nlmsg_put_header(bytes_);
+    message->nlmsg_type = type;
+    message->nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | flags);
 }
 
-void RouteRequest::append(const void *data, size_t size) {
-    const auto *bytes = static_cast<const uint8_t *>(data);
-    bytes_.insert(bytes_.end(), bytes, bytes + size);
-    bytes_.resize(NLMSG_ALIGN(bytes_.size()));
+void NetlinkRequest::attribute(uint16_t type, const void *data, size_t size) {
+    if (!mnl_attr_put_check(header(), sizeof bytes_, type, size, data)) overflowed_ = true;
 }
 
-void RouteRequest::attribute(uint16_t type, const void *data, size_t size) {
-    const rtattr header{static_cast<unsigned short>(RTA_LENGTH(size)), type};
-    static_assert(sizeof header == RTA_ALIGN(sizeof header));  // the payload follows at once
-    append(&header, sizeof header);
-    append(data, size);
-}
-
-std::span<const uint8_t> RouteRequest::finish(uint32_t sequence, uint16_t extraFlags) {
-    auto header = readAt<nlmsghdr>(bytes_, 0);
-    header.nlmsg_len = static_cast<uint32_t>(bytes_.size());
-    header.nlmsg_seq = sequence;
-    header.nlmsg_flags = static_cast<uint16_t>(header.nlmsg_flags | extraFlags);
-    std::memcpy(bytes_.data(), &header, sizeof header);
-    return bytes_;
+std::span<const uint8_t> NetlinkRequest::finish(uint32_t sequence, uint16_t extraFlags) {
+    if (overflowed_) return {};
+    header()->nlmsg_seq = sequence;
+    header()->nlmsg_flags = static_cast<uint16_t>(header()->nlmsg_flags | extraFlags);
+    return {bytes_, header()->nlmsg_len};
 }
 
 UniqueFd openRouteSocket() {
@@ -92,6 +79,10 @@ uint32_t nextRouteSequence() {
 }
 
 bool sendRouteRequest(const UniqueFd &sock, std::span<const uint8_t> message) {
+    if (message.empty()) {
+        errno = EMSGSIZE;
+        return false;
+    }
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
     ssize_t sent;
@@ -103,7 +94,7 @@ bool sendRouteRequest(const UniqueFd &sock, std::span<const uint8_t> message) {
 }
 
 bool requestNeighDump(const UniqueFd &sock, uint32_t sequence, uint8_t family) {
-    RouteRequest request(RTM_GETNEIGH, NLM_F_DUMP);
+    NetlinkRequest request(RTM_GETNEIGH, NLM_F_DUMP);
     ndmsg body{};
     body.ndm_family = family;
     request.body(body);
@@ -169,7 +160,7 @@ int decodeRouteAck(std::span<const uint8_t> datagram, uint32_t sequence) {
     return walkedWhole(left) ? result : kNoRouteAck;
 }
 
-int routeTransact(const UniqueFd &sock, RouteRequest &request) {
+int routeTransact(const UniqueFd &sock, NetlinkRequest &request) {
     const uint32_t sequence = nextRouteSequence();
     errno = 0;
     if (!sendRouteRequest(sock, request.finish(sequence, NLM_F_ACK))) return errno ? errno : EIO;
