@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <ctime>
 
 #include "core/netlink_walk.h"
 #include "platform/linux/netlink_socket.h"
@@ -17,9 +16,8 @@ namespace {
 
 constexpr size_t kInitialBuffer = 32768;  // what the kernel fills per dump datagram
 constexpr size_t kMaxDatagram = size_t{1} << 20;
-constexpr int kMaxDumpDatagrams = 1024;     // bounds the receive loop of a dump
-constexpr int kMaxAckDatagrams = 16;        // stray datagrams skipped while waiting for an ack
-constexpr time_t kReplyTimeoutSeconds = 1;  // a kernel that stays silent this long has failed
+constexpr int kMaxDumpDatagrams = 1024;  // bounds the receive loop of a dump
+constexpr int kMaxAckDatagrams = 16;     // stray datagrams skipped while waiting for an ack
 constexpr size_t kAckBuffer = 4096;
 
 // The end of a dump carries the dump's own result; a negative one means it failed.
@@ -65,12 +63,7 @@ std::span<const uint8_t> NetlinkRequest::finish(uint32_t sequence, uint16_t extr
 }
 
 UniqueFd openRouteSocket() {
-    UniqueFd sock = openKernelNetlinkSocket(NETLINK_ROUTE);
-    const timeval timeout{kReplyTimeoutSeconds, 0};
-    if (sock.valid() &&
-        setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0)
-        sock.reset();
-    return sock;
+    return openKernelNetlinkSocket(NETLINK_ROUTE);
 }
 
 uint32_t nextRouteSequence() {

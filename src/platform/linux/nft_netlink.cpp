@@ -36,9 +36,8 @@ constexpr size_t kElementsPerMessage = 256;
 constexpr size_t kRequestBytes = 512;  // one dump request: header, table, set
 constexpr size_t kAckBuffer = 4096;
 constexpr int kSpareReplyDatagrams = 16;  // strays tolerated while waiting for answers
-constexpr time_t kReplyTimeoutSeconds = 1;
-constexpr uint32_t kEtherAddrType = 9;  // nftables' datatype number of ether_addr
-constexpr uint32_t kSaddrOffset = 6;    // in the Ethernet header
+constexpr uint32_t kEtherAddrType = 9;    // nftables' datatype number of ether_addr
+constexpr uint32_t kSaddrOffset = 6;      // in the Ethernet header
 constexpr uint32_t kDaddrOffset = 0;
 // The key's byte order as nft itself records it in the set's user data, so that the
 // nft program lists the set exactly as one it made.
@@ -326,11 +325,8 @@ int nftSendHostOps(std::span<const NftHostOp> ops) {
 
 UniqueFd openNftSocket() {
     UniqueFd sock = openKernelNetlinkSocket(NETLINK_NETFILTER);
-    const timeval timeout{kReplyTimeoutSeconds, 0};
     const int on = 1;  // acknowledgements without a copy of the request
-    if (sock.valid() &&
-        (setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0 ||
-         setsockopt(sock.get(), SOL_NETLINK, NETLINK_CAP_ACK, &on, sizeof on) != 0))
+    if (sock.valid() && setsockopt(sock.get(), SOL_NETLINK, NETLINK_CAP_ACK, &on, sizeof on) != 0)
         sock.reset();
     return sock;
 }

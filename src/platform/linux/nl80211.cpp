@@ -333,9 +333,8 @@ NlDumpState nl80211DecodeStationDump(std::span<const uint8_t> bytes, uint32_t se
 
 namespace {
 
-constexpr size_t kReceiveBytes = 32768;   // the largest chunk the kernel sends a dump in
-constexpr int kMaxReceives = 64;          // chunks of one answer; 64 stations fit in a few
-constexpr timeval kReceiveTimeout{1, 0};  // a silent kernel must not stall the main loop
+constexpr size_t kReceiveBytes = 32768;  // the largest chunk the kernel sends a dump in
+constexpr int kMaxReceives = 64;         // chunks of one answer; 64 stations fit in a few
 constexpr uint8_t kGenlVersion = 1;
 
 using ReceiveBuffer = std::array<uint8_t, kReceiveBytes>;
@@ -343,15 +342,6 @@ using ReceiveBuffer = std::array<uint8_t, kReceiveBytes>;
 uint32_t nextSequence() {
     static std::atomic<uint32_t> sequence{0};
     return ++sequence;
-}
-
-UniqueFd openGenlSocket() {
-    UniqueFd sock = openKernelNetlinkSocket(NETLINK_GENERIC);
-    if (!sock.valid()) return sock;
-    timeval timeout = kReceiveTimeout;
-    if (setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0)
-        sock.reset();
-    return sock;
 }
 
 NetlinkRequest genlRequest(uint16_t family, uint16_t flags, uint8_t command) {
@@ -406,7 +396,7 @@ struct Session {
 bool openSession(const char *ifname, Session &session) {
     session.ifindex = ifname ? if_nametoindex(ifname) : 0;
     if (session.ifindex == 0) return false;
-    session.sock = openGenlSocket();
+    session.sock = openKernelNetlinkSocket(NETLINK_GENERIC);
     if (!session.sock.valid()) return false;
     int family = resolveFamily(session.sock, session.buffer);
     if (family <= 0 || family > UINT16_MAX) return false;
