@@ -8,9 +8,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <string>
 
+#include "core/netlink_walk.h"
 #include "core/unique_fd.h"
 #include "platform/os.h"
 #include "sniffer/monitor_intf.h"
@@ -24,17 +26,15 @@ namespace {
 
 using Bytes = std::span<const uint8_t>;
 
-constexpr size_t kMessageHeaderLen = sizeof(nlmsghdr);  // 16
-constexpr size_t kLinkHeaderLen = sizeof(ifinfomsg);    // 16, after the message header
-constexpr size_t kLinkFamily = kMessageHeaderLen;       // ifi_family, the first byte
-constexpr size_t kAttributeHeaderLen = sizeof(rtattr);  // 4
+constexpr size_t kLinkHeaderLen = sizeof(ifinfomsg);  // 16, after the message header
+constexpr size_t kLinkFamily = offsetof(ifinfomsg, ifi_family);
 constexpr size_t kMasterIndexLen = sizeof(uint32_t);
 constexpr const char *kWanPortPrefix = "nas0";
 constexpr size_t kWanPortPrefixLen = 4;
 constexpr const char *kRepeaterMark = "vxd";
 
 // Only the sniffer thread reads link events.
-uint8_t eventBuffer[kNetlinkBufferSize];
+alignas(nlmsghdr) uint8_t eventBuffer[kNetlinkBufferSize];
 
 struct LinkEvent {
     bool hasName = false;
@@ -59,18 +59,13 @@ void takeAttribute(uint16_t type, Bytes payload, LinkEvent &event) {
 }
 
 // Attributes run while a whole one remains; a length that does not fit ends the walk.
+// The type is taken with its flag bits, which the kernel never sets on these two.
 LinkEvent decodeLinkAttributes(Bytes attributes) {
     LinkEvent event;
-    while (attributes.size() >= kAttributeHeaderLen) {
-        rtattr header{};
-        std::memcpy(&header, attributes.data(), sizeof header);
-        if (header.rta_len < kAttributeHeaderLen || header.rta_len > attributes.size()) break;
-        takeAttribute(header.rta_type,
-                      attributes.subspan(kAttributeHeaderLen, header.rta_len - kAttributeHeaderLen),
-                      event);
-        attributes =
-            attributes.subspan(std::min<size_t>(RTA_ALIGN(header.rta_len), attributes.size()));
-    }
+    (void)netlink::forEachAttribute(attributes, [&](const nlattr *attr) {
+        takeAttribute(attr->nla_type, netlink::payloadOf(attr), event);
+        return true;
+    });
     return event;
 }
 
@@ -95,13 +90,13 @@ void actOnBridgePort(uint16_t type, const LinkEvent &event) {
     if (type == RTM_DELLINK && record) del_monitor_intf(record);
 }
 
-// MESSAGE is one whole link message, its header included.
-void processLinkMessage(uint16_t type, Bytes message) {
-    if (message.size() < kMessageHeaderLen + kLinkHeaderLen) return;
-    const LinkEvent event =
-        decodeLinkAttributes(message.subspan(kMessageHeaderLen + kLinkHeaderLen));
+void processLinkMessage(const nlmsghdr *message) {
+    const Bytes payload = netlink::payloadOf(message);
+    if (payload.size() < kLinkHeaderLen) return;
+    const LinkEvent event = decodeLinkAttributes(payload.subspan(kLinkHeaderLen));
     // Bridge port notifications carry the bridge family; the others repeat the link's.
-    if (event.hasName && message[kLinkFamily] == AF_BRIDGE) actOnBridgePort(type, event);
+    if (event.hasName && payload[kLinkFamily] == AF_BRIDGE)
+        actOnBridgePort(message->nlmsg_type, event);
 }
 
 }  // namespace
@@ -139,13 +134,10 @@ int read_nl_event(int fd) {
 }
 
 void process_nl_messages(std::span<const uint8_t> bytes) {
-    while (bytes.size() >= kMessageHeaderLen) {
-        nlmsghdr header{};
-        std::memcpy(&header, bytes.data(), sizeof header);
-        if (header.nlmsg_len < kMessageHeaderLen || header.nlmsg_len > bytes.size()) return;
-        EVENT_LOG(kSnifferPacket, "Process netlink event, type %d\n", header.nlmsg_type);
-        if (header.nlmsg_type == RTM_NEWLINK || header.nlmsg_type == RTM_DELLINK)
-            processLinkMessage(header.nlmsg_type, bytes.first(header.nlmsg_len));
-        bytes = bytes.subspan(std::min<size_t>(NLMSG_ALIGN(header.nlmsg_len), bytes.size()));
-    }
+    (void)netlink::forEachMessage(bytes, [](const nlmsghdr *message) {
+        EVENT_LOG(kSnifferPacket, "Process netlink event, type %d\n", message->nlmsg_type);
+        if (message->nlmsg_type == RTM_NEWLINK || message->nlmsg_type == RTM_DELLINK)
+            processLinkMessage(message);
+        return true;
+    });
 }

@@ -161,6 +161,27 @@ TEST(NativeCommands, AcknowledgementOfOneRequest) {
     EXPECT_EQ(decodeRouteAck(Bytes(refused.begin(), refused.end() - 1), kSeq), kNoRouteAck);
 }
 
+// Each part padded as the kernel reads it, the last attribute's padding counted; a
+// request whose attribute would not fit comes out empty rather than without it.
+TEST(NativeCommands, RequestLayoutAndOverflow) {
+    const ndmsg body{AF_BRIDGE, 0, 0, 4, 0, NTF_MASTER, 0};
+    const uint8_t mac[] = {0x0a, 0x77, 0, 0, 0, 1};
+    const uint16_t vlan = 1;
+    NetlinkRequest request(RTM_DELNEIGH, 0);
+    request.body(body);
+    request.attribute(NDA_LLADDR, mac, sizeof mac);
+    request.attribute(NDA_VLAN, &vlan, sizeof vlan);
+    const auto sent = request.finish(kSeq, NLM_F_ACK);
+    EXPECT_EQ(Bytes(sent.begin(), sent.end()),
+              nlbytes::message(RTM_DELNEIGH, kSeq,
+                               join({raw(body), nlbytes::attr(NDA_LLADDR, raw(mac)),
+                                     nlbytes::attr(NDA_VLAN, raw(vlan))}),
+                               NLM_F_REQUEST | NLM_F_ACK));
+    const Bytes tooLong(kNetlinkRequestBytes);
+    request.attribute(NDA_DST, tooLong.data(), tooLong.size());
+    EXPECT_TRUE(request.finish(kSeq, NLM_F_ACK).empty());
+}
+
 // ------------------------------------------------------------- against the kernel
 
 // From here on no program can start in this process or its children: every command

@@ -26,6 +26,7 @@
 #include <string>
 #include <utility>
 
+#include "core/netlink_walk.h"
 #include "core/unique_fd.h"
 #include "platform/linux/netlink_route.h"
 #include "platform/linux/read_util.h"
@@ -82,15 +83,10 @@ void applyAttribute(unsigned type, std::span<const uint8_t> payload, FdbRecord &
 
 // False when an attribute's length is impossible; the message is then dropped.
 bool readNeighAttributes(std::span<const uint8_t> attrs, FdbRecord &record, NeighAttributes &seen) {
-    while (attrs.size() >= sizeof(rtattr)) {
-        const auto header = readAt<rtattr>(attrs, 0);
-        if (header.rta_len < sizeof(rtattr) || header.rta_len > attrs.size()) return false;
-        const size_t payloadStart = RTA_LENGTH(0);
-        applyAttribute(header.rta_type & NLA_TYPE_MASK,
-                       attrs.subspan(payloadStart, header.rta_len - payloadStart), record, seen);
-        attrs = attrs.subspan(std::min<size_t>(RTA_ALIGN(header.rta_len), attrs.size()));
-    }
-    return true;
+    return netlink::forEachAttribute(attrs, [&](const nlattr *attr) {
+               applyAttribute(mnl_attr_get_type(attr), netlink::payloadOf(attr), record, seen);
+               return true;
+           }) < sizeof(nlattr);
 }
 
 void decodeNeighbour(std::span<const uint8_t> payload, int bridgeIndex,

@@ -181,7 +181,7 @@ bool dumpNeighbours(const UniqueFd &sock, uint8_t family, std::vector<NeighEntry
 }
 
 int deleteNeighbour(const UniqueFd &sock, uint8_t family, int ifindex, const void *addr) {
-    RouteRequest request(RTM_DELNEIGH, 0);
+    NetlinkRequest request(RTM_DELNEIGH, 0);
     ndmsg body{};
     body.ndm_family = family;
     body.ndm_ifindex = ifindex;
@@ -236,7 +236,7 @@ int deleteIpv6Neighbour(std::string_view text, std::string_view ifname) {
 // ---------------------------------------------------------------- bridge entries
 
 int deleteFdbEntry(const UniqueFd &sock, int port, const uint8_t *mac, bool withVlan) {
-    RouteRequest request(RTM_DELNEIGH, 0);
+    NetlinkRequest request(RTM_DELNEIGH, 0);
     ndmsg body{};
     body.ndm_family = AF_BRIDGE;
     body.ndm_ifindex = port;

@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/netlink_walk.h"
+
 namespace {
 
 constexpr size_t kIpv4AddrBytes = 4;
@@ -61,15 +63,12 @@ bool applyAttribute(unsigned type, std::span<const uint8_t> payload, NeighEntry 
 }
 
 bool readAttributes(std::span<const uint8_t> attrs, NeighEntry &entry, bool &hasAddr) {
-    while (attrs.size() >= sizeof(rtattr)) {
-        rtattr header;
-        std::memcpy(&header, attrs.data(), sizeof header);
-        if (header.rta_len < sizeof(rtattr) || header.rta_len > attrs.size()) return false;
-        const auto payload = attrs.subspan(RTA_LENGTH(0), header.rta_len - RTA_LENGTH(0));
-        if (!applyAttribute(header.rta_type & NLA_TYPE_MASK, payload, entry, hasAddr)) return false;
-        attrs = attrs.subspan(std::min<size_t>(RTA_ALIGN(header.rta_len), attrs.size()));
-    }
-    return true;
+    bool good = true;
+    const size_t left = netlink::forEachAttribute(attrs, [&](const nlattr *attr) {
+        good = applyAttribute(mnl_attr_get_type(attr), netlink::payloadOf(attr), entry, hasAddr);
+        return good;
+    });
+    return good && left < sizeof(nlattr);
 }
 
 void decodeNeighbour(std::span<const uint8_t> payload, uint8_t family,

@@ -1,4 +1,3 @@
-#include "platform/linux/read_util.h"
 #include "platform/linux/netlink_route.h"
 
 #include <linux/neighbour.h>
@@ -6,21 +5,19 @@
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstring>
-#include <ctime>
 
+#include "core/netlink_walk.h"
 #include "platform/linux/netlink_socket.h"
+#include "platform/linux/read_util.h"
 
 namespace {
 
 constexpr size_t kInitialBuffer = 32768;  // what the kernel fills per dump datagram
 constexpr size_t kMaxDatagram = size_t{1} << 20;
-constexpr int kMaxDumpDatagrams = 1024;     // bounds the receive loop of a dump
-constexpr int kMaxAckDatagrams = 16;        // stray datagrams skipped while waiting for an ack
-constexpr time_t kReplyTimeoutSeconds = 1;  // a kernel that stays silent this long has failed
+constexpr int kMaxDumpDatagrams = 1024;  // bounds the receive loop of a dump
+constexpr int kMaxAckDatagrams = 16;     // stray datagrams skipped while waiting for an ack
 constexpr size_t kAckBuffer = 4096;
 
 // The end of a dump carries the dump's own result; a negative one means it failed.
@@ -30,19 +27,9 @@ RouteDumpStatus doneStatus(std::span<const uint8_t> payload) {
     return RouteDumpStatus::Done;
 }
 
-// Calls EACH with every whole message of DATAGRAM until it returns false; false when
-// a message's length is impossible.
-template <typename Each>
-bool forEachMessage(std::span<const uint8_t> datagram, Each each) {
-    while (datagram.size() >= sizeof(nlmsghdr)) {
-        const auto header = readAt<nlmsghdr>(datagram, 0);
-        if (header.nlmsg_len < NLMSG_HDRLEN || header.nlmsg_len > datagram.size()) return false;
-        if (!each(header, datagram.subspan(NLMSG_HDRLEN, header.nlmsg_len - NLMSG_HDRLEN)))
-            return true;
-        datagram =
-            datagram.subspan(std::min<size_t>(NLMSG_ALIGN(header.nlmsg_len), datagram.size()));
-    }
-    return true;
+// Route answers may end in a few bytes too short for a header; they are passed over.
+bool walkedWhole(size_t left) {
+    return left < sizeof(nlmsghdr);
 }
 
 ssize_t receiveRetrying(const UniqueFd &sock, std::vector<uint8_t> &buffer, int flags,
@@ -58,42 +45,25 @@ ssize_t receiveRetrying(const UniqueFd &sock, std::vector<uint8_t> &buffer, int 
 
 }  // namespace
 
-RouteRequest::RouteRequest(uint16_t type, uint16_t flags) {
-    nlmsghdr header{};
-    header.nlmsg_type = type;
-    header.nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | flags);
-    append(&header, sizeof header);
+NetlinkRequest::NetlinkRequest(uint16_t type, uint16_t flags) {
+    nlmsghdr *message = mnl_nlmsg_put_header(bytes_);
+    message->nlmsg_type = type;
+    message->nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | flags);
 }
 
-void RouteRequest::append(const void *data, size_t size) {
-    const auto *bytes = static_cast<const uint8_t *>(data);
-    bytes_.insert(bytes_.end(), bytes, bytes + size);
-    bytes_.resize(NLMSG_ALIGN(bytes_.size()));
+void NetlinkRequest::attribute(uint16_t type, const void *data, size_t size) {
+    if (!mnl_attr_put_check(header(), sizeof bytes_, type, size, data)) overflowed_ = true;
 }
 
-void RouteRequest::attribute(uint16_t type, const void *data, size_t size) {
-    const rtattr header{static_cast<unsigned short>(RTA_LENGTH(size)), type};
-    static_assert(sizeof header == RTA_ALIGN(sizeof header));  // the payload follows at once
-    append(&header, sizeof header);
-    append(data, size);
-}
-
-std::span<const uint8_t> RouteRequest::finish(uint32_t sequence, uint16_t extraFlags) {
-    auto header = readAt<nlmsghdr>(bytes_, 0);
-    header.nlmsg_len = static_cast<uint32_t>(bytes_.size());
-    header.nlmsg_seq = sequence;
-    header.nlmsg_flags = static_cast<uint16_t>(header.nlmsg_flags | extraFlags);
-    std::memcpy(bytes_.data(), &header, sizeof header);
-    return bytes_;
+std::span<const uint8_t> NetlinkRequest::finish(uint32_t sequence, uint16_t extraFlags) {
+    if (overflowed_) return {};
+    header()->nlmsg_seq = sequence;
+    header()->nlmsg_flags = static_cast<uint16_t>(header()->nlmsg_flags | extraFlags);
+    return {bytes_, header()->nlmsg_len};
 }
 
 UniqueFd openRouteSocket() {
-    UniqueFd sock = openKernelNetlinkSocket(NETLINK_ROUTE);
-    const timeval timeout{kReplyTimeoutSeconds, 0};
-    if (sock.valid() &&
-        setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0)
-        sock.reset();
-    return sock;
+    return openKernelNetlinkSocket(NETLINK_ROUTE);
 }
 
 uint32_t nextRouteSequence() {
@@ -102,6 +72,10 @@ uint32_t nextRouteSequence() {
 }
 
 bool sendRouteRequest(const UniqueFd &sock, std::span<const uint8_t> message) {
+    if (message.empty()) {
+        errno = EMSGSIZE;
+        return false;
+    }
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
     ssize_t sent;
@@ -113,7 +87,7 @@ bool sendRouteRequest(const UniqueFd &sock, std::span<const uint8_t> message) {
 }
 
 bool requestNeighDump(const UniqueFd &sock, uint32_t sequence, uint8_t family) {
-    RouteRequest request(RTM_GETNEIGH, NLM_F_DUMP);
+    NetlinkRequest request(RTM_GETNEIGH, NLM_F_DUMP);
     ndmsg body{};
     body.ndm_family = family;
     request.body(body);
@@ -135,15 +109,16 @@ ssize_t receiveRouteDatagram(const UniqueFd &sock, std::vector<uint8_t> &buffer)
 RouteDumpStatus walkRouteDatagram(std::span<const uint8_t> datagram, uint32_t sequence,
                                   const RouteMessageVisitor &visit) {
     RouteDumpStatus status = RouteDumpStatus::More;
-    const bool whole = forEachMessage(datagram, [&](const nlmsghdr &header, auto payload) {
-        if (header.nlmsg_seq != sequence) return true;
-        if (header.nlmsg_type == NLMSG_DONE) status = doneStatus(payload);
-        if (header.nlmsg_type == NLMSG_ERROR || header.nlmsg_type == NLMSG_OVERRUN)
-            status = RouteDumpStatus::Failed;
-        if (header.nlmsg_type >= NLMSG_MIN_TYPE) visit(header.nlmsg_type, payload);
+    const size_t left = netlink::forEachMessage(datagram, [&](const nlmsghdr *message) {
+        if (message->nlmsg_seq != sequence) return true;
+        const uint16_t type = message->nlmsg_type;
+        const auto payload = netlink::payloadOf(message);
+        if (type == NLMSG_DONE) status = doneStatus(payload);
+        if (type == NLMSG_ERROR || type == NLMSG_OVERRUN) status = RouteDumpStatus::Failed;
+        if (type >= NLMSG_MIN_TYPE) visit(type, payload);
         return status == RouteDumpStatus::More;
     });
-    return whole ? status : RouteDumpStatus::Failed;
+    return walkedWhole(left) ? status : RouteDumpStatus::Failed;
 }
 
 bool readRouteDump(const UniqueFd &sock, const RouteDatagramDecoder &decode) {
@@ -166,18 +141,19 @@ bool readRouteDump(const UniqueFd &sock, const RouteDatagramDecoder &decode) {
 
 int decodeRouteAck(std::span<const uint8_t> datagram, uint32_t sequence) {
     int result = kNoRouteAck;
-    const bool whole = forEachMessage(datagram, [&](const nlmsghdr &header, auto payload) {
-        if (header.nlmsg_seq != sequence || header.nlmsg_type != NLMSG_ERROR) return true;
+    const size_t left = netlink::forEachMessage(datagram, [&](const nlmsghdr *message) {
+        if (message->nlmsg_seq != sequence || message->nlmsg_type != NLMSG_ERROR) return true;
+        const auto payload = netlink::payloadOf(message);
         if (payload.size() < sizeof(int32_t)) return false;
         const int32_t error = readAt<int32_t>(payload, 0);
         // Errors are negated errnos; anything else in that field is not an answer.
         if (error <= 0 && error > -4096) result = -error;
         return false;
     });
-    return whole ? result : kNoRouteAck;
+    return walkedWhole(left) ? result : kNoRouteAck;
 }
 
-int routeTransact(const UniqueFd &sock, RouteRequest &request) {
+int routeTransact(const UniqueFd &sock, NetlinkRequest &request) {
     const uint32_t sequence = nextRouteSequence();
     errno = 0;
     if (!sendRouteRequest(sock, request.finish(sequence, NLM_F_ACK))) return errno ? errno : EIO;

@@ -4,10 +4,13 @@
 // they are given and check every length in it.
 #pragma once
 
+#include <libmnl/libmnl.h>
+#include <linux/netlink.h>
 #include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <span>
 #include <vector>
@@ -20,22 +23,27 @@ enum class RouteDumpStatus {
     Failed  // an error report, a malformed message or an aborted dump
 };
 
-// One request: the netlink header, a fixed body, then attributes. The length and the
-// sequence number are filled in when it is sent.
-class RouteRequest {
+inline constexpr size_t kNetlinkRequestBytes = 256;  // header, body and a few attributes
+
+// One request, built in place by libmnl: the netlink header, a fixed body, then
+// attributes. The sequence number is filled in when it is sent.
+class NetlinkRequest {
    public:
-    RouteRequest(uint16_t type, uint16_t flags);
+    NetlinkRequest(uint16_t type, uint16_t flags);
     template <typename T>
     void body(const T &value) {
-        append(&value, sizeof value);
+        static_assert(MNL_NLMSG_HDRLEN + MNL_ALIGN(sizeof value) <= kNetlinkRequestBytes);
+        std::memcpy(mnl_nlmsg_put_extra_header(header(), sizeof value), &value, sizeof value);
     }
     void attribute(uint16_t type, const void *data, size_t size);
-    // The finished message, with SEQUENCE and EXTRA_FLAGS (NLM_F_ACK) in its header.
+    // The finished message, with SEQUENCE and EXTRA_FLAGS (NLM_F_ACK) in its header;
+    // empty when an attribute did not fit.
     std::span<const uint8_t> finish(uint32_t sequence, uint16_t extraFlags);
 
    private:
-    void append(const void *data, size_t size);
-    std::vector<uint8_t> bytes_;
+    nlmsghdr *header() { return reinterpret_cast<nlmsghdr *>(bytes_); }
+    alignas(nlmsghdr) uint8_t bytes_[kNetlinkRequestBytes] = {};
+    bool overflowed_ = false;
 };
 
 // A close-on-exec route socket with a short receive timeout; invalid on failure.
@@ -43,6 +51,7 @@ UniqueFd openRouteSocket();
 // A sequence number not used before by this process's route requests.
 uint32_t nextRouteSequence();
 
+// False for an empty MESSAGE, as a request that did not fit is.
 bool sendRouteRequest(const UniqueFd &sock, std::span<const uint8_t> message);
 // Asks for every neighbour entry of FAMILY (AF_INET, AF_INET6, AF_BRIDGE).
 bool requestNeighDump(const UniqueFd &sock, uint32_t sequence, uint8_t family);
@@ -68,4 +77,4 @@ inline constexpr int kNoRouteAck = -1;
 // refusal, or kNoRouteAck when the datagram holds none (or is malformed).
 int decodeRouteAck(std::span<const uint8_t> datagram, uint32_t sequence);
 // Sends REQUEST asking for an acknowledgement and waits for it: 0 or an errno.
-int routeTransact(const UniqueFd &sock, RouteRequest &request);
+int routeTransact(const UniqueFd &sock, NetlinkRequest &request);

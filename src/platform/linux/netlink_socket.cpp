@@ -2,6 +2,7 @@
 
 #include <linux/netlink.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,6 +15,7 @@ namespace {
 // whichever came second would fail. Ours take the process id with the top bit set
 // instead: autobind hands out ids counting down from -4096, far from these.
 constexpr uint32_t kOwnPortIdBit = 0x80000000u;
+constexpr timeval kReplyTimeout{1, 0};
 
 bool bindPort(const UniqueFd &sock, uint32_t portId) {
     sockaddr_nl local{};
@@ -26,7 +28,9 @@ bool bindPort(const UniqueFd &sock, uint32_t portId) {
 
 UniqueFd openKernelNetlinkSocket(int protocol) {
     UniqueFd sock(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, protocol));
-    if (!sock.valid()) return sock;
+    if (!sock.valid() ||
+        setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &kReplyTimeout, sizeof kReplyTimeout) != 0)
+        return UniqueFd();
     if (bindPort(sock, kOwnPortIdBit | static_cast<uint32_t>(getpid()))) return sock;
     // Taken, e.g. while another of these sockets is still open: let the kernel choose
     // (port id 0), which by now no longer races with the sniffer's own bind.

@@ -10,10 +10,11 @@
 #include <linux/netlink.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstring>
 #include <memory>
 #include <string_view>
+
+#include "core/netlink_walk.h"
 
 namespace {
 
@@ -24,14 +25,6 @@ struct SetFree {
     void operator()(nftnl_set *set) const { nftnl_set_free(set); }
 };
 using SetPtr = std::unique_ptr<nftnl_set, SetFree>;
-
-// libmnl checks a length against the rest with a signed compare, so a length with
-// its top bit set would pass: this one compares unsigned. libmnl reads a message's
-// attributes up to its length rounded up, so that must fit too.
-bool messageFits(const nlmsghdr *message, int rest) {
-    return mnl_nlmsg_ok(message, rest) && message->nlmsg_len <= static_cast<unsigned>(rest) &&
-           MNL_ALIGN(message->nlmsg_len) <= static_cast<unsigned>(rest);
-}
 
 bool setOf(const nftnl_set *set, NftSet &which) {
     const char *table = nftnl_set_get_str(set, NFTNL_SET_TABLE);
@@ -76,11 +69,10 @@ bool readElement(nftnl_set_elem *elem, NftSetElement &out) {
 // false when EACH said false.
 template <typename Each>
 bool eachAttr(const void *payload, size_t length, Each each) {
-    const auto *attr = static_cast<const nlattr *>(payload);
-    for (int rest = static_cast<int>(length); mnl_attr_ok(attr, rest);
-         rest -= static_cast<int>(MNL_ALIGN(attr->nla_len)), attr = mnl_attr_next(attr))
-        if (!each(attr)) return false;
-    return true;
+    bool all = true;
+    (void)netlink::forEachAttribute({static_cast<const uint8_t *>(payload), length},
+                                    [&](const nlattr *attr) { return all = each(attr); });
+    return all;
 }
 
 template <typename Each>
@@ -226,16 +218,19 @@ RouteDumpStatus errorStatus(const nlmsghdr *message) {
     return error.error == 0 ? RouteDumpStatus::Done : RouteDumpStatus::Failed;
 }
 
-RouteDumpStatus walkAligned(const nlmsghdr *message, int rest, uint32_t sequence,
-                            std::vector<NftSetElement> &elements) {
-    for (; rest > 0; message = mnl_nlmsg_next(message, &rest)) {
-        if (!messageFits(message, rest)) return RouteDumpStatus::Failed;
-        if (message->nlmsg_seq != sequence) continue;
-        if (message->nlmsg_type == NLMSG_DONE) return RouteDumpStatus::Done;
-        if (message->nlmsg_type == NLMSG_ERROR) return errorStatus(message);
-        if (message->nlmsg_type == NLMSG_OVERRUN) return RouteDumpStatus::Failed;
-        decodeMessage(message, elements);
-    }
+// libnftnl reads a message's attributes up to its length rounded up, so that must lie
+// within the datagram too.
+bool fitsAligned(const nlmsghdr *message, netlink::Bytes datagram) {
+    const auto at =
+        static_cast<size_t>(reinterpret_cast<const uint8_t *>(message) - datagram.data());
+    return MNL_ALIGN(message->nlmsg_len) <= datagram.size() - at;
+}
+
+RouteDumpStatus statusOf(const nlmsghdr *message, std::vector<NftSetElement> &elements) {
+    if (message->nlmsg_type == NLMSG_DONE) return RouteDumpStatus::Done;
+    if (message->nlmsg_type == NLMSG_ERROR) return errorStatus(message);
+    if (message->nlmsg_type == NLMSG_OVERRUN) return RouteDumpStatus::Failed;
+    decodeMessage(message, elements);
     return RouteDumpStatus::More;
 }
 
@@ -243,15 +238,16 @@ RouteDumpStatus walkAligned(const nlmsghdr *message, int rest, uint32_t sequence
 
 RouteDumpStatus decodeNftElementDump(std::span<const uint8_t> datagram, uint32_t sequence,
                                      std::vector<NftSetElement> &elements) {
-    if (datagram.size() > INT_MAX) return RouteDumpStatus::Failed;
-    const int size = static_cast<int>(datagram.size());
-    if (reinterpret_cast<uintptr_t>(datagram.data()) % alignof(nlmsghdr) == 0)
-        return walkAligned(reinterpret_cast<const nlmsghdr *>(datagram.data()), size, sequence,
-                           elements);
-    // The headers are read in place, so bytes from an odd address are copied first.
-    std::vector<nlmsghdr> aligned(datagram.size() / sizeof(nlmsghdr) + 1);
-    std::memcpy(aligned.data(), datagram.data(), datagram.size());
-    return walkAligned(aligned.data(), size, sequence, elements);
+    return netlink::onAligned(datagram, [&](netlink::Bytes bytes) {
+        RouteDumpStatus status = RouteDumpStatus::More;
+        const size_t left = netlink::forEachMessage(bytes, [&](const nlmsghdr *message) {
+            if (!fitsAligned(message, bytes)) status = RouteDumpStatus::Failed;
+            if (status == RouteDumpStatus::More && message->nlmsg_seq == sequence)
+                status = statusOf(message, elements);
+            return status == RouteDumpStatus::More;
+        });
+        return left == 0 ? status : RouteDumpStatus::Failed;
+    });
 }
 
 std::vector<NftCounter> mergeNftElements(std::vector<NftSetElement> elements) {

@@ -22,6 +22,7 @@
 #include <ctime>
 #include <memory>
 
+#include "core/netlink_walk.h"
 #include "platform/linux/netlink_socket.h"
 
 namespace {
@@ -35,9 +36,8 @@ constexpr size_t kElementsPerMessage = 256;
 constexpr size_t kRequestBytes = 512;  // one dump request: header, table, set
 constexpr size_t kAckBuffer = 4096;
 constexpr int kSpareReplyDatagrams = 16;  // strays tolerated while waiting for answers
-constexpr time_t kReplyTimeoutSeconds = 1;
-constexpr uint32_t kEtherAddrType = 9;  // nftables' datatype number of ether_addr
-constexpr uint32_t kSaddrOffset = 6;    // in the Ethernet header
+constexpr uint32_t kEtherAddrType = 9;    // nftables' datatype number of ether_addr
+constexpr uint32_t kSaddrOffset = 6;      // in the Ethernet header
 constexpr uint32_t kDaddrOffset = 0;
 // The key's byte order as nft itself records it in the set's user data, so that the
 // nft program lists the set exactly as one it made.
@@ -254,25 +254,29 @@ bool addElementMessages(Batch &batch, uint16_t type, uint16_t flags, bool leavin
     return true;
 }
 
+// The errno of the refusal in an NLMSG_ERROR MESSAGE, 0 for an acknowledgement.
+int answerError(const nlmsghdr *message) {
+    if (message->nlmsg_len < NLMSG_LENGTH(sizeof(nlmsgerr))) return EIO;
+    nlmsgerr answer;
+    std::memcpy(&answer, mnl_nlmsg_get_payload(message), sizeof answer);
+    if (answer.error == 0) return 0;
+    return answer.error < 0 && answer.error > -4096 ? -answer.error : EIO;
+}
+
 // Counts in ANSWERED the acknowledgements in DATAGRAM for messages of the batch that
 // ran from FIRST to LAST; the first refusal's errno, or 0.
 int readAnswers(std::span<const uint8_t> datagram, uint32_t first, uint32_t last,
                 uint32_t &answered) {
-    int rest = static_cast<int>(datagram.size());
-    for (auto *message = reinterpret_cast<const nlmsghdr *>(datagram.data());
-         mnl_nlmsg_ok(message, rest) && message->nlmsg_len <= static_cast<unsigned>(rest);
-         message = mnl_nlmsg_next(message, &rest)) {
+    int error = 0;
+    (void)netlink::forEachMessage(datagram, [&](const nlmsghdr *message) {
         // Unsigned differences keep the range right when the numbers wrap.
         if (message->nlmsg_type != NLMSG_ERROR || message->nlmsg_seq - first > last - first)
-            continue;
-        if (message->nlmsg_len < NLMSG_LENGTH(sizeof(nlmsgerr))) return EIO;
-        nlmsgerr answer;
-        std::memcpy(&answer, mnl_nlmsg_get_payload(message), sizeof answer);
-        if (answer.error != 0)
-            return answer.error < 0 && answer.error > -4096 ? -answer.error : EIO;
-        ++answered;
-    }
-    return 0;
+            return true;
+        error = answerError(message);
+        answered += error == 0 ? 1 : 0;
+        return error == 0;
+    });
+    return error;
 }
 
 // Every message asked for an answer; any refusal aborts the whole transaction.
@@ -321,11 +325,8 @@ int nftSendHostOps(std::span<const NftHostOp> ops) {
 
 UniqueFd openNftSocket() {
     UniqueFd sock = openKernelNetlinkSocket(NETLINK_NETFILTER);
-    const timeval timeout{kReplyTimeoutSeconds, 0};
     const int on = 1;  // acknowledgements without a copy of the request
-    if (sock.valid() &&
-        (setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0 ||
-         setsockopt(sock.get(), SOL_NETLINK, NETLINK_CAP_ACK, &on, sizeof on) != 0))
+    if (sock.valid() && setsockopt(sock.get(), SOL_NETLINK, NETLINK_CAP_ACK, &on, sizeof on) != 0)
         sock.reset();
     return sock;
 }

@@ -16,7 +16,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "core/netlink_walk.h"
 #include "core/unique_fd.h"
+#include "platform/linux/netlink_route.h"
 #include "platform/linux/netlink_socket.h"
 #include "platform/linux/wifi_stations.h"
 
@@ -44,35 +46,21 @@ struct NlAttribute {
     std::span<const uint8_t> payload;
 };
 
-// Calls VISIT for each message until it returns false; false when a length is bad.
+// nl80211 chunks end where their last message ends: any byte left over, even too few
+// for a header, makes a chunk malformed, and the same goes for attributes.
 template <typename Visit>
 bool forEachMessage(std::span<const uint8_t> bytes, Visit visit) {
-    while (!bytes.empty()) {
-        nlmsghdr header;
-        if (bytes.size() < sizeof header) return false;
-        std::memcpy(&header, bytes.data(), sizeof header);
-        if (header.nlmsg_len < sizeof header || header.nlmsg_len > bytes.size()) return false;
-        auto payload = bytes.subspan(sizeof header, header.nlmsg_len - sizeof header);
-        if (!visit(NlMessage{header.nlmsg_type, header.nlmsg_seq, payload})) return true;
-        bytes = bytes.subspan(std::min<size_t>(NLMSG_ALIGN(header.nlmsg_len), bytes.size()));
-    }
-    return true;
+    return netlink::forEachMessage(bytes, [&](const nlmsghdr *message) {
+               return visit(
+                   NlMessage{message->nlmsg_type, message->nlmsg_seq, netlink::payloadOf(message)});
+           }) == 0;
 }
 
-// Calls VISIT for each attribute until it returns false; false when a length is bad.
 template <typename Visit>
 bool forEachAttribute(std::span<const uint8_t> bytes, Visit visit) {
-    while (!bytes.empty()) {
-        nlattr header;
-        if (bytes.size() < sizeof header) return false;
-        std::memcpy(&header, bytes.data(), sizeof header);
-        if (header.nla_len < sizeof header || header.nla_len > bytes.size()) return false;
-        auto payload = bytes.subspan(sizeof header, header.nla_len - sizeof header);
-        if (!visit(NlAttribute{static_cast<uint16_t>(header.nla_type & NLA_TYPE_MASK), payload}))
-            return true;
-        bytes = bytes.subspan(std::min<size_t>(NLA_ALIGN(header.nla_len), bytes.size()));
-    }
-    return true;
+    return netlink::forEachAttribute(bytes, [&](const nlattr *attr) {
+               return visit(NlAttribute{mnl_attr_get_type(attr), netlink::payloadOf(attr)});
+           }) == 0;
 }
 
 template <typename T>
@@ -345,19 +333,9 @@ NlDumpState nl80211DecodeStationDump(std::span<const uint8_t> bytes, uint32_t se
 
 namespace {
 
-constexpr size_t kReceiveBytes = 32768;   // the largest chunk the kernel sends a dump in
-constexpr int kMaxReceives = 64;          // chunks of one answer; 64 stations fit in a few
-constexpr timeval kReceiveTimeout{1, 0};  // a silent kernel must not stall the main loop
-constexpr size_t kRequestAttributeBytes = 16;
+constexpr size_t kReceiveBytes = 32768;  // the largest chunk the kernel sends a dump in
+constexpr int kMaxReceives = 64;         // chunks of one answer; 64 stations fit in a few
 constexpr uint8_t kGenlVersion = 1;
-
-struct GenlRequest {
-    nlmsghdr header;
-    genlmsghdr genl;
-    uint8_t attributes[kRequestAttributeBytes];
-};
-static_assert(offsetof(GenlRequest, attributes) == NLMSG_LENGTH(GENL_HDRLEN));
-static_assert(NLA_HDRLEN + NLA_ALIGN(kFamilyName.size() + 1) <= kRequestAttributeBytes);
 
 using ReceiveBuffer = std::array<uint8_t, kReceiveBytes>;
 
@@ -366,44 +344,10 @@ uint32_t nextSequence() {
     return ++sequence;
 }
 
-UniqueFd openGenlSocket() {
-    UniqueFd sock = openKernelNetlinkSocket(NETLINK_GENERIC);
-    if (!sock.valid()) return sock;
-    timeval timeout = kReceiveTimeout;
-    if (setsockopt(sock.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) != 0)
-        sock.reset();
-    return sock;
-}
-
-GenlRequest makeRequest(uint16_t type, uint16_t flags, uint32_t seq, uint8_t command) {
-    GenlRequest request{};
-    request.header.nlmsg_len = NLMSG_LENGTH(GENL_HDRLEN);
-    request.header.nlmsg_type = type;
-    request.header.nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | flags);
-    request.header.nlmsg_seq = seq;
-    request.genl.cmd = command;
-    request.genl.version = kGenlVersion;
+NetlinkRequest genlRequest(uint16_t family, uint16_t flags, uint8_t command) {
+    NetlinkRequest request(family, flags);
+    request.body(genlmsghdr{command, kGenlVersion, 0});
     return request;
-}
-
-// Appends one attribute; the request has room for the two kinds it ever carries.
-void addAttribute(GenlRequest &request, uint16_t type, const void *data, uint16_t size) {
-    nlattr attribute{static_cast<uint16_t>(NLA_HDRLEN + size), type};
-    auto *at = reinterpret_cast<uint8_t *>(&request) + request.header.nlmsg_len;
-    std::memcpy(at, &attribute, sizeof attribute);
-    std::memcpy(at + NLA_HDRLEN, data, size);
-    request.header.nlmsg_len += NLA_ALIGN(attribute.nla_len);
-}
-
-bool sendRequest(int fd, const GenlRequest &request) {
-    sockaddr_nl kernel{};
-    kernel.nl_family = AF_NETLINK;
-    ssize_t sent;
-    do {
-        sent = sendto(fd, &request, request.header.nlmsg_len, 0,
-                      reinterpret_cast<const sockaddr *>(&kernel), sizeof kernel);
-    } while (sent < 0 && errno == EINTR);
-    return sent == static_cast<ssize_t>(request.header.nlmsg_len);
 }
 
 // One datagram from the kernel; its bytes, or an empty span on error, timeout,
@@ -431,12 +375,12 @@ int receiveUntil(int fd, ReceiveBuffer &buffer, Decode decode) {
     return -1;
 }
 
-int resolveFamily(int fd, ReceiveBuffer &buffer) {
+int resolveFamily(const UniqueFd &sock, ReceiveBuffer &buffer) {
     uint32_t seq = nextSequence();
-    GenlRequest request = makeRequest(GENL_ID_CTRL, 0, seq, CTRL_CMD_GETFAMILY);
-    addAttribute(request, CTRL_ATTR_FAMILY_NAME, kFamilyName.data(), kFamilyName.size() + 1);
-    if (!sendRequest(fd, request)) return -1;
-    return receiveUntil(fd, buffer, [seq](std::span<const uint8_t> chunk) {
+    NetlinkRequest request = genlRequest(GENL_ID_CTRL, 0, CTRL_CMD_GETFAMILY);
+    request.attribute(CTRL_ATTR_FAMILY_NAME, kFamilyName.data(), kFamilyName.size() + 1);
+    if (!sendRouteRequest(sock, request.finish(seq, 0))) return -1;
+    return receiveUntil(sock.get(), buffer, [seq](std::span<const uint8_t> chunk) {
         return nl80211DecodeFamilyReply(chunk, seq);
     });
 }
@@ -446,25 +390,30 @@ struct Session {
     UniqueFd sock;
     uint16_t family = 0;
     uint32_t ifindex = 0;
-    ReceiveBuffer buffer;
+    alignas(nlmsghdr) ReceiveBuffer buffer;
 };
 
 bool openSession(const char *ifname, Session &session) {
     session.ifindex = ifname ? if_nametoindex(ifname) : 0;
     if (session.ifindex == 0) return false;
-    session.sock = openGenlSocket();
+    session.sock = openKernelNetlinkSocket(NETLINK_GENERIC);
     if (!session.sock.valid()) return false;
-    int family = resolveFamily(session.sock.get(), session.buffer);
+    int family = resolveFamily(session.sock, session.buffer);
     if (family <= 0 || family > UINT16_MAX) return false;
     session.family = static_cast<uint16_t>(family);
     return true;
 }
 
+// Sends COMMAND about the session's interface as request SEQ.
+bool askAboutInterface(const Session &session, uint8_t command, uint16_t flags, uint32_t seq) {
+    NetlinkRequest request = genlRequest(session.family, flags, command);
+    request.attribute(NL80211_ATTR_IFINDEX, &session.ifindex, sizeof session.ifindex);
+    return sendRouteRequest(session.sock, request.finish(seq, 0));
+}
+
 int queryInterface(Session &session, Nl80211Interface &out) {
     uint32_t seq = nextSequence();
-    GenlRequest request = makeRequest(session.family, 0, seq, NL80211_CMD_GET_INTERFACE);
-    addAttribute(request, NL80211_ATTR_IFINDEX, &session.ifindex, sizeof session.ifindex);
-    if (!sendRequest(session.sock.get(), request)) return -1;
+    if (!askAboutInterface(session, NL80211_CMD_GET_INTERFACE, 0, seq)) return -1;
     int verdict =
         receiveUntil(session.sock.get(), session.buffer, [&](std::span<const uint8_t> chunk) {
             return nl80211DecodeInterfaceReply(chunk, seq, session.family, out);
@@ -482,9 +431,7 @@ int dumpVerdict(NlDumpState state, const StationCollector &out) {
 
 int dumpStations(Session &session, StationCollector &out) {
     uint32_t seq = nextSequence();
-    GenlRequest request = makeRequest(session.family, NLM_F_DUMP, seq, NL80211_CMD_GET_STATION);
-    addAttribute(request, NL80211_ATTR_IFINDEX, &session.ifindex, sizeof session.ifindex);
-    if (!sendRequest(session.sock.get(), request)) return -1;
+    if (!askAboutInterface(session, NL80211_CMD_GET_STATION, NLM_F_DUMP, seq)) return -1;
     int verdict =
         receiveUntil(session.sock.get(), session.buffer, [&](std::span<const uint8_t> chunk) {
             return dumpVerdict(nl80211DecodeStationDump(chunk, seq, session.family, out), out);
