@@ -185,12 +185,15 @@ bool Agent::pollDaemon() {
         daemonAway("no control socket");
         return false;
     }
-    if (identity_ && *identity != *identity_) {
+    bool restarted = identity_ && *identity != *identity_;
+    if (restarted) {
         agentLog("hostrix started again; reconciling with its host file");
         fileWritten_ = 0;
         for (auto &[mac, device] : devices_) device.brandTried = device.osTried = false;
     }
+    if (!identity_ || restarted) askForFreshHostFile();
     identity_ = identity;
+    daemonStarted_ = identity->changed / 1000000000;
     std::vector<lanHostInfo_t> arrivals, departures, changes;
     if (!drainReports(CMD_GET_NEW_DEVICE, arrivals) ||
         !drainReports(CMD_GET_LEAVE_DEVICE, departures) ||
@@ -214,7 +217,8 @@ void Agent::daemonAway(const std::string &why) {
 // The host file is the whole picture at the moment it was written: a host in it is
 // online; a host the agent holds online that the daemon last vouched for before the
 // file was written, and that the file lacks, is gone (its report went elsewhere, or
-// the daemon started again without it).
+// the daemon started again without it). A file from a daemon still settling after
+// its start tells only arrivals.
 void Agent::reconcile(const HostFileRead &file) {
     std::set<Mac> listed;
     for (const lanHostInfo_t &record : file.hosts) {
@@ -228,6 +232,7 @@ void Agent::reconcile(const HostFileRead &file) {
             continue;
         arrived(record, file.written);
     }
+    if (file.written - daemonStarted_ < kDaemonSettleSeconds) return;
     std::vector<lanHostInfo_t> gone;
     for (auto &[mac, device] : devices_)
         if (device.online && !listed.contains(mac) && device.confirmedAt < file.written)

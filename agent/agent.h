@@ -25,6 +25,9 @@ inline constexpr int64_t kMaxDevicesInMemory = 4096;
 inline constexpr size_t kMaxMdnsCache = 1024;
 inline constexpr int64_t kHousekeepingSeconds = 60;
 inline constexpr int64_t kRefreshLastSeenSeconds = 3600;
+// A daemon that has just started writes host files before its discovery has
+// found every host again: those files tell arrivals, not departures.
+inline constexpr int64_t kDaemonSettleSeconds = 15;
 
 class Agent {
 public:
@@ -82,6 +85,7 @@ private:
     bool staleSessionsClosed_ = false;
     std::optional<SocketIdentity> identity_;
     int64_t fileWritten_ = 0;
+    int64_t daemonStarted_ = 0;  // wall second its control socket was made
     int64_t nextTick_ = 0, nextFlush_ = 0, nextHousekeeping_ = 0, nextLastSeenRefresh_ = 0;
     struct MdnsSeen {
         std::string name;

@@ -97,9 +97,10 @@ void Agent::departed(const lanHostInfo_t &record) {
 void Agent::changed(const lanHostInfo_t &record) {
     Device &device = deviceFor(macOf(record));
     if (!device.online) return arrived(record, now_);
+    bool same = sameReported(device.record, record);
     device.record = record, device.confirmedAt = now_, device.lastSeen = now_;
     attachMdnsName(device);
-    setDaemonFields(device);
+    if (!setDaemonFields(device) && same) return;
     markDirty(device);
     emit("changed", device);
 }
@@ -142,6 +143,7 @@ void Agent::mdnsHeard(const std::vector<MdnsAddress> &records) {
         std::string before = device.mdnsName;
         attachMdnsName(device);
         if (device.mdnsName != before) {
+            agentLog(device.macText + " is " + escapeText(device.mdnsName) + ".local (mDNS)");
             markDirty(device);
             emit("changed", device);
         }

@@ -7,7 +7,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <signal.h>
+
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "core/paths.h"
@@ -27,7 +30,7 @@ UniqueFd connectControl() {
     if (std::strlen(path) >= sizeof addr.sun_path) return {};
     std::strcpy(addr.sun_path, path);
     UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    timeval timeout{0, kDaemonTimeoutMs * kMicrosPerMilli};
+    timeval timeout{kDaemonTimeoutMs / 1000, (kDaemonTimeoutMs % 1000) * kMicrosPerMilli};
     if (!fd.valid() || setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) < 0 ||
         setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) < 0 ||
         connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) < 0)
@@ -103,6 +106,14 @@ std::optional<HostFileRead> readHostFileIfNewer(int64_t lastWritten) {
     std::string bytes;
     if (!readBounded(fd.get(), bytes)) return std::nullopt;
     return HostFileRead{fileRecords(bytes), info.st_mtime};
+}
+
+bool askForFreshHostFile() {
+    UniqueFd fd(open(hostrixPath(HostrixFile::PidFile), O_RDONLY | O_CLOEXEC));
+    char text[32] = {};
+    if (!fd.valid() || read(fd.get(), text, sizeof text - 1) <= 0) return false;
+    long pid = std::strtol(text, nullptr, 10);
+    return pid > 1 && kill(static_cast<pid_t>(pid), SIGUSR2) == 0;
 }
 
 std::optional<std::string> getHostText(uint32_t cmd, const uint8_t *mac) {

@@ -38,6 +38,11 @@ std::optional<SocketIdentity> controlSocketIdentity();
 // missing, or locked by its writer just now (tried again next second).
 std::optional<HostFileRead> readHostFileIfNewer(int64_t lastWritten);
 
+// Asks the daemon (its PID file's process) to rewrite the host file now, as SIGUSR2
+// does, so that the agent's picture at start-up is not up to 30 s old. False when
+// it may not (another user) or there is none; the next periodic write then serves.
+bool askForFreshHostFile();
+
 // A per-host text (brand or os) the daemon holds, and setting it. nullopt / false
 // when the daemon refused (for instance no such host) or is unreachable.
 std::optional<std::string> getHostText(uint32_t cmd, const uint8_t *mac);

@@ -79,3 +79,14 @@ bool sameIdentity(const lanHostInfo_t &a, const lanHostInfo_t &b) {
            sameField(a.ssidName, b.ssidName) && a.devType == b.devType &&
            a.internetAccess == b.internetAccess;
 }
+
+bool sameReported(const lanHostInfo_t &a, const lanHostInfo_t &b) {
+    auto strip = [](lanHostInfo_t record) {
+        record.onLineTime = record.upRate = record.downRate = 0;
+        record.rxBytes = record.txBytes = 0;
+        record.firstConnect = record.disConnect = 0;
+        return record;
+    };
+    lanHostInfo_t x = strip(a), y = strip(b);
+    return std::memcmp(&x, &y, sizeof x) == 0;
+}

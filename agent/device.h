@@ -59,3 +59,6 @@ std::string isoTime(int64_t unixSeconds);
 // Fields whose change makes a "changed" event when the agent learns them from the
 // host file rather than a change report (rates and counters move all the time).
 bool sameIdentity(const lanHostInfo_t &a, const lanHostInfo_t &b);
+// The whole record but what every report refreshes (online time, rates, counters)
+// and the report flags: a change report that differs in nothing else tells nothing.
+bool sameReported(const lanHostInfo_t &a, const lanHostInfo_t &b);
