@@ -38,25 +38,30 @@ TEST(AgentRequest, AcceptsOnlyTheTwoForms) {
     EXPECT_FALSE(parseRequest("{" + std::string(kMaxRequestLine, ' ') + "}"));
 }
 
-std::vector<std::string> texts(const std::vector<const std::string *> &lines) {
+// The lines a subscriber asking since SINCE gets, or {"snapshot"}.
+std::vector<std::string> replay(const EventRing &ring, uint64_t since) {
+    auto lines = ring.after(since);
+    if (!lines) return {"snapshot"};
     std::vector<std::string> out;
-    for (const std::string *line : lines) out.push_back(*line);
+    for (const std::string *line : *lines) out.push_back(*line);
     return out;
 }
+
+using Lines = std::vector<std::string>;
 
 TEST(AgentEventRing, ReplaysWhatFollowsSinceWhileItHoldsIt) {
     EventRing ring(100, 4);
     EXPECT_EQ(ring.lastSeq(), 99u);
-    EXPECT_EQ(ring.after(99)->size(), 0u);  // nothing yet, nothing missed
+    EXPECT_EQ(replay(ring, 99), Lines{});  // nothing yet, nothing missed
     for (int i = 0; i < 6; ++i) EXPECT_EQ(ring.push("e" + std::to_string(i)), 100u + i);
     // 100 and 101 have been overwritten: 102..105 remain.
-    EXPECT_EQ(texts(*ring.after(101)), (std::vector<std::string>{"e2", "e3", "e4", "e5"}));
-    EXPECT_EQ(texts(*ring.after(103)), (std::vector<std::string>{"e4", "e5"}));
-    EXPECT_EQ(ring.after(105)->size(), 0u);
-    EXPECT_FALSE(ring.after(100));  // 101 is lost: a snapshot instead
-    EXPECT_FALSE(ring.after(106));  // ahead of the ring: another run's number
-    EXPECT_FALSE(ring.after(UINT64_MAX));
-    EXPECT_FALSE(ring.after(0));
+    EXPECT_EQ(replay(ring, 101), (Lines{"e2", "e3", "e4", "e5"}));
+    EXPECT_EQ(replay(ring, 103), (Lines{"e4", "e5"}));
+    EXPECT_EQ(replay(ring, 105), Lines{});
+    EXPECT_EQ(replay(ring, 100), Lines{"snapshot"});  // 101 is lost
+    EXPECT_EQ(replay(ring, 106), Lines{"snapshot"});  // ahead: another run's number
+    EXPECT_EQ(replay(ring, UINT64_MAX), Lines{"snapshot"});
+    EXPECT_EQ(replay(ring, 0), Lines{"snapshot"});
 }
 
 TEST(AgentHostObject, CarriesTheAgentsFieldsAndEscapesLanText) {
