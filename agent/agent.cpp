@@ -227,8 +227,8 @@ void Agent::reconcile(const HostFileRead &file) {
         listed.insert(mac);
         // A report newer than the file knows better than the file.
         auto known = devices_.find(mac);
-        if (known != devices_.end() && known->second.online &&
-            known->second.confirmedAt >= file.written)
+        if (known != devices_.end() && (known->second.online ? known->second.confirmedAt
+                                                             : known->second.leftAt) >= file.written)
             continue;
         arrived(record, file.written);
     }

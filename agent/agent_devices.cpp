@@ -87,7 +87,7 @@ void Agent::departed(const lanHostInfo_t &record) {
     auto at = devices_.find(macOf(record));
     if (at == devices_.end() || !at->second.online) return;  // never seen online
     Device &device = at->second;
-    device.record = record, device.online = false, device.lastSeen = now_;
+    device.record = record, device.online = false, device.lastSeen = now_, device.leftAt = now_;
     sessionChanges_.push_back({device.macText, device.sessionFrom, now_});
     device.sessionFrom = 0;
     markDirty(device);

@@ -31,6 +31,7 @@ struct Device {
     lanHostInfo_t record{};
     int64_t firstSeen = 0, lastSeen = 0;  // Unix seconds
     int64_t confirmedAt = 0;  // when the daemon last vouched that it is online
+    int64_t leftAt = 0;       // when the daemon last reported it gone
     int64_t sessionFrom = 0;  // open session's start; 0: none
     std::string vendor;
     bool randomMac = false;
