@@ -13,7 +13,8 @@ FUZZ_SECONDS ?= 1800
 FUZZ_RUNS ?= 10000000
 
 DEPS := cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev \
-        libbenchmark-dev libnftnl-dev libmnl-dev iproute2 dnsmasq-base busybox nftables tcpdump python3 procps faketime
+        libbenchmark-dev libnftnl-dev libmnl-dev libsqlite3-dev ieee-data iproute2 dnsmasq-base \
+        busybox nftables tcpdump python3 procps faketime
 
 CMAKE_GEN := -G Ninja
 

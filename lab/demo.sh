@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# demo: builds the virtual LAN, runs hostrix in the gateway namespace and shows
-# what it sees, for SECONDS or until Ctrl-C; then stops the daemon and the lab.
+# demo: builds the virtual LAN, runs hostrix and hostrix-agent in the gateway
+# namespace and shows what they see, for SECONDS or until Ctrl-C; then stops the
+# agent, the daemon and the lab.
 set -euo pipefail
 
 HERE="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
@@ -10,9 +11,12 @@ LAB_DIR="${HOSTRIX_LAB_DIR:-/run/hostrix-lab}"
 LAB_DIR="${LAB_DIR%/}"
 HOSTRIX_BIN="${HOSTRIX_BIN:-$REPO/build/bin/hostrix}"
 HOSTRIXCTL_BIN="${HOSTRIXCTL_BIN:-$REPO/build/bin/hostrixctl}"
+AGENT_BIN="${HOSTRIX_AGENT_BIN:-$(dirname "$HOSTRIX_BIN")/hostrix-agent}"
 DAEMON_ROOT="$LAB_DIR/root"
 DAEMON_LOG="$LAB_DIR/hostrix.log"
 DAEMON_PID_FILE="$LAB_DIR/hostrix.daemon.pid"
+AGENT_LOG="$LAB_DIR/agent.log"
+AGENT_SOCKET="$DAEMON_ROOT/var/run/hostrix-agent.sock"
 CONTROL_SOCKET="$DAEMON_ROOT/var/run/.hostrix_msg"
 readonly REFRESH_S=3 STOP_GRACE_S=3 SOCKET_WAIT_S=15
 
@@ -20,6 +24,7 @@ DURATION=0
 DEADLINE=0
 STOP_REQUESTED=0
 DAEMON_PID=""
+AGENT_PID=""
 VIEW_PID=""
 STORY_PID=""
 STEP=0
@@ -37,6 +42,7 @@ usage: lab/demo.sh [SECONDS]    (as root)
 Builds the lab, starts hostrix in hx-gw and shows the live picture; stops by
 itself after SECONDS of watching (0 or none: at Ctrl-C), then stops the daemon and the lab.
 env: HOSTRIX_BIN (default build/bin/hostrix), HOSTRIXCTL_BIN (default build/bin/hostrixctl),
+     HOSTRIX_AGENT_BIN (default hostrix-agent beside HOSTRIX_BIN),
      HOSTRIX_LAB_DIR (default /run/hostrix-lab), LAB_PROFILE (default or openwrt, see
      lab/lab --help), plus lab/lab's LAB_MIB_OVERRIDES
 USAGE
@@ -109,6 +115,23 @@ start_daemon() {
     fi
 }
 
+# The agent reads the daemon for everyone; watch then takes its events from the
+# agent, so the daemon's one-shot reports are not used up by the demo.
+start_agent() {
+    [[ -x "$AGENT_BIN" ]] || {
+        note "no hostrix-agent at $AGENT_BIN; watch will poll the daemon itself"
+        return 0
+    }
+    say "Starting hostrix-agent in namespace hx-gw (vendors, fingerprints, mDNS names, history)"
+    setsid ip netns exec hx-gw env HOSTRIX_ROOT="$DAEMON_ROOT" "$AGENT_BIN" \
+        </dev/null >>"$AGENT_LOG" 2>&1 &
+    AGENT_PID=$!
+    note "pid $AGENT_PID, log $AGENT_LOG, subscribers at $AGENT_SOCKET"
+    local tries=$((SOCKET_WAIT_S * 10))
+    while ((tries-- > 0)) && pid_alive "$AGENT_PID" && [[ ! -S "$AGENT_SOCKET" ]]; do sleep 0.1; done
+    [[ -S "$AGENT_SOCKET" ]] || note "hostrix-agent did not come up; see $AGENT_LOG"
+}
+
 print_picture() {
     local elapsed="" lines
     if ((DEADLINE > 0)); then elapsed=" ($((DEADLINE - $(date +%s))) s left)"; fi
@@ -133,7 +156,7 @@ ctl() { HOSTRIX_ROOT="$DAEMON_ROOT" "$HOSTRIXCTL_BIN" "$@"; }
 view_with_client() {
     "$LAB" status --brief || true  # what the LAN holds, to compare with the events
     note "one line per event: time, NEW/LEFT/CHANGED, MAC, IPv4, name, interface, port, SSID, IPv6"
-    note "(watch takes the daemon's pending reports; the demo is their only reader)"
+    note "(watch says on stderr whether it reads hostrix-agent or the daemon itself)"
     # The binary itself in the background (not a function subshell), so stop_pid
     # reaches the client and not only a wrapper.
     HOSTRIX_ROOT="$DAEMON_ROOT" "$HOSTRIXCTL_BIN" watch &
@@ -225,6 +248,11 @@ cleanup() {
     if [[ -n "$STORY_PID" ]]; then stop_pid "$STORY_PID"; fi
     if [[ -n "$VIEW_PID" ]]; then stop_pid "$VIEW_PID"; fi
     show_final_hosts
+    if [[ -n "$AGENT_PID" ]]; then
+        stop_pid "$AGENT_PID"
+        note "hostrix-agent's history: hostrixctl history (HOSTRIX_ROOT=$DAEMON_ROOT), last lines of its log:"
+        tail -n 5 "$AGENT_LOG" 2>/dev/null | sed 's/^/         /' || true
+    fi
     if daemon_died; then
         local status=0
         wait "$DAEMON_PID" 2>/dev/null || status=$?
@@ -247,6 +275,7 @@ main() {
     trap '' PIPE  # a closed output ends the view with an error, then cleanup runs
     lab_fresh_up
     start_daemon
+    start_agent
     show_live_view
 }
 

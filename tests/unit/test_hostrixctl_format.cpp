@@ -10,6 +10,7 @@
 #include <tuple>
 #include <vector>
 
+#include "agent_stream.h"
 #include "args.h"
 #include "format.h"
 #include "protocol.h"
@@ -196,3 +197,27 @@ TEST(CtlFormat, EventLineShowsKindMacAddressNameAndInterface) {
 }
 
 }  // namespace
+
+// watch through hostrix-agent reads the agent's lines back into records.
+TEST(AgentStream, ReadsEventsBackWithTheirEscapes) {
+    const std::string line =
+        "{\"type\":\"event\",\"seq\":5,\"time\":\"2026-11-23T10:00:00Z\",\"event\":\"left\","
+        "\"host\":{\"mac\":\"0a:77:00:00:00:01\",\"devName\":\"tv\\u000a\\\"x\\\\\","
+        "\"ip\":\"10.77.0.9\",\"ipv6\":\"fd77::1\",\"connectionType\":1,\"port\":3,"
+        "\"ifName\":\"wlan0\",\"names\":[{\"name\":\"mac\",\"source\":\"mdns\"}]}}";
+    std::optional<AgentEvent> event = parseAgentLine(line);
+    ASSERT_TRUE(event);
+    EXPECT_EQ(event->type, "event");
+    EXPECT_EQ(event->event, "left");
+    EXPECT_EQ(formatMac(event->host.mac), "0a:77:00:00:00:01");
+    EXPECT_EQ(fieldText(event->host.devName), "tv\n\"x\\");
+    EXPECT_EQ(ipv4Text(event->host.ip), "10.77.0.9");
+    EXPECT_EQ(ipv6Text(event->host.ipv6), "fd77::1");
+    EXPECT_EQ(event->host.port, 3);
+    EXPECT_EQ(event->host.connectionType, 1);
+    EXPECT_EQ(parseAgentLine("{\"type\":\"snapshot\",\"seq\":4,\"hosts\":[]}")->type, "snapshot");
+    EXPECT_FALSE(parseAgentLine("{\"type\":\"event\",\"event\":\"new\",\"host\":{\"mac\":\"zz\"}}"));
+    EXPECT_FALSE(jsonField("{\"devName\":\"ab\\u00", "devName"));  // cut short
+    EXPECT_FALSE(jsonField("{\"devName\":\"ab", "devName"));       // no closing quote
+    EXPECT_FALSE(parseAgentLine("not json"));
+}

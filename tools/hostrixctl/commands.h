@@ -18,6 +18,7 @@ Outcome runSet(const CommandLine &line);
 Outcome runPortDown(const CommandLine &line);
 Outcome runRelease(const CommandLine &line);
 Outcome runLog(const CommandLine &line);
+Outcome runHistory(const CommandLine &line);
 
 // Helpers the command files share.
 // Usage error unless LINE has exactly COUNT positional words; SYNOPSIS shows them.

@@ -195,6 +195,18 @@ JsonObject &JsonObject::signedNumber(std::string_view name, int64_t value) {
     return *this;
 }
 
+JsonObject &JsonObject::boolean(std::string_view name, bool value) {
+    key(name);
+    members_ += value ? "true" : "false";
+    return *this;
+}
+
+JsonObject &JsonObject::raw(std::string_view name, std::string_view json) {
+    key(name);
+    members_ += json;
+    return *this;
+}
+
 std::string ipv4Text(uint32_t networkOrder) {
     char text[INET_ADDRSTRLEN];
     in_addr address{networkOrder};

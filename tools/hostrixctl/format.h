@@ -34,6 +34,9 @@ public:
     JsonObject &text(std::string_view key, std::string_view value);
     JsonObject &number(std::string_view key, uint64_t value);
     JsonObject &signedNumber(std::string_view key, int64_t value);
+    JsonObject &boolean(std::string_view key, bool value);
+    // VALUE is already JSON (an array or object built by the caller).
+    JsonObject &raw(std::string_view key, std::string_view json);
     std::string str() const { return "{" + members_ + "}"; }
 
 private:

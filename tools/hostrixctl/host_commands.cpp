@@ -1,13 +1,21 @@
 // new, left, changed, list and watch: the commands that show hosts.
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <utility>
 #include <vector>
 
+#include "agent_paths.h"
+#include "agent_stream.h"
 #include "client.h"
+#include "core/unique_fd.h"
 #include "commands.h"
 #include "core/paths.h"
 #include "format.h"
@@ -105,6 +113,58 @@ Outcome pollOnce(WatchState &state) {
     return Outcome::success();
 }
 
+// The agent's socket, connected and asked for events from now on; invalid when no
+// agent listens there.
+UniqueFd connectAgent(const std::string &path) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    struct stat info {};
+    if (path.size() >= sizeof addr.sun_path || stat(path.c_str(), &info) < 0 ||
+        !S_ISSOCK(info.st_mode))
+        return {};
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    constexpr std::string_view kRequest = "{}\n";
+    if (!fd.valid() || connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) < 0 ||
+        send(fd.get(), kRequest.data(), kRequest.size(), MSG_NOSIGNAL) !=
+            static_cast<ssize_t>(kRequest.size()))
+        return {};
+    return fd;
+}
+
+const InformKind *kindOf(std::string_view event) {
+    for (const InformKind &kind : kWatchOrder)
+        if (kind.event == event) return &kind;
+    return nullptr;
+}
+
+// One line from the agent: JSON events as the agent wrote them, or the usual line.
+void showAgentLine(WatchState &state, std::string_view text) {
+    std::optional<AgentEvent> event = parseAgentLine(text);
+    const InformKind *kind = event ? kindOf(event->event) : nullptr;
+    if (!kind || countReached(state) || state.outputGone) return;
+    emitLine(state.line.json ? std::string(text)
+                             : eventLine(std::time(nullptr), kind->label, event->host));
+    ++state.shown;
+    if (!flushOutput()) state.outputGone = true;
+}
+
+Outcome watchAgent(WatchState &state, int fd) {
+    std::string pending;
+    char chunk[16 * 1024];
+    while (!stopRequested && !countReached(state) && !state.outputGone) {
+        pollfd ready{fd, POLLIN, 0};
+        if (poll(&ready, 1, -1) < 0) continue;  // a signal: the loop test decides
+        ssize_t n = recv(fd, chunk, sizeof chunk, 0);
+        if (n <= 0)
+            return Outcome::unreachable("hostrix-agent closed the connection; is it still running?");
+        pending.append(chunk, static_cast<size_t>(n));
+        for (size_t end; (end = pending.find('\n')) != std::string::npos; pending.erase(0, end + 1))
+            showAgentLine(state, std::string_view(pending).substr(0, end));
+    }
+    return Outcome::success();
+}
+
 }  // namespace
 
 Outcome runNew(const CommandLine &line) {
@@ -135,9 +195,21 @@ Outcome runWatch(const CommandLine &line) {
     if (!args.ok()) return args;
     catchStopSignals();
     WatchState state{line};
+    std::string agentSocket = agentPath(kAgentSocketBase);
+    if (UniqueFd agent = connectAgent(agentSocket); agent.valid()) {
+        std::fprintf(stderr, "hostrixctl: watching through hostrix-agent at %s\n",
+                     escapeText(agentSocket).c_str());
+        return watchAgent(state, agent.get());
+    }
+    bool announced = false;  // once the daemon answers: unreachable stays one line
     while (!stopRequested) {
         Outcome polled = pollOnce(state);
         if (!polled.ok()) return polled;
+        if (!std::exchange(announced, true))
+            std::fprintf(stderr,
+                         "hostrixctl: no hostrix-agent at %s; polling hostrix directly, which "
+                         "consumes its one-shot reports (an agent polling it misses them)\n",
+                         escapeText(agentSocket).c_str());
         if (countReached(state) || state.outputGone) break;
         if (!stopRequested) sleepMillis(line.intervalMs);
     }

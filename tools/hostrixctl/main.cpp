@@ -50,8 +50,10 @@ constexpr Command kCommands[] = {
      "interface and IPv6. --json: one object per event with \"event\" and \"time\"\n"
      "before the host fields. --count N stops after N events. Ends on Ctrl-C or\n"
      "SIGTERM (exit 0) or when hostrix becomes unreachable (exit 3).\n"
-     "watch consumes the pending reports: another agent polling the same daemon\n"
-     "misses the events that watch shows.\n",
+     "When hostrix-agent runs (its socket exists), watch reads its event stream and\n"
+     "takes nothing from the daemon; --interval then has no use. Otherwise watch\n"
+     "consumes the pending reports: another agent polling the same daemon misses the\n"
+     "events that watch shows. Either way it says on stderr which source it uses.\n",
      runWatch, kOptJson | kOptInterval | kOptCount},
     {"get", "get ATTRIBUTE [MAC] [--json]",
      "Per host (MAC):\n"
@@ -88,6 +90,12 @@ constexpr Command kCommands[] = {
      "Tells hostrix that the host released its DHCP lease: its ARP entry is\n"
      "deleted and it is taken offline. Succeeds also when no host has the MAC.\n",
      runRelease, 0},
+    {"history", "history [MAC] [--json]",
+     "What hostrix-agent remembers, from its database (history_db in agent.conf):\n"
+     "every device with its first and last sighting, vendor, name, OS family and\n"
+     "last addresses, the most recent first. With a MAC: that device and the MACs\n"
+     "linked with it, each with its online sessions. --json: one object per device.\n",
+     runHistory, kOptJson},
     {"log", "log LEVEL",
      "Sets the daemon's debug flags (dbg_level) through its debug FIFO. LEVEL is\n"
      "decimal or 0x hex, e.g. 0x20 for the host dumps, 0 for quiet.\n",

@@ -1,0 +1,92 @@
+// The subscriber side: the request line, the event ring's replay, the host object.
+#include <gtest/gtest.h>
+
+#include "device.h"
+#include "event_ring.h"
+#include "request.h"
+
+namespace {
+
+struct RequestCase {
+    const char *line;
+    bool valid;
+    std::optional<uint64_t> since;
+};
+
+TEST(AgentRequest, AcceptsOnlyTheTwoForms) {
+    const RequestCase cases[] = {
+        {"{}", true, std::nullopt},
+        {" { } \r", true, std::nullopt},
+        {"{\"since\": 42}", true, 42},
+        {"{\"since\":18446744073709551615}", true, UINT64_MAX},
+        {"{\"since\":18446744073709551616}", false, {}},  // overflow
+        {"{\"since\": -1}", false, {}},
+        {"{\"since\": }", false, {}},
+        {"{\"since\": 1} x", false, {}},
+        {"{\"until\": 1}", false, {}},
+        {"{", false, {}},
+        {"", false, {}},
+        {"GET / HTTP/1.0", false, {}},
+    };
+    for (const RequestCase &c : cases) {
+        std::optional<SubscriberRequest> got = parseRequest(c.line);
+        EXPECT_EQ(got.has_value(), c.valid) << c.line;
+        if (got) {
+            EXPECT_EQ(got->since, c.since) << c.line;
+        }
+    }
+    EXPECT_FALSE(parseRequest("{" + std::string(kMaxRequestLine, ' ') + "}"));
+}
+
+// The lines a subscriber asking since SINCE gets, or {"snapshot"}.
+std::vector<std::string> replay(const EventRing &ring, uint64_t since) {
+    auto lines = ring.after(since);
+    if (!lines) return {"snapshot"};
+    std::vector<std::string> out;
+    for (const std::string *line : *lines) out.push_back(*line);
+    return out;
+}
+
+using Lines = std::vector<std::string>;
+
+TEST(AgentEventRing, ReplaysWhatFollowsSinceWhileItHoldsIt) {
+    EventRing ring(100, 4);
+    EXPECT_EQ(ring.lastSeq(), 99u);
+    EXPECT_EQ(replay(ring, 99), Lines{});  // nothing yet, nothing missed
+    for (int i = 0; i < 6; ++i) EXPECT_EQ(ring.push("e" + std::to_string(i)), 100u + i);
+    // 100 and 101 have been overwritten: 102..105 remain.
+    EXPECT_EQ(replay(ring, 101), (Lines{"e2", "e3", "e4", "e5"}));
+    EXPECT_EQ(replay(ring, 103), (Lines{"e4", "e5"}));
+    EXPECT_EQ(replay(ring, 105), Lines{});
+    EXPECT_EQ(replay(ring, 100), Lines{"snapshot"});  // 101 is lost
+    EXPECT_EQ(replay(ring, 106), Lines{"snapshot"});  // ahead: another run's number
+    EXPECT_EQ(replay(ring, UINT64_MAX), Lines{"snapshot"});
+    EXPECT_EQ(replay(ring, 0), Lines{"snapshot"});
+}
+
+TEST(AgentHostObject, CarriesTheAgentsFieldsAndEscapesLanText) {
+    Device device;
+    device.record.mac[0] = 0x02;
+    std::memcpy(device.record.devName, "tv\n\"x", 5);
+    device.randomMac = true;
+    device.os = OsFamily::Windows;
+    device.firstSeen = 1700000000;
+    device.lastSeen = 1700003600;
+    device.haveRecord = true;
+    device.mdnsName = "laptop";
+    device.mdnsHeard = 1000;
+    std::string json = hostJson(device, "lan1", {"aa:bb:cc:dd:ee:ff"}, 1000 + kNameLifetimeSeconds);
+    EXPECT_NE(json.find("\"devName\":\"tv\\u000a\\\"x\""), std::string::npos) << json;
+    EXPECT_NE(json.find("\"kernelIfName\":\"lan1\",\"vendor\":\"\",\"randomMac\":true,"
+                        "\"osFamily\":\"windows\""), std::string::npos) << json;
+    EXPECT_NE(json.find("\"names\":[{\"name\":\"tv\\u000a\\\"x\",\"source\":\"lease\"},"
+                        "{\"name\":\"laptop\",\"source\":\"mdns\"}]"), std::string::npos) << json;
+    EXPECT_NE(json.find("\"firstSeen\":\"2023-11-14T22:13:20Z\",\"lastSeen\":\"2023-11-14T23:13:20Z\""),
+              std::string::npos) << json;
+    EXPECT_NE(json.find("\"linkedMacs\":[\"aa:bb:cc:dd:ee:ff\"]"), std::string::npos) << json;
+    EXPECT_EQ(isoTime(0), "1970-01-01T00:00:00Z");
+    // A day and a second after it was heard, the mDNS name is gone.
+    EXPECT_EQ(deviceNames(device, 1001 + kNameLifetimeSeconds).size(), 1u);
+}
+
+}  // namespace

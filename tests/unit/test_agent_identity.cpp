@@ -1,0 +1,126 @@
+// Who a device is: its vendor by longest registry prefix, its OS family from the
+// DHCP fingerprint, and the hook's report that carries the fingerprint.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "dhcp_report.h"
+#include "oui.h"
+#include "os_family.h"
+
+namespace {
+
+// One prefix nested in another at each width, as the registries have them.
+constexpr const char *kLarge =
+    "Registry,Assignment,Organization Name,Organization Address\n"
+    "MA-L,70B3D5,IEEE Registration Authority,445 Hoes Lane\r\n"
+    "MA-L,001A2B,\"Ayecom Technology Co., Ltd.\",\"Taipei, TW\"\n"
+    "MA-L,00zz00,Bad Hex,x\n"
+    "MA-L,0000FF,,no name\n";
+constexpr const char *kMedium = "MA-M,70B3D51,Medium Owner,x\n";
+constexpr const char *kSmall = "MA-S,70B3D5F2F,TELEPLATFORMS,\"Polbina st., 3/1\"\n";
+
+OuiDb sampleDb() {
+    OuiRows rows;
+    EXPECT_EQ(addOuiCsv(kLarge, rows), 2u);
+    EXPECT_EQ(addOuiCsv(kMedium, rows), 1u);
+    EXPECT_EQ(addOuiCsv(kSmall, rows), 1u);
+    OuiDb db;
+    EXPECT_TRUE(db.adopt(buildOuiFile(rows)));
+    return db;
+}
+
+std::string vendorOf(const OuiDb &db, std::array<uint8_t, 6> mac) {
+    return std::string(db.lookup(mac));
+}
+
+TEST(AgentOui, LongestPrefixWins) {
+    OuiDb db = sampleDb();
+    EXPECT_EQ(db.entries(), 4u);
+    EXPECT_EQ(vendorOf(db, {0x70, 0xb3, 0xd5, 0xf2, 0xf7, 0x01}), "TELEPLATFORMS");
+    EXPECT_EQ(vendorOf(db, {0x70, 0xb3, 0xd5, 0xf3, 0x00, 0x00}), "IEEE Registration Authority");
+    EXPECT_EQ(vendorOf(db, {0x70, 0xb3, 0xd5, 0x1f, 0xff, 0xff}), "Medium Owner");
+    EXPECT_EQ(vendorOf(db, {0x70, 0xb3, 0xd5, 0x20, 0x00, 0x00}), "IEEE Registration Authority");
+    EXPECT_EQ(vendorOf(db, {0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e}), "Ayecom Technology Co., Ltd.");
+    EXPECT_EQ(vendorOf(db, {0x00, 0x1a, 0x2c, 0, 0, 0}), "");
+    OuiDb moved = std::move(db);  // a short-lived owner must not leave dangling views
+    EXPECT_EQ(vendorOf(moved, {0x00, 0x1a, 0x2b, 0, 0, 0}), "Ayecom Technology Co., Ltd.");
+}
+
+TEST(AgentOui, RefusesAMalformedFile) {
+    OuiRows rows;
+    addOuiCsv(kLarge, rows);
+    std::string good = buildOuiFile(rows);
+    OuiDb db;
+    EXPECT_FALSE(db.adopt(good.substr(0, good.size() - 1)));  // truncated
+    std::string badName = good;
+    badName[28] = '\x7f';  // the first entry's name offset points past the names
+    EXPECT_FALSE(db.adopt(badName));
+    std::string badMagic = good;
+    badMagic[0] = 'X';
+    EXPECT_FALSE(db.adopt(badMagic));
+    EXPECT_FALSE(db.load("/nonexistent/hostrix-oui.bin"));
+    EXPECT_EQ(db.lookup(std::array<uint8_t, 6>{0x70, 0xb3, 0xd5, 0, 0, 0}), "");
+}
+
+DhcpReport withOptions(std::vector<uint8_t> options, std::string vendorClass = "") {
+    DhcpReport report;
+    report.options = std::move(options);
+    report.vendorClass = std::move(vendorClass);
+    return report;
+}
+
+TEST(AgentOsFamily, ExactListFirstThenVendorClass) {
+    struct Case {
+        DhcpReport report;
+        OsFamily family;
+    };
+    const Case cases[] = {
+        {withOptions({1, 3, 6, 15, 31, 33, 43, 44, 46, 47, 119, 121, 249, 252}, "udhcp 1.35.0"),
+         OsFamily::Windows},
+        {withOptions({1, 121, 3, 6, 15, 119, 252, 95, 44, 46}), OsFamily::Macos},
+        {withOptions({1, 121, 3, 6, 15, 119, 252}), OsFamily::Ios},
+        {withOptions({1, 3, 6, 15, 26, 28, 51, 58, 59, 43}), OsFamily::Android},
+        // The same options in another order, or one more, are another client.
+        {withOptions({1, 3, 6, 15, 119, 121, 252}), OsFamily::Other},
+        {withOptions({1, 121, 3, 6, 15, 119, 252, 95, 44}), OsFamily::Other},
+        {withOptions({1, 3, 6}, "MSFT 5.0"), OsFamily::Windows},
+        {withOptions({}, "android-dhcp-13"), OsFamily::Android},
+        {withOptions({}, "udhcp 1.35.0"), OsFamily::Linux},
+        {withOptions({}, "xMSFT 5.0"), OsFamily::Other},
+        {withOptions({}), OsFamily::Other},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(classifyOs(c.report).family, c.family)
+            << optionListText(c.report.options) << " / " << c.report.vendorClass;
+    EXPECT_FALSE(classifyOs(cases[0].report).rule.empty());
+}
+
+TEST(AgentDhcpReport, RoundTripsAndBoundsLanText) {
+    DhcpReport report = withOptions({1, 3, 6, 255}, "MSFT 5.0");
+    report.mac = {0x02, 0, 0, 0, 0, 1};
+    report.hostname = "pc\ninjected=1";  // cut at the line break
+    report.clientId = "ff:00";
+    std::optional<DhcpReport> back = parseDhcpReport(formatDhcpReport(report));
+    ASSERT_TRUE(back);
+    report.hostname = "pc";
+    EXPECT_EQ(*back, report);
+
+    const char *bad[] = {
+        "hostname=x\n",                         // no mac
+        "mac=02:00:00:00:00:01\nno equals\n",
+        "mac=02:00:00:00:00:0g\n",
+        "mac=02:00:00:00:00:01\noptions=1,,3\n",
+        "mac=02:00:00:00:00:01\noptions=256\n",
+        "mac=02:00:00:00:00:01\noptions=0x10\n",
+        "mac=02:00:00:00:00:01\noptions=-1\n",
+    };
+    for (const char *text : bad) EXPECT_FALSE(parseDhcpReport(text)) << text;
+    std::string longField = "mac=02:00:00:00:00:01\nvendor_class=" + std::string(kMaxDhcpField + 1, 'v');
+    EXPECT_FALSE(parseDhcpReport(longField));
+    std::string manyOptions = "mac=02:00:00:00:00:01\noptions=1";
+    for (size_t i = 0; i < kMaxRequestedOptions; ++i) manyOptions += ",1";
+    EXPECT_FALSE(parseDhcpReport(manyOptions));
+}
+
+}  // namespace

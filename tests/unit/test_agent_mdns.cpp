@@ -1,0 +1,107 @@
+// The mDNS decoder on hand-built packets: what it learns, and what it refuses.
+#include <gtest/gtest.h>
+
+#include "mdns.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Header of a response with ANSWERS answer records and nothing else.
+Bytes response(uint8_t answers, uint16_t flags = 0x8400) {
+    return {0, 0,                                                  // id
+            static_cast<uint8_t>(flags >> 8), static_cast<uint8_t>(flags),
+            0, 0,                                                  // questions
+            0, answers,                                            // answers
+            0, 0, 0, 0};                                           // authority, additional
+}
+
+void append(Bytes &to, const Bytes &more) { to.insert(to.end(), more.begin(), more.end()); }
+
+const Bytes kLaptopLocal = {6, 'l', 'a', 'p', 't', 'o', 'p', 5, 'l', 'o', 'c', 'a', 'l', 0};
+// type A, class IN with the cache-flush bit, TTL 120, 4 bytes: 10.77.0.5
+const Bytes kARecordTail = {0, 1, 0x80, 1, 0, 0, 0, 120, 0, 4, 10, 77, 0, 5};
+// type AAAA, class IN, TTL 120, 16 bytes: fd77::5
+const Bytes kAaaaTail = {0, 28, 0, 1, 0, 0, 0, 120, 0, 16, 0xfd, 0x77, 0, 0, 0, 0, 0, 0,
+                         0,  0,  0, 0, 0, 0, 0, 5};
+
+std::vector<MdnsAddress> parse(const Bytes &packet, bool expectOk = true) {
+    std::vector<MdnsAddress> out;
+    EXPECT_EQ(parseMdnsResponse(packet, out), expectOk);
+    return out;
+}
+
+TEST(AgentMdns, LearnsAAndAaaaWithACompressedName) {
+    Bytes packet = response(2);
+    append(packet, kLaptopLocal);
+    append(packet, kARecordTail);
+    append(packet, {0xc0, 12});  // the same name: a pointer to offset 12
+    append(packet, kAaaaTail);
+    std::vector<MdnsAddress> got = parse(packet);
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0].name, "laptop");
+    EXPECT_FALSE(got[0].ipv6);
+    EXPECT_EQ(got[0].ttl, 120u);
+    EXPECT_EQ((std::array<uint8_t, 4>{got[0].address[0], got[0].address[1], got[0].address[2],
+                                      got[0].address[3]}),
+              (std::array<uint8_t, 4>{10, 77, 0, 5}));
+    EXPECT_TRUE(got[1].ipv6);
+    EXPECT_EQ(got[1].name, "laptop");
+    EXPECT_EQ(got[1].address[15], 5);
+}
+
+TEST(AgentMdns, SkipsRecordsThatAreNoHostAddress) {
+    Bytes packet = response(3);
+    append(packet, {1, 'a', 1, 'b', 5, 'l', 'o', 'c', 'a', 'l', 0});  // a.b.local
+    append(packet, kARecordTail);
+    append(packet, {3, 't', 0x01, 'v', 5, 'l', 'o', 'c', 'a', 'l', 0});  // a control byte
+    append(packet, kARecordTail);
+    append(packet, {2, 't', 'v', 3, 'c', 'o', 'm', 0});  // not .local
+    append(packet, kARecordTail);
+    EXPECT_TRUE(parse(packet).empty());
+}
+
+TEST(AgentMdns, DropsMalformedPackets) {
+    struct Case {
+        const char *what;
+        Bytes tail;  // after a one-answer header
+        uint16_t flags = 0x8400;
+    };
+    Bytes truncated = kLaptopLocal;
+    append(truncated, Bytes(kARecordTail.begin(), kARecordTail.end() - 1));
+    const Case cases[] = {
+        {"a query", kLaptopLocal, 0x0000},
+        {"a pointer to itself", {0xc0, 12}},
+        {"a label, then a pointer back to it", {2, 'a', 'b', 0xc0, 12}},
+        {"a pointer forwards", {0xc0, 14, 0, 0}},
+        {"a pointer cut short", {0xc0}},
+        {"a reserved label kind", {0x40, 'a', 0}},
+        {"a label past the end", {9, 'a', 'b'}},
+        {"record data past the end", truncated},
+        {"no record at all", {}},
+    };
+    for (const Case &c : cases) {
+        Bytes packet = response(1, c.flags);
+        append(packet, c.tail);
+        std::vector<MdnsAddress> out;
+        EXPECT_FALSE(parseMdnsResponse(packet, out)) << c.what;
+        EXPECT_TRUE(out.empty()) << c.what;
+    }
+    EXPECT_FALSE(parse(Bytes(11, 0), false).size());
+    Bytes huge = response(0);
+    huge.resize(kMaxMdnsPacket + 1);
+    parse(huge, false);
+}
+
+TEST(AgentMdns, ReadsAtMostABoundedNumberOfRecords) {
+    Bytes packet = response(0xff);
+    append(packet, kLaptopLocal);
+    append(packet, kARecordTail);
+    for (size_t i = 1; i < kMaxMdnsRecords + 10; ++i) {
+        append(packet, {0xc0, 12});
+        append(packet, kARecordTail);
+    }
+    EXPECT_EQ(parse(packet).size(), kMaxMdnsRecords);
+}
+
+}  // namespace
