@@ -190,7 +190,7 @@ void Agent::emit(std::string_view kind, Device &device) {
     std::string host = hostJson(device, ifnames_.kernelOf(fieldText(device.record.ifName)),
                                 linkedMacs(device), now_);
     std::string line = "{\"type\":\"event\",\"seq\":" + std::to_string(seq) + ",\"time\":\"" +
-                       isoTime(now_) + "\",\"event\":\"" + std::string(kind) + "\",\"host\":" +
+                       utcText(now_) + "\",\"event\":\"" + std::string(kind) + "\",\"host\":" +
                        host + "}";
     hub_->broadcast(line);
     ring_.push(std::move(line));

@@ -49,15 +49,6 @@ std::vector<DeviceName> deviceNames(const Device &device, int64_t now) {
     return names;
 }
 
-std::string isoTime(int64_t unixSeconds) {
-    time_t when = static_cast<time_t>(unixSeconds);
-    tm utc{};
-    gmtime_r(&when, &utc);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return text;
-}
-
 std::string hostJson(const Device &device, std::string_view kernelIfName,
                      const std::vector<std::string> &linkedMacs, int64_t now) {
     JsonObject object;
@@ -66,7 +57,7 @@ std::string hostJson(const Device &device, std::string_view kernelIfName,
     object.text("vendor", device.vendor).boolean("randomMac", device.randomMac);
     object.text("osFamily", osFamilyName(device.os));
     object.raw("names", namesJson(deviceNames(device, now)));
-    object.text("firstSeen", isoTime(device.firstSeen)).text("lastSeen", isoTime(device.lastSeen));
+    object.text("firstSeen", utcText(device.firstSeen)).text("lastSeen", utcText(device.lastSeen));
     object.raw("linkedMacs", textArray(linkedMacs));
     return object.str();
 }

@@ -54,9 +54,6 @@ std::vector<DeviceName> deviceNames(const Device &device, int64_t now);
 std::string hostJson(const Device &device, std::string_view kernelIfName,
                      const std::vector<std::string> &linkedMacs, int64_t now);
 
-// "2026-11-23T10:00:00Z".
-std::string isoTime(int64_t unixSeconds);
-
 // Fields whose change makes a "changed" event when the agent learns them from the
 // host file rather than a change report (rates and counters move all the time).
 bool sameIdentity(const lanHostInfo_t &a, const lanHostInfo_t &b);

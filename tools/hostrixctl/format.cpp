@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 
+#include <ctime>
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -280,4 +282,13 @@ std::string eventJson(time_t when, std::string_view event, const lanHostInfo_t &
     object.text("event", event).text("time", localTimeText(when));
     addHostFields(host, object);
     return object.str();
+}
+
+std::string utcText(int64_t seconds) {
+    time_t when = static_cast<time_t>(seconds);
+    tm utc{};
+    gmtime_r(&when, &utc);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return text;
 }

@@ -46,6 +46,8 @@ private:
 
 std::string ipv4Text(uint32_t networkOrder);
 std::string ipv6Text(const uint8_t *address);
+// Unix SECONDS as ISO 8601 UTC: "2026-11-23T10:00:00Z".
+std::string utcText(int64_t seconds);
 // Days, hours, minutes and seconds: "2d 03:04:05" or "03:04:05".
 std::string durationText(uint32_t seconds);
 // "YYYY-MM-DD HH:MM:SS" in local time.

@@ -31,15 +31,6 @@ constexpr const char *kGroupFilter =
     " WHERE ?1 IN (mac, linked_to) OR mac = (SELECT linked_to FROM devices WHERE mac = ?1)"
     " OR linked_to = (SELECT linked_to FROM devices WHERE mac = ?1)";
 
-std::string utcText(int64_t seconds) {
-    time_t when = static_cast<time_t>(seconds);
-    tm utc{};
-    gmtime_r(&when, &utc);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return text;
-}
-
 DeviceRow readRow(sqlite3_stmt *s) {
     DeviceRow row;
     row.mac = columnText(s, 0), row.firstSeen = sqlite3_column_int64(s, 1);
