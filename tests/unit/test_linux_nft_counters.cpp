@@ -123,7 +123,7 @@ TEST(NftDump, CraftedDatagrams) {
          RouteDumpStatus::More,
          {counter(kHostA, {}, 9)}},
         {"a refusal fails the dump",
-         nlbytes::message(NLMSG_ERROR, kSeq, raw(-ENOENT)),
+         nlbytes::message(NLMSG_ERROR, kSeq, raw(nlmsgerr{.error = -ENOENT, .msg = {}})),
          RouteDumpStatus::Failed,
          {}},
         {"a message cut short fails the dump; what came whole before it stays",
@@ -142,6 +142,20 @@ TEST(NftDump, CraftedDatagrams) {
 
 NftMac macOf(unsigned i) {
     return {0x0a, 0x77, 0, 0, static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)};
+}
+
+// The listing of a table grown past the bound keeps the first kMaxNftElements.
+TEST(NftDump, ElementsCapped) {
+    constexpr unsigned kPerMessage = 500;  // keeps each message's list under 64 KiB
+    Bytes dump;
+    for (unsigned first = 0; first < kMaxNftElements + 10; first += kPerMessage) {
+        std::vector<Bytes> elems;
+        for (unsigned i = first; i < first + kPerMessage; ++i) elems.push_back(elem(macOf(i), 1));
+        dump = join({dump, set("hostrix", "tx", elems)});
+    }
+    std::vector<NftSetElement> elements;
+    (void)decodeNftElementDump(dump, kSeq, elements);
+    EXPECT_EQ(elements.size(), kMaxNftElements);
 }
 
 // A sender that records each transaction and answers as told.
@@ -266,6 +280,8 @@ TEST_F(NftCountersKernel, RegisterCountUnregisterReplace) {
         NETNS_CHECK(sendToHostA());
         const auto counted = sample();
         NETNS_CHECK(counted[0] == 0 && counted[1] > 0);
+        NETNS_CHECK(std::system("nft delete element bridge hostrix rx '{ 0a:77:00:00:00:01 }'") == 0 &&
+                    sample()[0] == -1);  // in one set only: no pair
         NETNS_CHECK(update(kHostA, 0) == 0 && sample()[0] == -1);  // sent before the listing
         NETNS_CHECK(update(kHostA, 0) == 0 && zvt_commit_lan_hpc() == 0);  // gone: no error
         NETNS_CHECK(update(kHostA, 1) == 0 && update(kHostB, 1) == 0 && sample()[0] == 0);

@@ -86,7 +86,7 @@ TEST(ParseMibConfig, MalformedLineSkippedAlone) {
         {"bad attribute", {"chain.3004 = enable=1 colour=red"}},
         {"bad value", {"chain.3004 = ports", "chain.3004 = mode=256"}},
         {"more than", {"lan_ports = a b c d e", "wlan_roots = a b c"}},
-        {"bad interface name", {"lan_ports = eth0/2", "lan_ports = abcdefghijklmnop"}},
+        {"bad interface name", {"lan_ports = eth0/2", "lan_ports = abcdefghijklmnop", "wlan_roots = .."}},
         {"longer than 32", {"ssid.wlan0 = " + std::string(33, 's')}},
         {"bad port id", {"phy.eth0.2 = 2147483648"}},
         {"source", {"stations = dir:", "counters = on"}},
@@ -138,13 +138,14 @@ std::string interfaceTables() {
 
 // Malformed lines are reported once per load, as is a value too wide for one byte.
 TEST_F(MibStore, WidthsAndReportsWithPathAndLine) {
-    writeConfig("474 = 7\n475 = 300\n\n480x = 2\n");
+    writeConfig("474 = 7\n475 = 300\n\n480x = 2\n476 = 255\n");
     StderrCapture capture;
     const struct {
         int id, width, result;
         uint32_t written;  // the buffer after the call, prefilled 0xaaaaaaaa
     } cases[] = {{474, 1, 1, 0xaaaaaa07}, {474, 4, 1, 7},          {475, 1, 0, 0xaaaaaaaa},
-                 {475, 1, 0, 0xaaaaaaaa}, {474, 2, 0, 0xaaaaaaaa}, {481, 4, 0, 0xaaaaaaaa}};
+                 {475, 1, 0, 0xaaaaaaaa}, {476, 1, 1, 0xaaaaaaff}, {474, 2, 0, 0xaaaaaaaa},
+                 {481, 4, 0, 0xaaaaaaaa}};
     for (const auto &c : cases) {
         uint32_t buffer = 0xaaaaaaaa;
         EXPECT_EQ(mib_get_s(c.id, &buffer, c.width), c.result) << c.id << " width " << c.width;
