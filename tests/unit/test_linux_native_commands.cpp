@@ -1,10 +1,7 @@
-// Native commands: which lines are recognised, the neighbour dump turned into `ip`'s
-// text, the grep of the snapshot, and the commands against a real kernel in a private
-// network namespace where no program can be executed at all.
-#include <arpa/inet.h>
+// Native commands: which lines are recognised, the grep of the snapshot, and the
+// commands against a real kernel in a private network namespace where no program can be
+// executed at all; there the neighbour listing must equal the text of the real `ip`.
 #include <linux/filter.h>
-#include <linux/neighbour.h>
-#include <linux/rtnetlink.h>
 #include <linux/seccomp.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -17,19 +14,14 @@
 #include <optional>
 
 #include "linux_test_support.h"
-#include "netlink_bytes.h"
 #include "netns_child.h"
 #include "platform/linux/bridge_fdb.h"
 #include "platform/linux/ifnames.h"
 #include "platform/linux/native_commands.h"
-#include "platform/linux/neigh_dump.h"
 #include "platform/os.h"
 
 namespace {
 
-using nlbytes::Bytes;
-using nlbytes::join;
-using nlbytes::raw;
 using Kind = NativeKind;
 
 constexpr char kFuncoff[] =
@@ -92,63 +84,6 @@ TEST(NativeCommands, GrepWithTheLineAfter) {
         {"a\nMAC", "MAC\n"},
     };
     for (const auto &c : cases) EXPECT_EQ(grepWithNextLine(c.text, "MAC"), c.expected) << c.text;
-}
-
-constexpr uint32_t kSeq = 9;
-
-Bytes neigh(uint8_t family, int ifindex, uint16_t state, uint8_t flags, const Bytes &attributes,
-            uint32_t seq = kSeq) {
-    const ndmsg body{family, 0, 0, ifindex, state, flags, 0};
-    return nlbytes::message(RTM_NEWNEIGH, seq, join({raw(body), attributes}), NLM_F_MULTI);
-}
-
-Bytes v6(const char *text) {
-    in6_addr addr{};
-    EXPECT_EQ(inet_pton(AF_INET6, text, &addr), 1);
-    return nlbytes::attr(NDA_DST, raw(addr));
-}
-
-Bytes mac(uint8_t last) {
-    return nlbytes::attr(NDA_LLADDR, {0x0a, 0x77, 0, 0, 0, last});
-}
-
-// The kernel's own ip -6 neigh text for the same entries is compared in the namespace
-// test below; here each rule of what is shown and how has its own entry.
-TEST(NativeCommands, NeighbourDumpToIpText) {
-    const Bytes dump = join({
-        neigh(AF_INET6, 4, NUD_REACHABLE, 0, join({v6("fd77::1"), mac(1)})),
-        neigh(AF_INET6, 4, NUD_FAILED, 0, v6("fd77::2")),  // unresolved: no lladdr
-        neigh(AF_INET6, 7, NUD_PERMANENT, NTF_ROUTER, join({v6("fe80::3"), mac(3)})),
-        neigh(AF_INET6, 4, NUD_STALE, 0,
-              join({v6("fd77::5"), mac(5), nlbytes::attr(NDA_PROTOCOL, {RTPROT_STATIC})})),
-        neigh(AF_INET6, 4, NUD_NOARP, 0, join({v6("ff02::16"), mac(0x16)})),  // hidden
-        neigh(AF_INET6, 4, NUD_NONE, 0, join({v6("fd77::6"), mac(6)})),       // hidden
-        neigh(AF_INET, 4, NUD_REACHABLE, 0, join({v6("fd77::7"), mac(7)})),   // other family
-        neigh(AF_INET6, 4, NUD_REACHABLE, 0, join({v6("fd77::8"), mac(8)}), kSeq + 1),
-        neigh(AF_INET6, 4, NUD_REACHABLE, 0, join({nlbytes::attr(NDA_DST, {1, 2}), mac(9)})),
-    });
-    std::vector<NeighEntry> entries;
-    EXPECT_EQ(decodeNeighMessages(dump, AF_INET6, kSeq, entries), RouteDumpStatus::More);
-    EXPECT_EQ(
-        decodeNeighMessages(nlbytes::message(NLMSG_DONE, kSeq, raw(0)), AF_INET6, kSeq, entries),
-        RouteDumpStatus::Done);
-    EXPECT_EQ(decodeNeighMessages(nlbytes::message(NLMSG_ERROR, kSeq, raw(-EBUSY)), AF_INET6, kSeq,
-                                  entries),
-              RouteDumpStatus::Failed);
-    const auto names = [](int ifindex) { return ifindex == 4 ? "br0" : "if7"; };
-    EXPECT_EQ(formatNeighListing(entries, names),
-              "fd77::1 dev br0 lladdr 0a:77:00:00:00:01 REACHABLE \n"
-              "fd77::2 dev br0 FAILED \n"
-              "fe80::3 dev if7 lladdr 0a:77:00:00:00:03 router PERMANENT \n"
-              "fd77::5 dev br0 lladdr 0a:77:00:00:00:05 STALE proto static \n");
-}
-
-TEST(NativeCommands, AcknowledgementOfOneRequest) {
-    const Bytes refused = nlbytes::message(NLMSG_ERROR, kSeq, raw(-ENOENT));
-    EXPECT_EQ(decodeRouteAck(refused, kSeq), ENOENT);
-    EXPECT_EQ(decodeRouteAck(nlbytes::message(NLMSG_ERROR, kSeq, raw(0)), kSeq), 0);
-    EXPECT_EQ(decodeRouteAck(refused, kSeq + 1), kNoRouteAck);
-    EXPECT_EQ(decodeRouteAck(Bytes(refused.begin(), refused.end() - 1), kSeq), kNoRouteAck);
 }
 
 // ------------------------------------------------------------- against the kernel
