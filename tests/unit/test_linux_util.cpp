@@ -29,13 +29,14 @@ TEST(MacText, ConvertsWellFormedTextOnly) {
     EXPECT_EQ(out, untouched);
 }
 
-// Whether another process could take a write lock on [start, start + length) of PATH.
+// Whether another process could take a read lock, as readers of the host file do, on
+// [start, start + length) of PATH.
 bool otherProcessCanLock(const std::string &path, off_t start, off_t length) {
     pid_t pid = fork();
     if (pid == 0) {
         UniqueFd other(open(path.c_str(), O_RDWR | O_CLOEXEC));
         struct flock lock = {
-            .l_type = F_WRLCK, .l_whence = SEEK_SET, .l_start = start, .l_len = length, .l_pid = 0};
+            .l_type = F_RDLCK, .l_whence = SEEK_SET, .l_start = start, .l_len = length, .l_pid = 0};
         _exit(other.valid() && fcntl(other.get(), F_SETLK, &lock) == 0 ? 0 : 1);
     }
     int status = 0;
