@@ -1,5 +1,5 @@
-// IPv6 neighbour solicitation: the message byte by byte, its solicited-node group, the
-// refusals, and the frame that leaves a real bridge in a private network namespace.
+// IPv6 neighbour solicitation: the refusals, and the frame that leaves a real bridge in
+// a private network namespace, checked byte by byte.
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
@@ -13,7 +13,7 @@
 namespace {
 
 using Address = std::array<uint8_t, kIpv6AddressBytes>;
-constexpr Address kTarget{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5};
+constexpr Address kTarget{0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x12, 0x34, 0x56};
 constexpr std::array<uint8_t, 6> kBridgeMac{0x0a, 0x77, 0, 0, 0, 0xb0};
 
 // clang-format off
@@ -21,26 +21,12 @@ constexpr uint8_t kMessage[kNeighSolicitBytes] = {
     135, 0,                  // type neighbour solicitation, code 0
     0, 0,                    // checksum, filled by the kernel
     0, 0, 0, 0,              // reserved
-    0x20, 0x01, 0x0d, 0xb8,  // target 2001:db8::5
-    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5,
+    0x20, 0x01, 0x0d, 0xb8,  // target 2001:db8::12:3456
+    0, 0, 0, 0, 0, 0, 0, 0, 0, 0x12, 0x34, 0x56,
     1, 1,                    // option: source link-layer address, 8 bytes
     0x0a, 0x77, 0, 0, 0, 0xb0,  // the interface MAC
 };
 // clang-format on
-
-// The solicited-node group takes the last 24 bits of the target.
-TEST(NeighSolicit, MessageByteByByteAndItsGroup) {
-    std::array<uint8_t, kNeighSolicitBytes + 1> out;
-    out.fill(0xee);
-    ASSERT_EQ(buildNeighSolicit(kTarget, kBridgeMac, out), kNeighSolicitBytes);
-    EXPECT_EQ(std::memcmp(out.data(), kMessage, sizeof kMessage), 0);
-    EXPECT_EQ(out.back(), 0xee);  // nothing written past the message
-    EXPECT_EQ(buildNeighSolicit(kTarget, kBridgeMac, std::span(out).first(kNeighSolicitBytes - 1)),
-              0u);
-    const Address target{0xfd, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x12, 0x34, 0x56, 0x78};
-    const Address group{0xff, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0xff, 0x34, 0x56, 0x78};
-    EXPECT_EQ(std::memcmp(solicitedNodeAddress(target).s6_addr, group.data(), 16), 0);
-}
 
 TEST(NeighSolicit, RefusesWhatCannotBeSent) {
     EXPECT_EQ(zvt_ipv6_send_neigh_solicit(nullptr, kTarget.data()), -1);
@@ -59,8 +45,9 @@ bool isOurSolicitation(const uint8_t *frame, ssize_t length) {
 }
 
 int checkFrame(const uint8_t *frame) {
-    const uint8_t dstMac[] = {0x33, 0x33, 0xff, 0, 0, 5};
-    const uint8_t group[] = {0xff, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0xff, 0, 0, 5};
+    // The solicited-node group takes the last 24 bits of the target.
+    const uint8_t dstMac[] = {0x33, 0x33, 0xff, 0x12, 0x34, 0x56};
+    const uint8_t group[] = {0xff, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0xff, 0x12, 0x34, 0x56};
     NETNS_CHECK(std::memcmp(frame, dstMac, sizeof dstMac) == 0);
     NETNS_CHECK(std::memcmp(frame + 6, kBridgeMac.data(), kBridgeMac.size()) == 0);
     NETNS_CHECK(frame[kIp6 + 7] == 255);  // hop limit
@@ -98,7 +85,7 @@ int checkRealSolicitation() {
         while ((got = recv(capture.get(), frame, sizeof frame, 0)) > 0 && sent)
             if (isOurSolicitation(frame, got)) return checkFrame(frame);
     }
-    std::fprintf(stderr, "no solicitation for 2001:db8::5 left br0\n");
+    std::fprintf(stderr, "no solicitation for 2001:db8::12:3456 left br0\n");
     return kNetnsCheckFailed;
 }
 

@@ -3,6 +3,7 @@
 #include <net/if.h>
 
 #include "linux_test_support.h"
+#include "platform/linux/ifnames.h"
 
 namespace {
 
@@ -35,6 +36,16 @@ TEST(NetInterface, BadNamesFailLeavingBuffersAlone) {
         EXPECT_EQ(buffer, untouched);
         EXPECT_EQ(flags, 0x5a);
     }
+}
+
+// The daemon asks by its own names; a mapped one is asked of the kernel by the other.
+TEST_F(HostrixRootTest, MappedNameAskedByTheKernelName) {
+    writeConfig("ifname.br0 = lo\n");
+    (void)mibConfigCurrent();  // publishes the map
+    Bytes buffer{};
+    ASSERT_EQ(getInAddr("br0", IP_ADDR, buffer.data()), 1);
+    EXPECT_EQ(buffer, (Bytes{127, 0, 0, 1, 0, 0}));
+    ifnamesPublish(IfnameMap{});  // later tests in this process see no map
 }
 
 }  // namespace
