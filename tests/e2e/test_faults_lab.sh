@@ -19,7 +19,6 @@ CHURN_HOSTS=300
 TABLE_LIMIT=256
 SANITIZER_REPORT='ERROR: AddressSanitizer|LeakSanitizer|runtime error:'
 declare -A MAC_OF=()
-PROBE_PID=""
 
 info() { printf 'info - %s\n' "$*"; }
 timed() { local started=$SECONDS; "$@"; info "$1 took $((SECONDS - started)) s"; }
@@ -50,7 +49,6 @@ probe_stop() {
     local worst=99999 count=0 failed=1
     : >"$E2E_TMP/probe.stop"
     wait "$PROBE_PID" || true
-    PROBE_PID=""
     if [[ -s "$E2E_TMP/probe.out" ]]; then read -r worst count failed <"$E2E_TMP/probe.out"; fi
     check "$1: all $count control requests answered, each within 1 s (worst ${worst} ms, $failed unanswered)" \
         test "$count" -gt 0 -a "$failed" -eq 0 -a "$worst" -le 1000
@@ -126,6 +124,7 @@ for i in range(int(sys.argv[4])):
     s.sendall(line + b"\n")
     s.close()
     sent += 1
+time.sleep(3)  # the silent clients stay a while after the flood too
 print(sent)' "$ROOT/var/run/.hostrix_msg" "$SILENT_CLIENTS" "$ROOT/var/run/.hostapd_action_sock" "$EVENT_LINES"
 }
 
