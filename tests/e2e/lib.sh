@@ -12,8 +12,8 @@ source "$REPO_DIR/lab/lib/profile.sh"
 LAB_PROFILE="${LAB_PROFILE:-default}"
 export HOSTRIX_LAB_DIR="${HOSTRIX_LAB_DIR:-/run/hostrix-lab}"
 LAB_DIR="${HOSTRIX_LAB_DIR%/}"
+DAEMON_LOG="$LAB_DIR/hostrix.log"
 GW_NS="hx-gw"
-# shellcheck disable=SC2034 # used by the test scripts
 PORTS=(eth0.2 eth0.3 eth0.4 eth0.5 wlan0 wlan0-vap0 wlan1 nas0_0)
 FAILURES=0
 CHECKS=0
@@ -41,16 +41,10 @@ require_lab_env() {
     ip netns del "$probe"
 }
 
+# check DESC CMD...: one line per check; a failure is counted, the test goes on.
 check() {
-    local desc="$1"
-    shift
     CHECKS=$((CHECKS + 1))
-    if "$@"; then
-        printf 'ok   - %s\n' "$desc"
-    else
-        printf 'FAIL - %s\n' "$desc"
-        FAILURES=$((FAILURES + 1))
-    fi
+    if "${@:2}"; then printf 'ok   - %s\n' "$1"; else printf 'FAIL - %s\n' "$1" && FAILURES=$((FAILURES + 1)); fi
 }
 
 # Retries CMD every 0.2 s, at most TRIES times: for state that settles
@@ -67,8 +61,7 @@ wait_for() {
 
 finish() {
     printf '%d checks, %d failed\n' "$CHECKS" "$FAILURES"
-    if ((FAILURES > 0)); then exit 1; fi
-    exit 0
+    exit $((FAILURES > 0))
 }
 
 E2E_TMP=""
@@ -76,9 +69,9 @@ E2E_TMP=""
 # A failed test leaves the daemon's log behind for a look (E2E_LOG_DIR, default /tmp).
 keep_daemon_log() {
     local kept
-    [[ -s "$LAB_DIR/hostrix.log" ]] || return 0
+    [[ -s "$DAEMON_LOG" ]] || return 0
     kept="${E2E_LOG_DIR:-/tmp}/hostrix-e2e-$(basename "$0" .sh)-$LAB_PROFILE.log"
-    cp -- "$LAB_DIR/hostrix.log" "$kept" 2>/dev/null && printf 'daemon log kept in %s\n' "$kept"
+    cp -- "$DAEMON_LOG" "$kept" 2>/dev/null && printf 'daemon log kept in %s\n' "$kept"
 }
 
 lab_down_on_exit() {
@@ -132,39 +125,42 @@ fdb_port_of() {
     if [[ -n "$port" ]]; then gwif "$port"; fi
 }
 fdb_has() { [[ "$(fdb_port_of "$1")" == "$2" ]]; }
+no_carrier() { ! port_carrier "$1"; }
 station_listed() { grep -q "^$1 " "$LAB_DIR/stations/$2" 2>/dev/null; }
+not_listed() { ! station_listed "$1" "$2"; }
+dnsmasq_pid() { tr -dc '0-9' <"$LAB_DIR/dnsmasq.pid" 2>/dev/null; }
 
+alive() { [[ -e "/proc/$1" && "$(awk '{ print $3 }' "/proc/$1/stat" 2>/dev/null)" != Z ]]; }
+all_dead() {
+    local pid
+    for pid in "$@"; do if alive "$pid"; then return 1; fi; done
+}
 # Pids of processes whose command line names LAB_DIR (dnsmasq, udhcpc).
 lab_dir_pids() {
     local f pid
     for f in /proc/[0-9]*/cmdline; do
-        pid="${f#/proc/}"
-        pid="${pid%/cmdline}"
-        if { tr '\0' '\n' <"$f"; } 2>/dev/null | grep -qF "$LAB_DIR/"; then
-            if [[ "$(awk '{ print $3 }' "/proc/$pid/stat" 2>/dev/null)" != Z ]]; then printf '%s\n' "$pid"; fi
-        fi
+        pid="${f#/proc/}" && pid="${pid%/cmdline}"
+        if { tr '\0' '\n' <"$f"; } 2>/dev/null | grep -qF "$LAB_DIR/" && alive "$pid"; then printf '%s\n' "$pid"; fi
     done
 }
 
-all_dead() {
+# What the lab leaves behind: hx- namespaces, veths in the root namespace beyond
+# ROOT_VETHS_BEFORE (from the caller), live processes of PIDS or naming LAB_DIR,
+# LAB_DIR itself and its lock.
+leftovers() {
     local pid
-    for pid in "$@"; do
-        if [[ -e "/proc/$pid" && "$(awk '{ print $3 }' "/proc/$pid/stat" 2>/dev/null)" != Z ]]; then return 1; fi
-    done
+    lab_namespaces
+    if [[ "$(root_veths)" != "$ROOT_VETHS_BEFORE" ]]; then root_veths; fi
+    for pid in "$@" $(lab_dir_pids); do if alive "$pid"; then printf 'pid %s\n' "$pid"; fi; done
+    ls -d "$LAB_DIR" "$LAB_DIR.lock" 2>/dev/null || true
 }
-
-# Prints one check per kind of leftover; ROOT_VETHS_BEFORE and PIDS_BEFORE
-# (lab pids seen while it was up) come from the caller.
-check_nothing_left() {
-    local label="$1"
-    shift
-    check "$label: no hx- namespace left" test -z "$(lab_namespaces)"
-    check "$label: no veth added to the root namespace" test "$(root_veths)" == "$ROOT_VETHS_BEFORE"
-    check "$label: no process started by the lab alive" all_dead "$@"
-    check "$label: no process naming $LAB_DIR alive" test -z "$(lab_dir_pids)"
-    check "$label: no $LAB_DIR left" test ! -e "$LAB_DIR"
-    check "$label: no lock file left" test ! -e "$LAB_DIR.lock"
+nothing_left() {
+    local left
+    left="$(leftovers "$@")"
+    [[ -z "$left" ]] || { printf '    left: %s\n' "${left//$'\n'/, }" >&2; return 1; }
 }
+# check_nothing_left LABEL PID...: one check for every kind of leftover.
+check_nothing_left() { check "$1: no namespace, veth, process, $LAB_DIR or lock left" nothing_left "${@:2}"; }
 
 # --- the daemon, for tests that run it in the lab (lab/lab down also stops it) ---
 
@@ -172,18 +168,11 @@ check_nothing_left() {
 export HOSTRIX_BIN="${HOSTRIX_BIN:-$REPO_DIR/build/bin/hostrix}"
 DAEMON_PID=""
 
-require_daemon_bin() {
-    [[ -x "$HOSTRIX_BIN" ]] || skip "no daemon binary at $HOSTRIX_BIN (build it or set HOSTRIX_BIN)"
-}
-
-# Runs the daemon in the gateway namespace the way lab/demo.sh does.
-daemon_start() { daemon_start_env HOSTRIX_ROOT="$LAB_DIR/root"; }
-
-# The same with the environment given as NAME=VALUE words added to ours, e.g.
-# HOSTRIX_ROOT=... PATH= for a daemon that can start no program.
+# Runs the daemon in the gateway namespace the way lab/demo.sh does, with NAME=VALUE
+# words added to its environment, e.g. HOSTRIX_ROOT=... PATH= (no program can start).
 daemon_start_env() {
     setsid ip netns exec "$GW_NS" env "$@" "$HOSTRIX_BIN" \
-        </dev/null >>"$LAB_DIR/hostrix.log" 2>&1 &
+        </dev/null >>"$DAEMON_LOG" 2>&1 &
     DAEMON_PID=$!
     printf '%s\n' "$DAEMON_PID" >"$LAB_DIR/hostrix.daemon.pid"
 }
@@ -199,39 +188,66 @@ daemon_stop() {
     return "$rc"
 }
 
-# --- the client's view of the daemon in the lab ---
-
 ROOT="$LAB_DIR/root"
 HOSTRIXCTL_BIN="${HOSTRIXCTL_BIN:-$REPO_DIR/build/bin/hostrixctl}"
 
 ctl() { HOSTRIX_ROOT="$ROOT" "$HOSTRIXCTL_BIN" "$@"; }
 socket_up() { [[ -S "$ROOT/var/run/.hostrix_msg" ]]; }
 
-require_client_bin() {
+# The lab, and the daemon in it (NAME=VALUE words added to its environment) answering.
+start_daemon_in_lab() {
+    check "lab up (profile $LAB_PROFILE)" lab_run up --profile "$LAB_PROFILE"
+    daemon_start_env HOSTRIX_ROOT="$ROOT" "$@"
+    check "control socket is listening" wait_for 50 socket_up
+}
+
+# Skips unless the lab, the daemon and the client can run; then a clean start.
+daemon_test_setup() {
+    lab_test_setup
+    [[ -x "$HOSTRIX_BIN" ]] || skip "no daemon binary at $HOSTRIX_BIN (build it or set HOSTRIX_BIN)"
     [[ -x "$HOSTRIXCTL_BIN" ]] || skip "no client at $HOSTRIXCTL_BIN (build it or set HOSTRIXCTL_BIN)"
 }
 
-# The lab, and the daemon in it answering on its control socket.
-start_daemon_in_lab() {
-    check "lab up (profile $LAB_PROFILE)" lab_run up --profile "$LAB_PROFILE"
-    daemon_start
-    check "control socket is listening" wait_for 50 socket_up
-}
+TICKS_2=50  # two 3 s main-loop ticks and some slack, in 0.2 s tries
+ONE_TICK=25 # one tick and some slack
+LAB_HOSTS=(h1 h2 h3 h4 h5 h6)
+TRAFFIC="$REPO_DIR/lab/lan_traffic.py"
+
+logged() { grep -qF -- "$1" "$DAEMON_LOG" 2>/dev/null; }
+log_lines() { grep -cF -- "$1" "$DAEMON_LOG" 2>/dev/null || true; }
+in_ns() { ip netns exec "$@"; }
+traffic() { in_ns "hx-$1" python3 "$TRAFFIC" "${@:2}"; }
+# The gateway asks IP once: hosts it never talks to are found by ARP.
+gw_ping() { in_ns "$GW_NS" busybox ping -c 1 -W 2 "$1" >/dev/null 2>&1 || true; }
 
 # Every report a query returns is appended to its log, so none is lost between checks.
 poll() { ctl "$1" --json >>"$E2E_TMP/$1.json" 2>/dev/null || true; }
 reported() { poll "$1"; grep -qF "\"mac\":\"$2\"" "$E2E_TMP/$1.json"; }
+lab_hosts_reported() {
+    local name
+    for name in "${LAB_HOSTS[@]}"; do reported new "$(host_mac "$name")" || return 1; done
+}
+
+# The host file after SIGUSR2 (rates sampled, file rewritten), as JSON lines in list.json.
+refresh() { kill -USR2 "$DAEMON_PID"; sleep 0.3; ctl list --json >"$E2E_TMP/list.json" 2>/dev/null; }
+in_host_file() { refresh && grep -qF "\"mac\":\"$1\"" "$E2E_TMP/list.json"; }
+listed_field() { field_in "$E2E_TMP/list.json" "$1" "$2"; }
+# listed_with MAC FIELD=VALUE...: the refreshed host file's record of MAC holds them all.
+listed_with() { refresh && record_has "$E2E_TMP/list.json" "$@"; }
 
 # FIELD of the first record of MAC in the JSON lines of FILE.
-field_in() {
-    python3 - "$1" "$2" "$3" <<'PY'
+field_in() { record_check "$1" "$2" "$3"; }
+# record_has FILE MAC FIELD=VALUE...: MAC's first record there holds every pair.
+record_has() { [[ -z "$(record_check "$@")" ]]; }
+record_check() {
+    python3 - "$@" <<'PY'
 import json, sys
-path, mac, field = sys.argv[1:]
-for line in open(path):
-    if line.strip():
-        record = json.loads(line)
-        if record.get("mac") == mac:
-            print(record.get(field, ""))
-            break
+path, mac, *pairs = sys.argv[1:]
+record = next((r for r in map(json.loads, filter(str.strip, open(path))) if r.get("mac") == mac), {})
+if len(pairs) == 1 and "=" not in pairs[0]:
+    print(record.get(pairs[0], ""))
+for key, want in (p.split("=", 1) for p in pairs if "=" in p):
+    if str(record.get(key, "")) != want:
+        print(key)
 PY
 }

@@ -20,11 +20,7 @@ run_one() {
     esac
 }
 
-profiles_of() {
-    local line
-    line="$(sed -n 's/^# e2e-profiles://p' "$1" | head -n 1)"
-    printf '%s\n' "${line:-default}"
-}
+profiles_of() { local line; line="$(sed -n 's/^# e2e-profiles://p' "$1" | head -n 1)"; printf '%s\n' "${line:-default}"; }
 
 main() {
     local test profile
