@@ -127,9 +127,7 @@ cleanup_agent() {
 }
 
 main() {
-    lab_test_setup
-    require_daemon_bin
-    require_client_bin
+    daemon_test_setup
     [[ -x "$AGENT_BIN" ]] || skip "no agent binary at $AGENT_BIN (build it or set HOSTRIX_AGENT_BIN)"
     trap 'cleanup_agent; lab_down_on_exit' EXIT
 
@@ -175,7 +173,7 @@ main() {
 
     daemon_stop
     check "the agent says once that hostrix is away" wait_for 25 agent_logged "hostrix is not reachable"
-    daemon_start
+    daemon_start_env HOSTRIX_ROOT="$ROOT"
     check "the agent reconciles with the restarted daemon" wait_for 50 agent_logged "hostrix started again"
     check "the restarted daemon has written its host file" wait_for 50 test -s "$ROOT/var/hostrix"
     sleep 3  # two polls after the fresh file: a wrong departure would have been sent
