@@ -26,7 +26,7 @@ class HostFileTest : public RootedTest {
     std::vector<lanHostInfo_t> records() const {
         std::string bytes = readText(hostrixPath(HostrixFile::HostInfo));
         std::vector<lanHostInfo_t> list(bytes.size() / kLanHostInfoSize);
-        std::memcpy(list.data(), bytes.data(), list.size() * kLanHostInfoSize);
+        if (!list.empty()) std::memcpy(list.data(), bytes.data(), list.size() * kLanHostInfoSize);
         return list;
     }
     std::vector<int> slots() const {
