@@ -59,7 +59,7 @@ TEST_F(HostapdEventTest, OnlyAnExactDepartureOfAValidHostActs) {
         {"w AP-STA-DISCONNECTED2 0a:1b:2c:3d:4e:5f", false},
         {"w AP-STA-DISCONNECTED", false},
         {"w AP-STA-DISCONNECTED 0a:1b:2c:3d:4e", false},
-        {"w AP-STA-DISCONNECTED 0a1:1b:2c:3d:4e:5f", false},
+        {"w AP-STA-DISCONNECTED 00a:1b:2c:3d:4e:5f", false},
         {"w AP-STA-DISCONNECTED 0a :1b:2c:3d:4e:5f", false}};
     for (const auto &[text, departs] : cases) {
         SetUp();

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <linux/if_packet.h>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -18,7 +19,9 @@
 
 #include "core/unique_fd.h"
 #include "fixture.h"
+#include "netlink_bytes.h"
 #include "netns_child.h"
+#include "sniffer/link_events.h"
 #include "sniffer/monitor_intf.h"
 
 namespace {
@@ -109,7 +112,7 @@ bool shellSays(const std::string &command) {
 // kernel's upper and lower links copied into the fake sysfs that the sniffer reads.
 bool makeBridge() {
     if (!shellSays("ip link add br0 type bridge && ip link set br0 up && "
-                   "for p in nas0_0 eth0.2; do ip link add $p type veth peer name x$p && "
+                   "for p in nas0_0 eth0.2 nas1_0; do ip link add $p type veth peer name x$p && "
                    "ip link set $p master br0 && ip link set $p up && ip link set x$p up "
                    "|| exit 1; done"))
         return false;
@@ -140,8 +143,9 @@ bool eventually(F &&condition) {
     return condition();
 }
 
-// FRAME into the link IFNAME; the frames queued on SOCK (after a bounded wait).
-bool sendOn(const char *ifname, const Frame &f) {
+// FRAME, tagged with TAG in its last byte, into the link IFNAME.
+bool sendOn(const char *ifname, Frame f, uint8_t tag) {
+    f.back() = tag;
     UniqueFd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
     sockaddr_ll to{};
     to.sll_family = AF_PACKET;
@@ -151,13 +155,15 @@ bool sendOn(const char *ifname, const Frame &f) {
                   sizeof to) == ssize_t(f.size());
 }
 
-int queued(int sock) {
+// The tags of the frames queued on SOCK, after a bounded wait for the first.
+std::string queuedTags(int sock) {
+    std::string tags;
     pollfd ready{sock, POLLIN, 0};
-    if (poll(&ready, 1, 2000) != 1) return 0;
     uint8_t buffer[128];
-    int count = 0;
-    while (recv(sock, buffer, sizeof buffer, MSG_DONTWAIT) > 0) ++count;
-    return count;
+    for (ssize_t n; poll(&ready, 1, tags.empty() ? 2000 : 0) == 1 &&
+                    (n = recv(sock, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;)
+        tags += char('0' + buffer[n - 1]);
+    return tags;
 }
 
 class SnifferMonitorTest : public HostrixTest {};
@@ -172,11 +178,24 @@ TEST_F(SnifferMonitorTest, ListKeepsOneRecordPerNameAndDropsPortsWithTheirBridge
         sd_intf *bridge = add_monitor_intf("br0", nullptr);
         NETNS_CHECK(bridge && add_lower_monitor_intf("br0", "nas0") == 1);
         const sd_intf *port = find_monitor_intf("nas0_0");
+        // A port joins: only "nas0" names and repeaters are followed.
+        ifinfomsg info{};
+        info.ifi_family = AF_BRIDGE;
+        const std::string name("nas1_0", 7);  // with its terminator
+        process_nl_messages(nlbytes::message(
+            RTM_NEWLINK, 0,
+            nlbytes::join({nlbytes::raw(info),
+                           nlbytes::attr(IFLA_MASTER, nlbytes::raw(if_nametoindex("br0"))),
+                           nlbytes::attr(IFLA_IFNAME, nlbytes::Bytes(name.begin(), name.end()))})));
+        NETNS_CHECK(!find_monitor_intf("nas1_0"));
         const std::string listed = captured(dump_monitor_intf);
         NETNS_CHECK(listed == "### Monitor Interface:\n" + dumpLine("br0", "NULL") +
                                   dumpLine("nas0_0", "br0") + "\n");
-        NETNS_CHECK(sendOn("y1", arp(0x0800, 2)) && sendOn("xnas0_0", arp(0x0800, 1)));
-        NETNS_CHECK(sendOn("xnas0_0", arp(0x0800, 2)) && queued(port->sock) == 1);
+        NETNS_CHECK(sendOn("y1", arp(0x0800, 2), 1) && sendOn("xnas0_0", arp(0x0800, 1), 2));
+        NETNS_CHECK(sendOn("xnas0_0", arp(0x0800, 2), 3));
+        const std::string tags = queuedTags(port->sock);  // its own, filtered frames only
+        NETNS_CHECK(tags.find('3') != std::string::npos &&
+                    tags.find_first_of("12") == std::string::npos);
         const struct {
             const char *ifname, *master, *message;
             unsigned level;
@@ -240,6 +259,7 @@ TEST_F(SnifferMonitorTest, ThreadTakesItsListAndStopsForGood) {
         const std::string out = ::testing::internal::GetCapturedStdout();
         NETNS_CHECK(nullListStartsNothing && started == 0 && again == -1 && setUp && named);
         NETNS_CHECK(stopped && find_monitor_intf("nas0_0")->master == find_monitor_intf("br0"));
+        NETNS_CHECK(!find_monitor_intf("eth0.2")->master);  // its own element, not a port
         const std::string duplicate = "Interface(br0) already monitor\n";
         NETNS_CHECK(out.find(duplicate) != std::string::npos &&
                     out.find(duplicate) == out.rfind(duplicate));
