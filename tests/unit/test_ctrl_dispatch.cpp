@@ -1,5 +1,4 @@
 // The dispatcher: which handlers run, in what order, and what the reply keeps.
-#include <cstring>
 
 #include "ctrl_request.h"
 #include "hosts/liveness.h"

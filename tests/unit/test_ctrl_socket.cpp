@@ -5,8 +5,6 @@
 #include <sys/un.h>
 
 #include <csignal>
-#include <string>
-#include <vector>
 
 #include "control/ctrl_socket.h"
 #include "core/clock.h"

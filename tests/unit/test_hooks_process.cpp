@@ -7,12 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <string>
-#include <tuple>
-#include <vector>
 
 #include "control/ctrl_msg.h"
 #include "core/unique_fd.h"

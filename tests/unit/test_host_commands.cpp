@@ -1,9 +1,6 @@
 // Limits, per-host attributes and the two event commands, through the dispatcher.
 #include <arpa/inet.h>
 
-#include <cstring>
-#include <string>
-
 #include "ctrl_request.h"
 
 namespace {

@@ -8,15 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <functional>
-#include <string>
 #include <thread>
-#include <tuple>
-#include <vector>
 
 #include "control/ctrl_msg.h"
 #include "core/unique_fd.h"
@@ -115,14 +108,11 @@ TEST_F(CtlTest, HelpUsageErrorsAndUnreachableDaemonWithoutADaemon) {
     // Arguments, exit code, and text found in stdout (help) or in the one line on stderr.
     const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
         {{"--help"}, 0, "\n  port-down PORT\n"},
-        {{"watch", "--help"}, 0, "consumes"},
         {{"help", "nothing"}, 2, "no command 'nothing'"},
         {{"get", "brand", "zz:11:22:33:44:55"}, 2, "bad MAC 'zz:11:22:33:44:55'"},
-        {{"frobnicate"}, 2, "unknown command 'frobnicate'"},
         {{"get", "brand"},
          2,
          "missing argument; usage: hostrixctl get brand MAC; see 'hostrixctl help get'"},
-        {{"get", "max-hosts", "extra"}, 2, "too many arguments"},
         {{"set", "controlled", kMac, "2"}, 2, "bad controlled '2'"},
         {{"list", "--count", "3"}, 2, "list does not take --count"},
         {{}, 2, "no command given"},
@@ -222,20 +212,6 @@ TEST_F(CtlTest, RequestsAndRepliesAgainstAScriptedSocket) {
     }
     EXPECT_EQ(sent[0].data[5], 0xab);
     EXPECT_EQ(std::tie(sent[1].arg1, sent[1].arg2, sent[2].arg1), std::make_tuple(0u, 7u, 3u));
-
-    // Replies cut short, missing, or with the status echoed as for a skipped request.
-    const std::tuple<std::vector<std::string>, size_t, int, const char *> broken[] = {
-        {{"get", "hosts"}, 100, 3, "broke off its reply after 100 of 4136"},
-        {{"get", "hosts"}, 0, 3, "closed the connection without a reply"},
-        {{"new"}, sizeof(ctrlMsg_t), 1, "reported failure for inform query 0x1"},
-    };
-    for (const auto &[args, bytes, exit, says] : broken) {
-        std::tie(code, out, err) = ctl(args, [&](pid_t) {
-            daemon.serve([](ctrlMsg_t &reply) { reply.status = reply.replyTag; }, bytes);
-        });
-        EXPECT_EQ(code, exit) << err;
-        EXPECT_NE(err.find(says), std::string::npos) << err;
-    }
 
     // watch has its handlers in place before the first poll; SIGTERM ends it between polls.
     std::tie(code, out, err) = ctl({"watch", "--interval", "0.5"}, [&](pid_t watch) {

@@ -1,7 +1,5 @@
 #include <arpa/inet.h>
 
-#include <cstring>
-
 #include "ctrl_request.h"
 #include "hosts/liveness.h"
 

@@ -1,10 +1,5 @@
 #include <arpa/inet.h>
 
-#include <algorithm>
-#include <memory>
-#include <string>
-#include <vector>
-
 #include "fixture.h"
 #include "sniffer/neighbor_cache.h"
 #include "sniffer/packet_parser.h"

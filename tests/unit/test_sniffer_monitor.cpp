@@ -9,13 +9,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <initializer_list>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "core/unique_fd.h"
 #include "fixture.h"

@@ -1,10 +1,7 @@
 // The per-cycle sources: ignore list, ARP table, IPv6 neighbours and the lease snapshot.
 #include <arpa/inet.h>
 
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <string>
 
 #include "discovery/sources.h"
 #include "root_fixture.h"
@@ -87,18 +84,6 @@ TEST_F(SourcesTest, IndexedLookupsAnswerAsTheScans) {
         }
         free_arp_entries(&head);
     }
-}
-
-// Each parser is given a view that a longer text continues: it must stop at its end.
-TEST(LineParsers, StopAtTheViewsEnd) {
-    std::string_view arp = "192.168.100.200 0x1 0x12 02:00:00:00:00:01 * br0123456789012";
-    ArpLine out{};
-    EXPECT_FALSE(parseArpLine(arp.substr(0, arp.size() - 16), out));  // no device
-    ASSERT_TRUE(parseArpLine(arp, out));
-    EXPECT_STREQ(out.device, "br0123456789012");
-    Ipv6NeighLine parsed{};
-    EXPECT_FALSE(parseIpv6NeighLine(
-        std::string_view("fe80::1 dev br0 lladdr 02:00:00:00:00:01", 22), parsed));
 }
 
 // Per MAC the first address wins unless it is link-local (fe80::/10).

@@ -1,7 +1,4 @@
 // The station snapshot of the ten wireless interfaces, and the link fields of a host.
-#include <cstring>
-#include <string>
-#include <vector>
 
 #include "discovery/sources.h"
 #include "discovery/wlan_sta.h"
