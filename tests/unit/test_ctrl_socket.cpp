@@ -113,6 +113,7 @@ TEST_F(CtrlSocketTest, SilentClientsWaitAsideWithoutHoldingOthers) {
 
     std::vector<UniqueFd> silent;
     for (size_t i = 0; i <= kMaxWaitingConns; ++i) {
+        fake::advanceSeconds(1);  // each waits from its own time
         silent.push_back(connectClient());
         msg_process_sockfd(msgSockFd());
     }

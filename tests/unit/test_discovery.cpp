@@ -318,6 +318,10 @@ TEST_F(DiscoveryTest, BridgeBoundHostTakesItsAddressFromTheSnifferOnly) {
     EXPECT_EQ(entry->lanHost.ipSource, LANHOST_IP_SOURCE_SNIFFER);
     EXPECT_EQ(entry->lanHost.dhcpClientState, DHCP_CLIENT_NONE);
     EXPECT_STREQ(entry->lanHost.devName, "cam");
+    entry->informChange = 0;
+    sniffed(kHost, "10.0.0.40", "cam2");  // a sniffed name is reported even before arrival
+    cycle();
+    EXPECT_EQ(entry->informChange, 1);
 }
 
 TEST_F(DiscoveryTest, ArrivalIsRestampedOnceAfterTimeSync) {

@@ -91,6 +91,7 @@ TEST_F(HookTest, ALeaseDeletionSendsOneReleaseAStationEventOneLine) {
         {kHostapdAction, {"phy0-ap0", "AP-STA-DISCONNECTED"}, {}},
         {kHostapdAction, {"phy0-ap0", "AP-STA-DISCONNECTED", "0a:77"}, {}},
         {kHostapdAction, {"phy0-ap0", "AP-STA-DISCONNECTED\nX", kMac}, {}},  // two lines
+        {kHostapdAction, {"phy0-ap0", "AP-STA DISCONNECTED", kMac}, {}},     // four words
     };
     Listener daemon(control, 8), authenticator(events, 8);
     for (const auto &[binary, args, arrived] : cases) {

@@ -184,6 +184,7 @@ TEST_F(CtlTest, RequestsAndRepliesAgainstAScriptedSocket) {
     // an ESC sequence, a backslash and a byte from 0x80 up.
     const std::tuple<std::vector<std::string>, uint32_t, std::string> cases[] = {
         {{"set", "brand", "00:11:22:33:44:AB", std::string(70, 'b')}, CMD_SET_BRAND, ""},
+        {{"set", "brand", kMac, std::string(63, 'b')}, CMD_SET_BRAND, ""},  // kept whole
         {{"set", "access", kMac, "0", "0x7"}, CMD_SET_ACCESS, ""},
         {{"port-down", "3"}, CMD_SET_LINK_CHANGE_PORT, ""},
         {{"get", "access", kMac, "--json"},
@@ -207,10 +208,10 @@ TEST_F(CtlTest, RequestsAndRepliesAgainstAScriptedSocket) {
         });
         EXPECT_EQ(std::tie(code, out), std::make_tuple(0, shown)) << err;
         EXPECT_EQ(sent.back().cmd, cmd);
-        EXPECT_EQ(err, cmd == CMD_SET_BRAND ? warning : "");
+        EXPECT_EQ(err, args.back().size() == 70 ? warning : "");
     }
     EXPECT_EQ(sent[0].data[5], 0xab);
-    EXPECT_EQ(std::tie(sent[1].arg1, sent[1].arg2, sent[2].arg1), std::make_tuple(0u, 7u, 3u));
+    EXPECT_EQ(std::tie(sent[2].arg1, sent[2].arg2, sent[3].arg1), std::make_tuple(0u, 7u, 3u));
 
     // watch has its handlers in place before the first poll; SIGTERM ends it between polls.
     std::tie(code, out, err) = ctl({"watch", "--interval", "0.5"}, [&](pid_t watch) {

@@ -156,6 +156,7 @@ TEST_F(NeighborTest, BadOrUnwantedFramesChangeNothing) {
         {"VlanTagged",
          ethernet(kHost, 0x8100) + Frame{0, 1} + Frame(reply.begin() + 12, reply.end())},
         {"IpHeaderPastFrame", ipv4(17, Frame(4, 0), Frame(8, 0), 0x4f)},
+        {"IpHeaderJustPastFrame", ipv4(17, Frame(4, 0), Frame(8, 0), 0x48)},
         {"Discover", dhcpFrame(1, {50, 4, 10, 0, 0, 9})},
         {"Request", dhcpFrame(3, Frame{50, 4, 10, 0, 0, 9} + hostName("phone"))},
         {"OptionsAfterEnd", toServer(dhcp({53, 1, 1, 255, 0, 53, 1, 5}))},
