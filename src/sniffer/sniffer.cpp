@@ -110,22 +110,9 @@ void ageCache() {
     aging_neighbor_host(0);
 }
 
-// Until a wait fails for good. TIMEOUT carries what select left of the ageing budget
-// across waits, so ageing runs every 5 s of waiting even under steady traffic.
+// Until a wait fails for good.
 WAIT_FRAME void waitForFrames(int netlinkFd, timeval &timeout) {
-    fd_set ready;
-    while (runFlag.load()) {
-        const int count = waitReadable(netlinkFd, ready, timeout);
-        if (count < 0) {
-            if (errno == EAGAIN || errno == EINTR) continue;
-            return;
-        }
-        if (count == 0) {
-            ageCache();
-            timeout = {kAgeingIntervalSec, 0};
-            continue;
-        }
-        handleReady(netlinkFd, ready);
+    while (runFlag.load() && sniffer_wait_once(netlinkFd, timeout) == 0) {
     }
 }
 
@@ -160,6 +147,21 @@ void reapSnifferThread() {
 }
 
 }  // namespace
+
+// TIMEOUT carries what select left of the ageing budget across waits, so ageing runs
+// every 5 s of waiting even under steady traffic.
+WAIT_FRAME int sniffer_wait_once(int netlinkFd, timeval &timeout) {
+    fd_set ready;
+    const int count = waitReadable(netlinkFd, ready, timeout);
+    if (count < 0) return errno == EAGAIN || errno == EINTR ? 0 : -1;
+    if (count == 0) {
+        ageCache();
+        timeout = {kAgeingIntervalSec, 0};
+        return 0;
+    }
+    handleReady(netlinkFd, ready);
+    return 0;
+}
 
 void *sniffer_monitor(void *interfaces) {
     ListCopy list(static_cast<char *>(interfaces));

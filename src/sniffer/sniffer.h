@@ -1,6 +1,8 @@
 // The packet sniffer thread and its monitored interfaces.
 #pragma once
 
+#include <sys/time.h>
+
 #include "core/log.h"
 
 int setSnifferMonitorLogLevel(unsigned int level);
@@ -14,6 +16,10 @@ unsigned int snifferLogLevel();
 // free()); and its cancellation handler.
 void *sniffer_monitor(void *interfaces);
 void CancelSnifferMobitor(void *unused);
+// One wait of the thread's loop on its sockets and NETLINKFD, and what it brought: the
+// frames and link events, or, when the wait ran TIMEOUT down, the ageing pass and a new
+// 5 s. 0, or -1 once a wait has failed for good.
+int sniffer_wait_once(int netlinkFd, timeval &timeout);
 
 // For tests: whether a sniffer thread is alive; and a stop that also forgets every
 // monitored interface, so that the next start begins from an empty list.

@@ -1,23 +1,22 @@
-// A real control socket in a temporary root: the client on the test's side,
-// msg_process_sockfd serving one connection.
+// The control socket and its dispatcher: a real socket in a temporary root, the client
+// on the test's side, msg_process_sockfd serving one connection.
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 
-#include <vector>
 #include <csignal>
-#include <string>
 
 #include "control/ctrl_socket.h"
 #include "core/clock.h"
 #include "core/unique_fd.h"
 #include "ctrl_request.h"
+#include "hosts/liveness.h"
 #include "root_fixture.h"
 
 namespace {
 
 class CtrlSocketTest : public RootedTest {
-protected:
+   protected:
     void SetUp() override {
         RootedTest::SetUp();
         setMaxLanHostNum(kHostPoolSize);
@@ -73,8 +72,11 @@ TEST_F(CtrlSocketTest, SocketModeIgnoresTheUmask) {
     umask(previous);
 }
 
-TEST_F(CtrlSocketTest, ShortRequestIsServedWithTheMissingBytesZero) {
-    addHost(checkedMac(1));
+// The missing bytes of a short request are zero: with needReply among them, no reply;
+// a query without a reply still consumes what it reports.
+TEST_F(CtrlSocketTest, ShortRequestsAndNoReplyRequestsAreServedAsSent) {
+    hostEntry *host = addHost(checkedMac(1));
+    host->lanHost.firstConnect = 1;
     ctrlMsg_t msg = ctrlRequest(CMD_GET_HOST_NUM);
     msg.status = 7;
     std::memset(msg.data, 'x', sizeof msg.data);  // never sent
@@ -82,19 +84,13 @@ TEST_F(CtrlSocketTest, ShortRequestIsServedWithTheMissingBytesZero) {
     ASSERT_EQ(reply.size(), kCtrlMsgSize);
     ctrlMsg_t got;
     std::memcpy(&got, reply.data(), sizeof got);
-    EXPECT_EQ(got.replyTag, 7u);
-    EXPECT_EQ(got.arg1, 1u);
+    EXPECT_EQ(std::tuple(got.replyTag, got.arg1), std::tuple(7u, 1u));
     EXPECT_TRUE(allZero(got.data, sizeof got.data));
-}
-
-TEST_F(CtrlSocketTest, NoReplyWhenNeedReplyIsZeroOrMissing) {
-    hostEntry *host = addHost(checkedMac(1));
-    host->lanHost.firstConnect = 1;
     EXPECT_EQ(exchange(ctrlRequest(CMD_GET_MAX_HOSTS), offsetof(ctrlMsg_t, needReply)), "");
     ctrlMsg_t query = ctrlRequest(CMD_GET_NEW_DEVICE);
     query.needReply = 0;
     EXPECT_EQ(exchange(query), "");
-    EXPECT_EQ(host->lanHost.firstConnect, 0);  // consumed all the same
+    EXPECT_EQ(host->lanHost.firstConnect, 0);
 }
 
 // A client that says nothing waits aside: others are served meanwhile, it is served
@@ -117,6 +113,7 @@ TEST_F(CtrlSocketTest, SilentClientsWaitAsideWithoutHoldingOthers) {
 
     std::vector<UniqueFd> silent;
     for (size_t i = 0; i <= kMaxWaitingConns; ++i) {
+        fake::advanceSeconds(1);  // each waits from its own time
         silent.push_back(connectClient());
         msg_process_sockfd(msgSockFd());
     }
@@ -144,6 +141,76 @@ TEST_F(CtrlSocketTest, ClientGoneBeforeItsReplyCostsOnlyAFailedSend) {
     std::signal(SIGPIPE, previous);
     EXPECT_NE(out.find("]: Send fail for cmd=0x8, size=-1(4136)\n"), std::string::npos) << out;
     EXPECT_EQ(exchange(ctrlRequest(CMD_GET_MAX_HOSTS)).size(), kCtrlMsgSize);
+}
+
+// Only replyTag (the request's status) and the handler's results change; without a
+// handler only the tag does.
+TEST_F(CtrlSocketTest, ReplyChangesOnlyTheTagAndTheResults) {
+    addHost(checkedMac(0x55))->lanHost.devType = 3;
+    for (uint32_t cmd :
+         {uint32_t{CMD_GET_DEVICE_TYPE}, 0u, 0x400000u, 0x1000000u, 0x4000000u, 0xd7400000u}) {
+        ctrlMsg_t request = ctrlRequest(cmd, checkedMac(0x55), 0, 0xa5a5a5a5);
+        request.status = 7;
+        request.replyTag = 0xdeadbeef;
+        request.reserved = 0x1122334455667788;
+        std::memset(request.pad, 0xee, sizeof request.pad);
+        for (size_t i = kCtrlMacLen; i < kCtrlDataSize; ++i) request.data[i] = 'a' + i % 26;
+        ctrlMsg_t reply = request;
+        dispatchCtrlMsg(reply);
+        request.replyTag = 7;
+        if (cmd == CMD_GET_DEVICE_TYPE) request.status = kCtrlStatusOk, request.arg1 = 3;
+        EXPECT_EQ(std::memcmp(&reply, &request, sizeof reply), 0) << cmd;
+    }
+}
+
+// get-OS wipes the MAC, so the name setter after it finds no host; the change query
+// then reports the flagged host. In bit order the name setter would run last.
+TEST_F(CtrlSocketTest, HandlersRunInTableOrderOnOneBuffer) {
+    hostEntry *host = addHost(checkedMac(1));
+    ASSERT_NE(host, nullptr);
+    std::strcpy(host->lanHost.devName, "tv");
+    host->informChange = 1;
+    ctrlMsg_t msg =
+        ctrlRequest(CMD_GET_OS | CMD_SET_DEV_NAME | CMD_GET_INFORM_CHANGE, checkedMac(1));
+    dispatchCtrlMsg(msg);
+    EXPECT_EQ(msg.status, kCtrlStatusOk);
+    EXPECT_EQ(recordMac(msg, 0), checkedMac(1));
+    EXPECT_STREQ(host->lanHost.devName, "tv");
+    EXPECT_EQ(host->informChange, 0);
+}
+
+// The text after the MAC is checked, never the MAC: any MAC can be reached.
+TEST_F(CtrlSocketTest, HandlerRunsOnlyWhenTheTextAfterTheMacIsPrintable) {
+    const std::tuple<fake::Mac, std::string, bool> cases[] = {
+        {fake::mac(0xa4, 0x83, 0xe7, 0x12, 0x34, 0x56), "", true},
+        {fake::mac(0x1c, 0x7f, 2, 3, 4, 5), "name", true},
+        {fake::mac(0x0a, 1, 2, 3, 4, 5), "ab\x1b[2J", false},
+        {fake::mac(0x0a, 1, 2, 3, 4, 6), "ab\xa4", false},  // compared as signed
+        {fake::mac(0x0a, 1, 2, 3, 4, 7), "ab\r\x01", true}};
+    for (const auto &[mac, text, runs] : cases) {
+        hostEntry *host = addHost(mac);
+        ctrlMsg_t msg = ctrlRequest(CMD_SET_DEVICE_TYPE, mac, 9, 0, text);
+        msg.status = 5;
+        dispatchCtrlMsg(msg);
+        EXPECT_EQ(std::tuple(msg.status, host->lanHost.devType),
+                  std::tuple(runs ? kCtrlStatusOk : 5u, runs ? 9 : 0))
+            << text;
+    }
+}
+
+// What the client left in data goes; departures follow the arrivals at the offset the
+// first handler reached.
+TEST_F(CtrlSocketTest, InformQueriesWipeDataAndAppendInTurn) {
+    ctrlMsg_t empty = ctrlRequest(CMD_GET_NEW_DEVICE, checkedMac(1), 0, 0, "leftover text");
+    dispatchCtrlMsg(empty);
+    EXPECT_TRUE(allZero(empty.data, sizeof empty.data));
+    addHost(fake::mac(0x02, 0, 0, 0, 0, 1))->lanHost.firstConnect = 1;
+    _disConnLanHost(addHost(checkedMac(2)), "test", __LINE__);
+    ctrlMsg_t msg = ctrlRequest(CMD_GET_NEW_DEVICE | CMD_GET_LEAVE_DEVICE);
+    dispatchCtrlMsg(msg);
+    EXPECT_EQ(recordMac(msg, 0), fake::mac(0x02, 0, 0, 0, 0, 1));
+    EXPECT_EQ(recordMac(msg, 1), checkedMac(2));
+    EXPECT_TRUE(allZero(msg.data + 2 * kLanHostInfoSize, kCtrlDataSize - 2 * kLanHostInfoSize));
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
 // The discovery cycle with its address resolution, on sources programmed in the fake.
 #include <arpa/inet.h>
 
-#include <string>
-
 #include "discovery/discovery.h"
 #include "discovery/ip_resolution.h"
 #include "hosts/liveness.h"
@@ -10,8 +8,10 @@
 
 namespace {
 
-const fake::Mac kHost = fake::mac(0x0a, 0x77, 0, 0, 0, 1);
-const fake::Mac kOther = fake::mac(0x0a, 0x77, 0, 0, 0, 2);
+fake::Mac hostMac(uint8_t k) {
+    return fake::mac(0x0a, 0x77, 0, 0, 0, k);
+}
+const fake::Mac kHost = hostMac(1);
 
 uint32_t ipv4(const char *text) {
     uint32_t ip = 0;
@@ -21,9 +21,13 @@ uint32_t ipv4(const char *text) {
 
 std::string macText(const fake::Mac &mac) {
     char text[18];
-    std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2],
-                  mac[3], mac[4], mac[5]);
+    std::snprintf(text, sizeof text, "0a:77:00:00:00:%02x", mac[5]);  // the hosts' MACs
     return text;
+}
+
+void neigh(const fake::Mac &mac, const std::string &ip) {
+    fake::state().commandOutput["ip -6 neigh"] =
+        ip + " dev br0 lladdr " + macText(mac) + " STALE\n";
 }
 
 class DiscoveryTest : public RootedTest {
@@ -31,17 +35,23 @@ class DiscoveryTest : public RootedTest {
     void SetUp() override {
         RootedTest::SetUp();
         setMaxLanHostNum(kHostPoolSize);
-        fake::state().kernelFiles["/proc/net/arp"] =
-            "IP address       HW type     Flags       HW address            Mask     Device\n";
+        noArp();
     }
-    void seen(const fake::Mac &mac, const char *ifname = "eth0.2", uint32_t ageing = 100) {
+    static void noArp() {
+        fake::state().kernelFiles["/proc/net/arp"] =
+            "IP address HW type Flags HW address Mask Device\n";
+    }
+    static void seen(const fake::Mac &mac, const char *ifname = "eth0.2", uint32_t ageing = 100) {
         fake::state().fdb.push_back({mac, ifname, ageing, 1, 0});
     }
-    void arp(const char *ip, const fake::Mac &mac, const char *flags = "0x2") {
-        fake::state().kernelFiles["/proc/net/arp"] +=
-            std::string(ip) + " 0x1 " + flags + " " + macText(mac) + " * br0\n";
+    // A leading '~' marks an incomplete entry.
+    static void arp(const char *ip, const fake::Mac &mac = kHost) {
+        bool complete = ip[0] != '~';
+        fake::state().kernelFiles["/proc/net/arp"] += std::string(ip + !complete) + " 0x1 " +
+                                                      (complete ? "0x2 " : "0x0 ") + macText(mac) +
+                                                      " * br0\n";
     }
-    void lease(const fake::Mac &mac, const char *ip, uint32_t secs, const char *name = "") {
+    static void lease(const fake::Mac &mac, const char *ip, uint32_t secs, const char *name = "") {
         dhcp_lease record{};
         std::copy(mac.begin(), mac.end(), record.mac);
         record.ip = ipv4(ip);
@@ -49,8 +59,12 @@ class DiscoveryTest : public RootedTest {
         std::snprintf(record.hostname, sizeof record.hostname, "%s", name);
         fake::state().leases.push_back(record);
     }
-    // One cycle a few seconds later, so that the lease snapshot is read again.
-    hostEntry *cycle(const fake::Mac &mac = kHost) {
+    static void sniffed(const fake::Mac &mac, const char *ip, const char *name = nullptr) {
+        uint32_t address = ipv4(ip);
+        update_neighbor_host(mac.data(), &address, name);
+    }
+    // One cycle 5 s on, so that the lease snapshot is read again.
+    static hostEntry *cycle(const fake::Mac &mac = kHost) {
         fake::advanceSeconds(5);
         __zvt_hostrix_update_from_arp();
         return getHostrixByMac(mac.data());
@@ -65,74 +79,97 @@ TEST_F(DiscoveryTest, NewDhcpHostArrivesWithItsLeaseOnceRecentlySeen) {
     seen(kHost, "eth0.3", 9100);
     lease(kHost, "10.77.0.101", 3600, "hx-h1");
     fake::state().phyIds["eth0.3"] = 2;
-    EXPECT_EQ(cycle(), nullptr);  // 91 s is past the 90 s limit: nobody is created
+    EXPECT_EQ(cycle(), nullptr);  // 91 s is past the 90 s limit
     fake::state().fdb[0].ageing = 9000;
     hostEntry *entry = cycle();
     ASSERT_NE(entry, nullptr);
     const lanHostInfo_t &host = entry->lanHost;
     EXPECT_EQ(ipOf(entry), "10.77.0.101");
+    EXPECT_EQ(host.ipSource, LANHOST_IP_SOURCE_DHCP);
     EXPECT_STREQ(host.devName, "hx-h1");
-    EXPECT_EQ(host.port, 2);
-    EXPECT_EQ(host.connectionType, CONNECTION_WIRED);
-    EXPECT_EQ(host.phy_port, 2);
+    EXPECT_EQ(std::tuple(host.port, host.connectionType, host.phy_port, entry->phyPortId),
+              std::tuple(2, CONNECTION_WIRED, 2, 2));
     EXPECT_STREQ(host.ifName, "eth0.3");
-    EXPECT_STREQ(host.brand, "OTHER");
-    EXPECT_EQ(host.firstConnect, 1);
-    EXPECT_EQ(host.firstGotIP, 1);
+    EXPECT_STREQ(host.model, "OTHER");
+    EXPECT_EQ(std::tuple(host.internetAccess, host.otherAccess), std::tuple(2, 1));
+    EXPECT_EQ(std::tuple(host.firstConnect, host.firstGotIP, entry->informChange, entry->idleSecs),
+              std::tuple(1, 1, 1, 90u));
     EXPECT_EQ(entry->startOnLine, fake::state().monotonic.tv_sec);
     EXPECT_NE(host.latestActiveTime[0], '\0');
     EXPECT_EQ(fake::state().hpcUpdates.size(), 2u);  // both counter sets
-    EXPECT_EQ(fake::state().hpcCommits, 2);  // every cycle ends by sending its registrations
+    EXPECT_EQ(fake::state().hpcCommits, 2);          // every cycle sends its registrations
     uint32_t confirmed = entry->updateTime;
-    fake::state().fdb[0].ageing = 9100;  // too old again: only the idle time is kept
+    fake::state().fdb[0].ageing = 9100;  // too old again: only the idle time follows
     cycle();
     EXPECT_EQ(entry->idleSecs, 91u);
     EXPECT_EQ(entry->updateTime, confirmed);
 }
 
-struct SkipCase {
-    const char *name;
-    const char *ifname;
-    uint8_t isLocal;
-    bool leased;
-};
-class SkippedPortTest : public DiscoveryTest, public ::testing::WithParamInterface<SkipCase> {};
-
-TEST_P(SkippedPortTest, NeverCreatesAHost) {
+TEST_F(DiscoveryTest, SkippedEntriesNeverCreateAHost) {
     std::ofstream(hostrixPath(HostrixFile::IgnoreIfnames)) << "eth0.3\n";
-    fake::state().fdb.push_back({kHost, GetParam().ifname, 100, 1, GetParam().isLocal});
-    if (GetParam().leased) lease(kHost, "10.77.0.101", 3600);
+    const std::pair<const char *, uint8_t> entries[] = {
+        {"wlan1-vxd", 0}, {"eth0.3", 0}, {"eth0.3.4", 0}, {"nas0_0", 0}, {"eth0.2", 1}};
+    for (auto [ifname, isLocal] : entries) {
+        SCOPED_TRACE(ifname);
+        fake::state().fdb = {{kHost, ifname, 100, 1, isLocal}};
+        lease(kHost, "10.77.0.101", 3600);
+        EXPECT_EQ(cycle(), nullptr);
+        EXPECT_EQ(lanHostNum, 0u);
+    }
+    fake::state().fdb = {{kHost, "eth0.2", 100, 1, 0}};
+    fake::state().leases.clear();  // no address at all: the entry goes back
     EXPECT_EQ(cycle(), nullptr);
     EXPECT_EQ(lanHostNum, 0u);
 }
-INSTANTIATE_TEST_SUITE_P(Ports, SkippedPortTest,
-                         ::testing::Values(SkipCase{"repeater", "wlan0-vxd", 0, true},
-                                           SkipCase{"ignored_by_file", "eth0.3", 0, true},
-                                           SkipCase{"bridge_itself", "eth0.2", 1, true},
-                                           SkipCase{"no_address_at_all", "eth0.2", 0, false}),
-                         CaseName());
 
-TEST_F(DiscoveryTest, ClassifiesPortNames) {
-    struct {
-        const char *name;
-        int lanPort, ssidIndex;
-    } cases[] = {{"eth0.4", 3, 1}, {"eth0.4.mc", 1, 1}, {"wlan0-vap3", 0, 5}, {"wlan9-vap0", 0, 1}};
-    for (auto &c : cases) {
-        EXPECT_EQ(get_lan_port_by_ifname(c.name), c.lanPort) << c.name;
-        EXPECT_EQ(get_ssid_index_by_ifname(c.name), c.ssidIndex) << c.name;
+// Ports are classified once a cycle; every host still gets its own port's answers,
+// and a port's answers do not outlive the cycle.
+TEST_F(DiscoveryTest, EveryHostGetsItsOwnPortsClassification) {
+    std::ofstream(hostrixPath(HostrixFile::IgnoreIfnames)) << "wlan0\n";
+    fake::state().logicIds = {{"eth0.5", 3}, {"eth0.4", 4}};
+    bridge_bind_logic_port_mask = 1u << 3;
+    fake::addStation("wlan1-vap2", hostMac(4));
+    const struct {
+        const char *ifname;
+        int port;  // -1: no host
+        uint8_t type, isWifi;
+    } hosts[] = {{"eth0.2", 1, CONNECTION_WIRED, 0},
+                 {"eth0.3", 2, CONNECTION_WIRED, 0},
+                 {"eth0.4.mc", 1, CONNECTION_WIRED, 0},
+                 {"wlan0-vap3", 5, CONNECTION_WIRELESS, 0},
+                 {"wlan1-vap2", 9, CONNECTION_WIRELESS, 1},
+                 {"wlan9-vap0", 1, CONNECTION_WIRELESS, 0},
+                 {"eth0.3", 2, CONNECTION_WIRED, 0},
+                 {"wlan0", -1, 0, 0},
+                 {"eth0.5", -1, 0, 0},  // bridge-bound: ARP does not count
+                 {"eth0.4", 3, CONNECTION_WIRED, 0}};
+    for (uint8_t k = 0; k < std::size(hosts); ++k) {
+        seen(hostMac(k), hosts[k].ifname);
+        arp(("10.0.0." + std::to_string(k + 1)).c_str(), hostMac(k));
     }
+    cycle();
+    for (uint8_t k = 0; k < std::size(hosts); ++k) {
+        SCOPED_TRACE(hosts[k].ifname);
+        const hostEntry *entry = getHostrixByMac(hostMac(k).data());
+        ASSERT_EQ(entry != nullptr, hosts[k].port >= 0);
+        if (!entry) continue;
+        const lanHostInfo_t &host = entry->lanHost;
+        EXPECT_EQ(std::tuple(host.port, host.connectionType, host.isWifi),
+                  std::tuple(hosts[k].port, hosts[k].type, hosts[k].isWifi));
+    }
+    std::ofstream(hostrixPath(HostrixFile::IgnoreIfnames)) << "eth0.3\n";
+    cycle();
+    EXPECT_EQ(getHostrixByMac(hostMac(1).data()), nullptr);
+    EXPECT_NE(getHostrixByMac(hostMac(0).data()), nullptr);
 }
 
 TEST_F(DiscoveryTest, KnownStationMissingFromTheListsIsLeftAloneOnItsOwnInterface) {
     seen(kHost, "wlan1-vap2");
     fake::addStation("wlan1-vap2", kHost);
     fake::state().wirelessModes["wlan1-vap2"] = "ac";
-    arp("10.77.0.101", kHost);
+    arp("10.77.0.101");
     hostEntry *entry = cycle();
     ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(entry->lanHost.port, 9);
-    EXPECT_EQ(entry->lanHost.connectionType, CONNECTION_WIRELESS);
-    EXPECT_EQ(entry->lanHost.isWifi, 1);
     EXPECT_STREQ(entry->lanHost.wirelessMode, "ac");
     fake::state().stations.clear();
     entry->lanHost.ip = ipv4("10.77.0.9");
@@ -141,148 +178,155 @@ TEST_F(DiscoveryTest, KnownStationMissingFromTheListsIsLeftAloneOnItsOwnInterfac
     EXPECT_EQ(entry->lanHost.isWifi, 1);
     fake::state().fdb[0].ifname = "wlan1";  // another SSID: a mesh device now
     cycle();
-    EXPECT_EQ(entry->lanHost.isWifi, 0);
-    EXPECT_EQ(entry->lanHost.port, 6);
+    EXPECT_EQ(std::tuple(entry->lanHost.isWifi, entry->lanHost.port), std::tuple(0, 6));
     EXPECT_EQ(ipOf(entry), "10.77.0.101");
 }
 
-struct SourceCase {
-    const char *name;
-    std::vector<const char *> arp;  // entries of the host in table order; '~' marks incomplete
-    const char *leaseIp;
-    uint32_t leaseSecs;
-    const char *expectedIp;
-    uint32_t expectedSource;
-};
-class Ipv4SourceTest : public DiscoveryTest, public ::testing::WithParamInterface<SourceCase> {};
+// A lease whose MAC is within 14 of the host's in its first and last octets, and equal
+// in the others, counts only for a host with two complete ARP entries.
+TEST_F(DiscoveryTest, PicksTheIpv4AddressByPrecedence) {
+    const fake::Mac fuzzy = fake::mac(0x0a + 14, 0x77, 0, 0, 0, 1 + 14);
+    const struct {
+        std::vector<const char *> arp;  // the host's entries in table order
+        fake::Mac leaseMac;
+        uint32_t leaseSecs;
+        const char *ip;  // nullptr: no host
+        uint32_t source;
+        uint8_t leaseFound;
+    } cases[] = {
+        {{"~10.0.0.5", "10.0.0.10"}, kHost, 3600, "10.0.0.10", 1, 1},  // ARP over a lease
+        {{"10.0.0.10", "10.0.0.20"}, kHost, 3600, "10.0.0.20", 1, 1},  // the lease picks
+        {{"10.0.0.10", "10.0.0.11", "~10.0.0.20"}, kHost, 3600, "10.0.0.10", 1, 1},
+        {{"10.0.0.10", "10.0.0.20"}, fuzzy, 3600, "10.0.0.20", 1, 1},
+        {{"~10.0.0.20", "10.0.0.10"}, fuzzy, 3600, "10.0.0.10", 1, 0},
+        {{"10.0.0.10", "10.0.0.20"}, fake::mac(0x0a, 0x77, 0, 0, 1, 1), 3600, "10.0.0.10", 1, 0},
+        {{"10.0.0.10", "10.0.0.20"},
+         fake::mac(0x0a, 0x77, 0, 0, 0, 1 + 15),
+         3600,
+         "10.0.0.10",
+         1,
+         0},
+        {{}, kHost, 61, "10.0.0.20", 2, 1},
+        {{"~10.0.0.10"}, kHost, 60, nullptr, 0, 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message() << &c - cases);
+        SetUp();
+        seen(kHost);
+        for (const char *ip : c.arp) arp(ip);
+        lease(c.leaseMac, "10.0.0.20", c.leaseSecs, "named");
+        hostEntry *entry = cycle();
+        ASSERT_EQ(entry == nullptr, c.ip == nullptr);
+        if (!entry) continue;
+        EXPECT_EQ(ipOf(entry), c.ip);
+        EXPECT_EQ(std::tuple(entry->lanHost.ipSource, entry->lanHost.dhcpLeaseFound),
+                  std::tuple(c.source, c.leaseFound));
+        EXPECT_STREQ(entry->lanHost.devName, c.leaseFound ? "named" : "");
+    }
+}
 
-TEST_P(Ipv4SourceTest, PicksTheAddressByPrecedence) {
-    const SourceCase &c = GetParam();
+// FOUND, released, a valid lease again (still RELEASED), gone (NONE), and FOUND anew.
+TEST_F(DiscoveryTest, DhcpClientStateReturnsToFoundOnlyThroughNone) {
     seen(kHost);
-    for (const char *ip : c.arp) ip[0] == '~' ? arp(ip + 1, kHost, "0x0") : arp(ip, kHost);
-    if (c.leaseIp) lease(kHost, c.leaseIp, c.leaseSecs);
-    hostEntry *entry = cycle();
-    ASSERT_EQ(entry == nullptr, c.expectedIp == nullptr);
-    if (!entry) return;
-    EXPECT_EQ(ipOf(entry), c.expectedIp);
-    EXPECT_EQ(entry->lanHost.ipSource, c.expectedSource);
-}
-INSTANTIATE_TEST_SUITE_P(
-    Sources, Ipv4SourceTest,
-    ::testing::Values(
-        SourceCase{"complete_arp_over_lease",
-                   {"~10.0.0.5", "10.0.0.10"},
-                   "10.0.0.20",
-                   3600,
-                   "10.0.0.10",
-                   1},
-        SourceCase{"lease_names_one_of_two",
-                   {"10.0.0.10", "10.0.0.20"},
-                   "10.0.0.20",
-                   3600,
-                   "10.0.0.20",
-                   1},
-        SourceCase{"lease_61s_is_valid", {}, "10.0.0.20", 61, "10.0.0.20", 2},
-        SourceCase{"incomplete_arp_and_60s_lease", {"~10.0.0.10"}, "10.0.0.20", 60, nullptr, 0}),
-    CaseName());
-
-TEST_F(DiscoveryTest, ReleasedLeaseDisconnectsAHostWithoutIpv6) {
-    seen(kHost);
-    lease(kHost, "10.0.0.20", 3600);
-    hostEntry *entry = cycle();
-    ASSERT_NE(entry, nullptr);
-    entry->lanHost.firstConnect = 0;  // arrival already reported
-    fake::state().leases[0].leaseTime = 0;
-    cycle();
-    EXPECT_EQ(entry->lanHost.ip, 0u);
-    EXPECT_EQ(entry->lanHost.dhcpClientState, DHCP_CLIENT_RELEASED);
-    EXPECT_EQ(entry->valid, 0);
-    EXPECT_EQ(entry->lanHost.disConnect, 1);
-    EXPECT_EQ(getHostrixByMac(kHost.data()), entry);  // kept in the table
-    EXPECT_EQ(fake::state().commands.back(), "/bin/arp -d 10.0.0.20\n");
-    arp("10.0.0.21", kHost);
-    cycle();
-    EXPECT_EQ(entry->valid, 1);
-    EXPECT_EQ(entry->lanHost.firstConnect, 1);
-    EXPECT_EQ(ipOf(entry), "10.0.0.21");
+    sniffed(kHost, "10.0.0.20");
+    const struct {
+        int leaseSecs;  // -1: no lease record
+        uint32_t state;
+        const char *ip;
+        int valid;
+    } steps[] = {{3600, DHCP_CLIENT_FOUND, "10.0.0.20", 1},
+                 {0, DHCP_CLIENT_RELEASED, "0.0.0.0", 0},
+                 {3600, DHCP_CLIENT_RELEASED, "10.0.0.20", 1},
+                 {-1, DHCP_CLIENT_NONE, "10.0.0.20", 1},
+                 {3600, DHCP_CLIENT_FOUND, "10.0.0.20", 1}};
+    hostEntry *entry = nullptr;
+    for (const auto &step : steps) {
+        SCOPED_TRACE(step.leaseSecs);
+        fake::state().leases.clear();
+        if (step.leaseSecs >= 0) lease(kHost, "10.0.0.20", step.leaseSecs);
+        if (entry) entry->informChange = 0;
+        entry = cycle();
+        ASSERT_NE(entry, nullptr);
+        EXPECT_EQ(entry->lanHost.dhcpClientState, step.state);
+        EXPECT_EQ(ipOf(entry), step.ip);
+        EXPECT_EQ(std::tuple(entry->valid, entry->lanHost.disConnect),
+                  std::tuple(step.valid, 1 - step.valid));
+        EXPECT_EQ(entry->informChange, step.state != DHCP_CLIENT_NONE);
+        if (step.valid) continue;
+        EXPECT_EQ(fake::state().commands.back(), "/bin/arp -d 10.0.0.20\n");
+        EXPECT_EQ(getSnifferNeighborHost(kHost.data(), nullptr, nullptr, 0), 0);
+        EXPECT_EQ(entry->lanHost.ipSource, LANHOST_IP_SOURCE_DHCP);
+    }
 }
 
-TEST_F(DiscoveryTest, FuzzyLeaseMatchForTwoCompleteArpEntries) {
-    const fake::Mac host = fake::mac(0x00, 0x11, 0x22, 0x33, 0x44, 0x55);
-    const fake::Mac macs[3] = {fake::mac(0x00, 0x11, 0x23, 0x33, 0x44, 0x55),  // third differs
-                               fake::mac(0x02, 0x11, 0x22, 0x33, 0x44, 0x56), host};
-    dhcp_lease leases[3] = {};
-    for (int i = 0; i < 3; ++i) std::copy(macs[i].begin(), macs[i].end(), leases[i].mac);
-    dhcp_lease *record = nullptr;
-    EXPECT_EQ(find_dhcp_lease_fuzzy(leases, 3, host.data(), &record), 1);
-    EXPECT_EQ(record, &leases[1]);
-    leases[1].mac[5] = 0x55 + 15;  // one past the spread
-    EXPECT_EQ(find_dhcp_lease_fuzzy(leases, 3, host.data(), &record), 1);
-    EXPECT_EQ(record, &leases[2]);
-}
-
-TEST_F(DiscoveryTest, Ipv6OnlyHostArrivesWithoutAskingTheSniffer) {
+TEST_F(DiscoveryTest, FirstAddressIsFlaggedByItsSource) {
     seen(kHost, "wlan1");
-    fake::state().commandOutput["ip -6 neigh"] =
-        "2001:db8::5 dev br0 lladdr " + macText(kHost) + " REACHABLE\n";
-    uint32_t cached = ipv4("10.0.0.30");
-    update_neighbor_host(kHost.data(), &cached, nullptr);
+    neigh(kHost, "2001:db8::5");
+    sniffed(kHost, "10.0.0.30", "cam");
+    hostEntry *entry = cycle();
+    ASSERT_NE(entry, nullptr);  // IPv6 first: the sniffer waits for the next cycle
+    EXPECT_EQ(std::tuple(entry->lanHost.ip, entry->lanHost.firstGotIP, entry->lanHost.ipv6[0]),
+              std::tuple(0u, 1, 0x20));
+    // Beside an IPv6 address only ARP counts as a first address.
+    const std::pair<void (*)(), int> sources[] = {
+        {[] {}, 0}, {[] { lease(kHost, "10.0.0.20", 3600); }, 0}, {[] { arp("10.0.0.10"); }, 1}};
+    for (auto [add, firstGotIP] : sources) {
+        entry->lanHost.ip = 0;
+        add();
+        cycle();
+        EXPECT_NE(entry->lanHost.ip, 0u);
+        EXPECT_EQ(entry->lanHost.firstGotIP, firstGotIP);
+    }
+    EXPECT_STREQ(entry->lanHost.devName, "cam");
+}
+
+// Before its arrival is reported a host's port, IPv6 address and lease name change
+// silently; after it each change is reported.
+TEST_F(DiscoveryTest, ChangesAreReportedOnlyAfterTheArrival) {
+    seen(kHost, "eth0.3");
+    arp("10.0.0.10");
+    lease(kHost, "10.0.0.10", 3600);
     hostEntry *entry = cycle();
     ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(entry->lanHost.ip, 0u);
-    EXPECT_EQ(entry->lanHost.firstGotIP, 1);
-    EXPECT_EQ(entry->lanHost.ipv6[0], 0x20);
-    cycle();  // the next cycle asks it; beside IPv6 this is no first address
-    EXPECT_EQ(ipOf(entry), "10.0.0.30");
-    EXPECT_EQ(entry->lanHost.ipSource, LANHOST_IP_SOURCE_SNIFFER);
-    EXPECT_EQ(entry->lanHost.firstGotIP, 0);
-    entry->lanHost.ip = 0;
-    lease(kHost, "10.0.0.20", 3600);
-    cycle();
-    EXPECT_EQ(entry->lanHost.firstGotIP, 0);
-    entry->lanHost.ip = 0;
-    arp("10.0.0.10", kHost);
-    cycle();
-    EXPECT_EQ(entry->lanHost.firstGotIP, 1);  // ARP counts as first all the same
+    const std::function<void(int)> changes[] = {
+        [](int k) { fake::state().fdb[0].ifname = k ? "eth0.4" : "eth0.5"; },
+        [](int k) { neigh(kHost, k ? "2001:db8::5" : "2001:db8::6"); },
+        [](int k) { std::strcpy(fake::state().leases[0].hostname, k ? "tv" : "tv2"); }};
+    for (const auto &change : changes) {
+        for (int firstConnect : {1, 0}) {
+            entry->informChange = 0;
+            entry->lanHost.firstConnect = firstConnect;
+            change(firstConnect);
+            cycle();
+            EXPECT_EQ(entry->informChange, 1 - firstConnect) << &change - changes;
+        }
+    }
 }
 
 TEST_F(DiscoveryTest, BridgeBoundHostTakesItsAddressFromTheSnifferOnly) {
     seen(kHost, "eth0.5");
     fake::state().logicIds["eth0.5"] = 3;
     bridge_bind_logic_port_mask = 1u << 3;
-    arp("10.0.0.10", kHost);  // neither source counts here
+    arp("10.0.0.10");
     lease(kHost, "10.0.0.20", 3600);
-    uint32_t linkLocal = ipv4("169.254.7.9");
-    update_neighbor_host(kHost.data(), &linkLocal, "cam");
+    sniffed(kHost, "169.254.7.9", "cam");
     EXPECT_EQ(cycle(), nullptr);
-    uint32_t cached = ipv4("10.0.0.40");
-    update_neighbor_host(kHost.data(), &cached, "cam");
+    sniffed(kHost, "10.0.0.40", "cam");
     hostEntry *entry = cycle();
     ASSERT_NE(entry, nullptr);
     EXPECT_EQ(ipOf(entry), "10.0.0.40");
     EXPECT_EQ(entry->lanHost.ipSource, LANHOST_IP_SOURCE_SNIFFER);
     EXPECT_EQ(entry->lanHost.dhcpClientState, DHCP_CLIENT_NONE);
     EXPECT_STREQ(entry->lanHost.devName, "cam");
-}
-
-TEST_F(DiscoveryTest, PortChangeIsReportedOnlyAfterTheArrival) {
-    seen(kHost, "eth0.2");
-    arp("10.0.0.10", kHost);
-    hostEntry *entry = cycle();
-    ASSERT_NE(entry, nullptr);
     entry->informChange = 0;
-    fake::state().fdb[0].ifname = "eth0.3";
-    cycle();
-    EXPECT_EQ(entry->informChange, 0);  // the arrival report still carries it
-    entry->lanHost.firstConnect = 0;
-    fake::state().fdb[0].ifname = "eth0.4";
+    sniffed(kHost, "10.0.0.40", "cam2");  // a sniffed name is reported even before arrival
     cycle();
     EXPECT_EQ(entry->informChange, 1);
 }
 
 TEST_F(DiscoveryTest, ArrivalIsRestampedOnceAfterTimeSync) {
     seen(kHost);
-    arp("10.0.0.10", kHost);
+    arp("10.0.0.10");
     hostEntry *entry = cycle();
     ASSERT_NE(entry, nullptr);
     fake::state().timeSynchronized = true;
@@ -296,54 +340,49 @@ TEST_F(DiscoveryTest, ArrivalIsRestampedOnceAfterTimeSync) {
     EXPECT_STREQ(entry->lanHost.latestActiveTime, expected);
 }
 
-TEST_F(DiscoveryTest, FullTableStillRefreshesKnownHosts) {
-    setMaxLanHostNum(1);
-    seen(kHost);
-    seen(kOther);
-    arp("10.0.0.10", kHost);
-    arp("10.0.0.11", kOther);
-    hostEntry *entry = cycle();
-    ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(getHostrixByMac(kOther.data()), nullptr);
-    entry->updateTime = 0;
-    cycle();
-    EXPECT_EQ(entry->updateTime, fake::state().monotonic.tv_sec);
+// A full table still refreshes its hosts. Once recycling has freed nothing, the cycle
+// does not recycle again: a host that leaves later in it keeps its entry until its
+// departure has been seen, and the next cycle recycles it for a newcomer.
+TEST_F(DiscoveryTest, FullTableRecyclesAtMostOncePerCycleUntilItFreesSomething) {
+    setMaxLanHostNum(2);
+    seen(hostMac(1));
+    arp("10.0.0.1");
+    seen(hostMac(2));
+    lease(hostMac(2), "10.0.0.2", 3600);
+    hostEntry *leaving = cycle(hostMac(2));
+    ASSERT_NE(leaving, nullptr);
+    leaving->lanHost.firstConnect = 0;
+    fake::state().leases[0].leaseTime = 0;  // released: it goes offline in the next cycle
+    fake::state().fdb.insert(fake::state().fdb.begin(), {hostMac(3), "eth0.2", 100, 1, 0});
+    seen(hostMac(4));
+    for (uint8_t k : {3, 4}) arp(("10.0.0." + std::to_string(k)).c_str(), hostMac(k));
+    hostEntry *kept = cycle();
+    EXPECT_EQ(kept->updateTime, fake::state().monotonic.tv_sec);
+    EXPECT_EQ(std::tuple(leaving->valid, leaving->lanHost.disConnect), std::tuple(0, 1));
+    EXPECT_EQ(getHostrixByMac(hostMac(2).data()), leaving);
+    EXPECT_EQ(getHostrixByMac(hostMac(4).data()), nullptr);
+    EXPECT_NE(cycle(hostMac(3)), nullptr);
 }
 
-// After a departure, only a bridge entry refreshed more than a second later brings the
-// host back (the second covers the news of the departure coming after the last
-// frame); the cycle comes 5 s after the departure.
-TEST_F(DiscoveryTest, StaleBridgeEntryDoesNotReviveADepartedHost) {
-    for (auto [ageAfterLeaving, revived] : {std::pair(400u, false), std::pair(399u, true)}) {
-        initHostrixData();
-        fake::state().fdb.clear();
-        seen(kHost);
-        arp("10.0.0.10", kHost);
-        hostEntry *entry = cycle();
-        ASSERT_NE(entry, nullptr);
-        _disConnLanHost(entry, "test", __LINE__);
-        fake::state().fdb[0].ageing = ageAfterLeaving;
-        cycle();
-        EXPECT_EQ(entry->valid, revived ? 1 : 0) << ageAfterLeaving;
-        EXPECT_EQ(entry->lanHost.firstConnect, revived ? 1 : 0) << ageAfterLeaving;
-    }
-}
-
-// Per-VLAN copies of one MAC: the freshest speaks, whatever the list order.
-TEST_F(DiscoveryTest, FreshestVlanCopyGivesPortAndIdleTime) {
+// Of per-VLAN copies of a MAC the freshest speaks, whatever the list order; after a
+// departure only an entry refreshed more than a second later brings the host back.
+TEST_F(DiscoveryTest, OnlyTheFreshestBridgeEntrySpeaks) {
     for (bool freshFirst : {false, true}) {
-        initHostrixData();
-        fake::state().fdb.clear();
+        SetUp();
         if (freshFirst) seen(kHost, "eth0.2", 100);
         seen(kHost, "eth0.3", 9100);  // too old: would set idleSecs to 91
         seen(kHost, "eth0.4", 2000);
         if (!freshFirst) seen(kHost, "eth0.2", 100);
-        arp("10.0.0.10", kHost);
-        cycle();
+        arp("10.0.0.10");
         hostEntry *entry = cycle();
         ASSERT_NE(entry, nullptr);
-        EXPECT_STREQ(entry->lanHost.ifName, "eth0.2") << freshFirst;
-        EXPECT_EQ(entry->idleSecs, 1u) << freshFirst;
+        EXPECT_EQ(std::tuple(std::string(entry->lanHost.ifName), entry->idleSecs),
+                  std::tuple("eth0.2", 1u));
+        _disConnLanHost(entry, "test", __LINE__);
+        fake::state().fdb = {{kHost, "eth0.2", freshFirst ? 399u : 400u, 1, 0}};  // 5 s on
+        cycle();
+        EXPECT_EQ(std::tuple(entry->valid, entry->lanHost.firstConnect),
+                  std::tuple(freshFirst, freshFirst));
     }
 }
 

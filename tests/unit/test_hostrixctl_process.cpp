@@ -8,19 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <functional>
-#include <string>
 #include <thread>
-#include <tuple>
-#include <vector>
 
 #include "control/ctrl_msg.h"
 #include "core/unique_fd.h"
-#include "daemon_process.h"
 #include "hosts/lanhost.h"
 #include "temp_dir.h"
 
@@ -114,23 +106,15 @@ protected:
 TEST_F(CtlTest, HelpUsageErrorsAndUnreachableDaemonWithoutADaemon) {
     // Arguments, exit code, and text found in stdout (help) or in the one line on stderr.
     const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
-        {{"help"}, 0, "\n  port-down PORT\n"},
         {{"--help"}, 0, "\n  port-down PORT\n"},
-        {{"help", "watch"}, 0, "consumes"},
-        {{"watch", "--help"}, 0, "consumes"},
         {{"help", "nothing"}, 2, "no command 'nothing'"},
         {{"get", "brand", "zz:11:22:33:44:55"}, 2, "bad MAC 'zz:11:22:33:44:55'"},
-        {{"frobnicate"}, 2, "unknown command 'frobnicate'"},
         {{"get", "brand"},
          2,
          "missing argument; usage: hostrixctl get brand MAC; see 'hostrixctl help get'"},
-        {{"get", "max-hosts", "extra"}, 2, "too many arguments"},
-        {{"get", "colour", kMac}, 2, "unknown attribute 'colour'"},
         {{"set", "controlled", kMac, "2"}, 2, "bad controlled '2'"},
         {{"list", "--count", "3"}, 2, "list does not take --count"},
-        {{"new", "--bogus"}, 2, "unknown option '--bogus'"},
         {{}, 2, "no command given"},
-        {{"get", "max-hosts"}, 3, root.string() + "/var/run/.hostrix_msg"},
         {{"watch"}, 3, root.string() + "/var/run/.hostrix_msg"},
         {{"list"}, 3, root.string() + "/var/hostrix"},
         {{"log", "1"}, 3, root.string() + "/var/run/hostrix.fifo"},
@@ -200,13 +184,13 @@ TEST_F(CtlTest, RequestsAndRepliesAgainstAScriptedSocket) {
     // an ESC sequence, a backslash and a byte from 0x80 up.
     const std::tuple<std::vector<std::string>, uint32_t, std::string> cases[] = {
         {{"set", "brand", "00:11:22:33:44:AB", std::string(70, 'b')}, CMD_SET_BRAND, ""},
+        {{"set", "brand", kMac, std::string(63, 'b')}, CMD_SET_BRAND, ""},  // kept whole
         {{"set", "access", kMac, "0", "0x7"}, CMD_SET_ACCESS, ""},
         {{"port-down", "3"}, CMD_SET_LINK_CHANGE_PORT, ""},
-        {{"get", "access", kMac}, CMD_GET_ACCESS, "internet=2 other=1\n"},
         {{"get", "access", kMac, "--json"},
          CMD_GET_ACCESS,
          json + "internetAccess\":2,\"otherAccess\":1}\n"},
-        {{"get", "type", kMac, "--json"}, CMD_GET_DEVICE_TYPE, json + "devType\":2}\n"},
+        {{"get", "type", kMac}, CMD_GET_DEVICE_TYPE, "2\n"},
         {{"get", "model", kMac}, CMD_GET_MODEL, "Acme\\x1b[2J\\\\\\xc3\n"},
         {{"get", "model", kMac, "--json"},
          CMD_GET_MODEL,
@@ -224,25 +208,10 @@ TEST_F(CtlTest, RequestsAndRepliesAgainstAScriptedSocket) {
         });
         EXPECT_EQ(std::tie(code, out), std::make_tuple(0, shown)) << err;
         EXPECT_EQ(sent.back().cmd, cmd);
-        EXPECT_EQ(err, cmd == CMD_SET_BRAND ? warning : "");
+        EXPECT_EQ(err, args.back().size() == 70 ? warning : "");
     }
-    EXPECT_EQ(sent[0].data[5], 0xab);  // the MAC, and the text cut to what the daemon keeps
-    EXPECT_EQ(reinterpret_cast<const char *>(sent[0].data + kCtrlTextOffset), std::string(63, 'b'));
-    EXPECT_EQ(std::tie(sent[1].arg1, sent[1].arg2, sent[2].arg1), std::make_tuple(0u, 7u, 3u));
-
-    // Replies cut short, missing, or with the status echoed as for a skipped request.
-    const std::tuple<std::vector<std::string>, size_t, int, const char *> broken[] = {
-        {{"get", "hosts"}, 100, 3, "broke off its reply after 100 of 4136"},
-        {{"get", "hosts"}, 0, 3, "closed the connection without a reply"},
-        {{"new"}, sizeof(ctrlMsg_t), 1, "reported failure for inform query 0x1"},
-    };
-    for (const auto &[args, bytes, exit, says] : broken) {
-        std::tie(code, out, err) = ctl(args, [&](pid_t) {
-            daemon.serve([](ctrlMsg_t &reply) { reply.status = reply.replyTag; }, bytes);
-        });
-        EXPECT_EQ(code, exit) << err;
-        EXPECT_NE(err.find(says), std::string::npos) << err;
-    }
+    EXPECT_EQ(sent[0].data[5], 0xab);
+    EXPECT_EQ(std::tie(sent[2].arg1, sent[2].arg2, sent[3].arg1), std::make_tuple(0u, 7u, 3u));
 
     // watch has its handlers in place before the first poll; SIGTERM ends it between polls.
     std::tie(code, out, err) = ctl({"watch", "--interval", "0.5"}, [&](pid_t watch) {
@@ -252,53 +221,6 @@ TEST_F(CtlTest, RequestsAndRepliesAgainstAScriptedSocket) {
         kill(watch, SIGTERM);
     });
     EXPECT_EQ(std::tie(code, out), std::make_tuple(0, "")) << err;
-}
-
-// The real daemon, with switch ids for its LAN ports, kept off the machine's own
-// leases, radios and nftables.
-TEST_F(CtlTest, EveryCommandRoundTripsWithTheDaemon) {
-    for (const char *sub : {"etc/hostrix", "stations"}) fs::create_directories(root / sub);
-    std::ofstream(root / "etc/hostrix/mib.conf")
-        << "lan_ports = eth0.2\nphy.eth0.2 = 1\ncounters = off\nlease_file = " << root.string()
-        << "/leases\nstations = dir:" << root.string() << "/stations\n";
-    DaemonProcess daemon(root);
-    daemon.start();
-    ASSERT_TRUE(eventually([&] { return fs::exists(root / "var/run/hostrix.fifo"); }))
-        << daemon.log();
-    kill(daemon.pid(), SIGUSR2);  // rewrites the host file now
-    ASSERT_TRUE(eventually([&] { return fs::exists(root / "var/hostrix"); })) << daemon.log();
-    const std::string missing = "no host 00:11:22:33:44:01 in hostrix's table";
-    // Arguments, exit code, stdout, and text found in stderr.
-    const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
-        {{"list"}, 0, "no hosts online\n", ""},
-        {{"set", "max-hosts", "100"}, 0, "", ""},
-        {{"get", "max-hosts", "--json"}, 0, "{\"maxLanHostNum\":100}\n", ""},
-        {{"set", "max-controlled", "0x7"}, 0, "", ""},
-        {{"get", "max-controlled"}, 0, "7\n", ""},
-        {{"get", "hosts"}, 0, "0\n", ""},
-        {{"new"}, 0, "no new hosts\n", ""},
-        {{"left"}, 0, "no departed hosts\n", ""},
-        {{"changed"}, 0, "no changed hosts\n", ""},
-        {{"set", "brand", kMac, "Acme"}, 1, "", missing},
-        {{"get", "brand", kMac}, 1, "", missing},
-        {{"set", "access", kMac, "2", "1"}, 0, "", ""},  // the daemon reports success anyway
-        {{"release", kMac}, 0, "", ""},
-        // Skipped by the daemon's printable check: the request's status (failure) comes back.
-        {{"set", "os", "41:42:43:44:45:46", "\x01"}, 1, "", "the text holds byte 0x01"},
-        {{"port-down", "1"}, 0, "", ""},
-        {{"port-down", "9"}, 1, "", "switch port id 9"},
-        {{"log", "0x12"}, 0, "", ""},
-    };
-    for (const auto &[args, code, out, err] : cases) {
-        SCOPED_TRACE(testing::PrintToString(args));
-        auto [exit, shown, warned] = ctl(args);
-        EXPECT_EQ(exit, code) << warned;
-        EXPECT_EQ(shown, out);
-        EXPECT_NE(warned.find(err), std::string::npos) << warned;
-    }
-    EXPECT_TRUE(eventually([&] {
-        return daemon.log().find("dbg_level=0x12") != std::string::npos;
-    })) << daemon.log();
 }
 
 }  // namespace

@@ -1,14 +1,12 @@
 #include <arpa/inet.h>
 
-#include <cstring>
-
 #include "ctrl_request.h"
 #include "hosts/liveness.h"
 
 namespace {
 
 class InformTest : public HostrixTest {
-protected:
+   protected:
     void SetUp() override {
         HostrixTest::SetUp();
         setMaxLanHostNum(kHostPoolSize);
@@ -66,22 +64,29 @@ TEST_F(InformTest, DeparturesFollowArrivalsInOneReply) {
     departed(1);
     departed(2);
     for (uint8_t i = 3; i <= 5; ++i) arrived(i);
+    departed(6)->lanHost.firstConnect = 1;  // an arrival not yet reported is no departure
     ctrlMsg_t msg = query(CMD_GET_NEW_DEVICE | CMD_GET_LEAVE_DEVICE);
     EXPECT_EQ(recordCount(msg), 4u);
     for (size_t i = 0; i < 3; ++i) EXPECT_EQ(record(msg, i).firstConnect, 1);
     EXPECT_EQ(record(msg, 3).disConnect, 1);
     EXPECT_EQ(recordMac(msg, 3), checkedMac(2));  // slot 254 before slot 255
     EXPECT_EQ(getHostrixByMac(checkedMac(1).data()), nullptr);
-    EXPECT_EQ(lanHostNum, 3u);
+    EXPECT_EQ(lanHostNum, 4u);
 }
 
-// A departed host's entry is kept, with its session data cleared, when it is blocked.
+// Each query refreshes the record it sends and consumes its flag. A blocked host's
+// entry outlives its departure report with its connection data cleared.
 TEST_F(InformTest, EveryQueryRefreshesTheRecordAndConsumesItsFlag) {
     hostEntry *hosts[] = {arrived(1), departed(2, kInternetAccessBlocked), addHost(checkedMac(3))};
     hosts[2]->informChange = 1;
     hostEntry *left = hosts[1];
-    left->informChange = 1;
-    std::strcpy(left->lanHost.devName, "laptop");
+    lanHostInfo_t &kept = left->lanHost;
+    std::strcpy(kept.devName, "laptop");
+    std::strcpy(kept.latestActiveTime, "2026:1:1:0:0:0");
+    kept.devType = kept.controlled = kept.phy_port = 3;
+    kept.otherAccess = 1;
+    left->informChange = left->phyPortId = 1;
+    left->idleSecs = left->updateTime = 9;
     fake::state().uptime = 5000;
     const uint32_t cmds[] = {CMD_GET_NEW_DEVICE, CMD_GET_LEAVE_DEVICE, CMD_GET_INFORM_CHANGE};
     for (size_t i = 0; i < 3; ++i) {
@@ -93,16 +98,19 @@ TEST_F(InformTest, EveryQueryRefreshesTheRecordAndConsumesItsFlag) {
         lanHostInfo_t sent = record(msg, 0);
         EXPECT_EQ(sent.ip, htonl(0xc0a80114)) << cmds[i];
         EXPECT_EQ(sent.onLineTime, 1000u) << cmds[i];
-        EXPECT_EQ(sent.upRate + sent.downRate, 33u) << cmds[i];
-        EXPECT_EQ(sent.rxBytes + sent.txBytes, 777u) << cmds[i];
+        EXPECT_EQ(std::tuple(sent.upRate, sent.downRate, sent.rxBytes, sent.txBytes),
+                  std::tuple(11u, 22u, 333u, 444u))
+            << cmds[i];
         EXPECT_EQ(recordCount(query(cmds[i])), 0u) << cmds[i];
     }
     ASSERT_EQ(getHostrixByMac(checkedMac(2).data()), left);
-    const lanHostInfo_t &kept = left->lanHost;
     EXPECT_EQ(kept.ip + kept.upRate + kept.downRate + kept.rxBytes + kept.txBytes, 0u);
-    EXPECT_EQ(kept.disConnectTime[0], '\0');
-    EXPECT_EQ(left->startOnLine + left->informChange, 0u);
-    EXPECT_STREQ(kept.devName, "laptop");
+    EXPECT_EQ(kept.disConnectTime[0] + kept.latestActiveTime[0] + kept.phy_port, 0);
+    EXPECT_EQ(left->startOnLine + left->updateTime + left->idleSecs, 0u);
+    EXPECT_EQ(left->phyPortId + left->informChange + kept.firstConnect + kept.disConnect, 0);
+    EXPECT_EQ(std::tuple(std::string(kept.devName), kept.devType, kept.controlled,
+                         kept.internetAccess, kept.otherAccess),
+              std::tuple("laptop", 3, 3, 0, 1));
 }
 
 // Asked together with arrivals, the change query wipes their records (they are

@@ -2,10 +2,7 @@
 // line that reports it, and ageing through many entries at once.
 #include <arpa/inet.h>
 
-#include <algorithm>
-#include <array>
 #include <regex>
-#include <string>
 
 #include "fixture.h"
 #include "sniffer/neighbor_cache.h"

@@ -1,24 +1,22 @@
-// The sniffer's kernel filter on crafted frames, then its interface list and thread
+// The sniffer's kernel filter and wait on socket pairs; its interface list and thread
 // against real bridges in a private network namespace.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <linux/if_packet.h>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <initializer_list>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "core/unique_fd.h"
 #include "fixture.h"
+#include "netlink_bytes.h"
 #include "netns_child.h"
+#include "sniffer/link_events.h"
 #include "sniffer/monitor_intf.h"
 
 namespace {
@@ -39,41 +37,66 @@ Frame arp(unsigned protocol, unsigned operation) {
 // IHL words of IP header (options all zero), then UDP to PORT.
 Frame ipv4(unsigned protocol, unsigned port, unsigned fragment = 0, unsigned ihl = 5) {
     const size_t udp = 14 + ihl * 4;
-    return frame({{12, 0x08}, {14, 0x40 + ihl}, {20, fragment >> 8}, {21, fragment},
-                  {23, protocol}, {udp + 2, port >> 8}, {udp + 3, port}});
+    return frame({{12, 0x08},
+                  {14, 0x40 + ihl},
+                  {20, fragment >> 8},
+                  {21, fragment},
+                  {23, protocol},
+                  {udp + 2, port >> 8},
+                  {udp + 3, port}});
 }
 
+struct SocketPair {
+    SocketPair() {
+        int fds[2] = {-1, -1};
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, fds), 0);
+        receiver.reset(fds[0]), sender.reset(fds[1]);
+    }
+    UniqueFd receiver, sender;
+};
+
 TEST(SnifferFilter, LetsThroughOnlyIpv4ArpRepliesDhcpToTheServerAndIgmp) {
-    const struct {
-        const char *name;
-        Frame frame;
-        bool passes;
-    } cases[] = {
-        {"arp reply", arp(0x0800, 2), true},
-        {"arp request", arp(0x0800, 1), false},
-        {"arp reply, not IPv4", arp(0x86dd, 2), false},
-        {"udp to 67", ipv4(17, 67), true},
-        {"udp to 67 after options", ipv4(17, 67, 0, 6), true},
-        {"udp to 68", ipv4(17, 68), false},
-        {"first fragment", ipv4(17, 67, 0x2000), true},
-        {"later fragment", ipv4(17, 67, 0x2001), false},
-        {"igmp", ipv4(2, 0), true},
-        {"tcp", ipv4(6, 67), false},
-        {"ipv6", frame({{12, 0x86}, {13, 0xdd}}), false},
+    const std::pair<Frame, bool> cases[] = {
+        {arp(0x0800, 2), true},       {arp(0x0800, 1), false},
+        {arp(0x86dd, 2), false},      {ipv4(17, 67), true},
+        {ipv4(17, 67, 0, 6), true},   {ipv4(17, 68), false},
+        {ipv4(17, 67, 0x2000), true}, {ipv4(17, 67, 0x2001), false},
+        {ipv4(17, 67, 0x4000), true}, {ipv4(2, 0), true},
+        {ipv4(6, 67), false},         {frame({{12, 0x86}, {13, 0xdd}}), false},
     };
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, pair), 0);
-    UniqueFd receiver(pair[0]), sender(pair[1]);
+    SocketPair pair;
     const sock_fprog program{kSnifferFilter.size(),
                              const_cast<sock_filter *>(kSnifferFilter.data())};
-    ASSERT_EQ(setsockopt(receiver.get(), SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program),
-              0);
-    for (const auto &c : cases) {
-        ASSERT_EQ(send(sender.get(), c.frame.data(), c.frame.size(), 0), ssize_t(c.frame.size()));
+    ASSERT_EQ(
+        setsockopt(pair.receiver.get(), SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program), 0);
+    for (const auto &[f, passes] : cases) {
+        ASSERT_EQ(send(pair.sender.get(), f.data(), f.size(), 0), ssize_t(f.size()));
         uint8_t received[128];
-        EXPECT_EQ(recv(receiver.get(), received, sizeof received, MSG_DONTWAIT) > 0, c.passes)
-            << c.name;
+        EXPECT_EQ(recv(pair.receiver.get(), received, sizeof received, MSG_DONTWAIT) > 0, passes)
+            << &f - &cases[0].first;
     }
+}
+
+// A wait that brings something leaves the rest of the 5 s to the next one, so that
+// steady traffic cannot hold off ageing; a wait that runs it down ages the cache
+// (entries of 1200 s and more only) and starts a new 5 s.
+TEST_F(HostrixTest, SnifferAgeingBudgetCarriesOverBetweenWaits) {
+    const uint8_t oldMac[6] = {2, 0, 0, 0, 0, 1}, youngMac[6] = {2, 0, 0, 0, 0, 2};
+    const uint32_t ip = htonl(0x0a000001);
+    update_neighbor_host(oldMac, &ip, nullptr);
+    fake::advanceSeconds(kNeighborLifetimeSec);
+    update_neighbor_host(youngMac, &ip, nullptr);
+    SocketPair events;  // stands in for the link-event socket
+    ASSERT_EQ(send(events.sender.get(), "x", 1, 0), 1);
+    timeval timeout{5, 0};
+    EXPECT_EQ(sniffer_wait_once(events.receiver.get(), timeout), 0);
+    EXPECT_TRUE(timeout.tv_sec < 5 && (timeout.tv_sec > 0 || timeout.tv_usec > 0));
+    EXPECT_EQ(getSnifferNeighborHost(oldMac, nullptr, nullptr, 0), 1);  // not yet
+    timeout = {0, 1000};
+    EXPECT_EQ(sniffer_wait_once(events.receiver.get(), timeout), 0);  // the message was read
+    EXPECT_EQ(std::pair(timeout.tv_sec, timeout.tv_usec), std::pair(time_t{5}, suseconds_t{0}));
+    EXPECT_EQ(getSnifferNeighborHost(oldMac, nullptr, nullptr, 0), 0);
+    EXPECT_EQ(getSnifferNeighborHost(youngMac, nullptr, nullptr, 0), 1);
 }
 
 bool shellSays(const std::string &command) {
@@ -84,8 +107,9 @@ bool shellSays(const std::string &command) {
 // kernel's upper and lower links copied into the fake sysfs that the sniffer reads.
 bool makeBridge() {
     if (!shellSays("ip link add br0 type bridge && ip link set br0 up && "
-                   "for p in nas0_0 eth0.2; do ip link add $p type veth peer name x$p && "
-                   "ip link set $p master br0 && ip link set $p up || exit 1; done"))
+                   "for p in nas0_0 eth0.2 nas1_0; do ip link add $p type veth peer name x$p && "
+                   "ip link set $p master br0 && ip link set $p up && ip link set x$p up "
+                   "|| exit 1; done"))
         return false;
     for (const auto &link : std::filesystem::directory_iterator("/sys/class/net"))
         for (const auto &entry : std::filesystem::directory_iterator(link.path()))
@@ -114,6 +138,72 @@ bool eventually(F &&condition) {
     return condition();
 }
 
+// FRAME, tagged with TAG in its last byte, into the link IFNAME.
+bool sendOn(const char *ifname, Frame f, uint8_t tag) {
+    f.back() = tag;
+    UniqueFd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+    sockaddr_ll to{};
+    to.sll_family = AF_PACKET;
+    to.sll_ifindex = static_cast<int>(if_nametoindex(ifname));
+    to.sll_halen = 6;
+    return sendto(sock.get(), f.data(), f.size(), 0, reinterpret_cast<const sockaddr *>(&to),
+                  sizeof to) == ssize_t(f.size());
+}
+
+// The tags of the frames queued on SOCK, after a bounded wait for the first.
+std::string queuedTags(int sock) {
+    std::string tags;
+    pollfd ready{sock, POLLIN, 0};
+    uint8_t buffer[128];
+    for (ssize_t n; poll(&ready, 1, tags.empty() ? 2000 : 0) == 1 &&
+                    (n = recv(sock, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;)
+        tags += char('0' + buffer[n - 1]);
+    return tags;
+}
+
+class SnifferMonitorTest : public HostrixTest {};
+
+// One record per name; ports go with their bridge; a capture socket takes only its own interface's
+// frames that pass the filter.
+TEST_F(SnifferMonitorTest, ListKeepsOneRecordPerNameAndDropsPortsWithTheirBridge) {
+    expectPassesInPrivateNetns([] {
+        if (!makeBridge() || !shellSays("ip link add y0 type veth peer name y1 && "
+                                        "ip link set y0 up && ip link set y1 up"))
+            return kNetnsNoSetup;
+        sd_intf *bridge = add_monitor_intf("br0", nullptr);
+        NETNS_CHECK(bridge && add_lower_monitor_intf("br0", "nas0") == 1);
+        const sd_intf *port = find_monitor_intf("nas0_0");
+        // A port joins: only "nas0" names and repeaters are followed.
+        ifinfomsg info{};
+        info.ifi_family = AF_BRIDGE;
+        const std::string name("nas1_0", 7);  // with its terminator
+        process_nl_messages(nlbytes::message(
+            RTM_NEWLINK, 0,
+            nlbytes::join({nlbytes::raw(info),
+                           nlbytes::attr(IFLA_MASTER, nlbytes::raw(if_nametoindex("br0"))),
+                           nlbytes::attr(IFLA_IFNAME, nlbytes::Bytes(name.begin(), name.end()))})));
+        NETNS_CHECK(!find_monitor_intf("nas1_0"));
+        const std::string listed = captured(dump_monitor_intf);
+        NETNS_CHECK(listed == "### Monitor Interface:\n" + dumpLine("br0", "NULL") +
+                                  dumpLine("nas0_0", "br0") + "\n");
+        NETNS_CHECK(sendOn("y1", arp(0x0800, 2), 1) && sendOn("xnas0_0", arp(0x0800, 1), 2));
+        NETNS_CHECK(sendOn("xnas0_0", arp(0x0800, 2), 3));
+        const std::string tags = queuedTags(port->sock);  // its own, filtered frames only
+        NETNS_CHECK(tags.find('3') != std::string::npos &&
+                    tags.find_first_of("12") == std::string::npos);
+        // Refused: a second br0, a port of an unmonitored or unrelated bridge, no interface.
+        for (auto [ifname, master] :
+             {std::pair("br0", ""), {"eth0.2", "br1"}, {"lo", "br0"}, {"nosuch0", ""}})
+            NETNS_CHECK(!add_monitor_intf(ifname, *master ? master : nullptr));
+        NETNS_CHECK(captured(dump_monitor_intf) == listed);
+        const int sockets[] = {bridge->sock, port->sock};
+        del_monitor_intf(bridge);
+        NETNS_CHECK(captured(dump_monitor_intf) == "### Monitor Interface:\n\n");
+        for (int sock : sockets) NETNS_CHECK(fcntl(sock, F_GETFD) == -1 && errno == EBADF);
+        return kNetnsPassed;
+    });
+}
+
 // Looked up in this process: a stop must have ended the thread by the time it returns.
 bool threadNamedSnifferExists() {
     std::string name;
@@ -129,88 +219,8 @@ bool linkListenerBound() {
                      " { found = 1 } END { exit !found }' /proc/net/netlink");
 }
 
-class SnifferMonitorTest : public HostrixTest {};
-
-TEST_F(SnifferMonitorTest, ListKeepsOneRecordPerNameAndDropsPortsWithTheirBridge) {
-    expectPassesInPrivateNetns([] {
-        if (!makeBridge()) return kNetnsNoSetup;
-        sd_intf *bridge = add_monitor_intf("br0", nullptr);
-        NETNS_CHECK(bridge && add_lower_monitor_intf("br0", "nas0") == 1);
-        const sd_intf *port = find_monitor_intf("nas0_0");
-        const std::string listed = captured(dump_monitor_intf);
-        NETNS_CHECK(listed == "### Monitor Interface:\n" + dumpLine("br0", "NULL") +
-                                  dumpLine("nas0_0", "br0") + "\n");
-        const struct {
-            const char *ifname, *master, *message;
-            unsigned level;
-        } refusals[] = {
-            {"br0", nullptr, "Interface(br0) already monitor\n", kSnifferNotice},
-            {"eth0.2", "br1", "Cannot found master(br1)\n", kSnifferNotice},
-            {"lo", "br0", "The interface(lo) isnt slave of the master(br0)\n", kSnifferNotice},
-            {"nosuch0", nullptr, "Cannot get interface(nosuch0)\n", kSnifferError},
-        };
-        for (unsigned level : {kSnifferError, kSnifferNotice}) {
-            setSnifferMonitorLogLevel(level);
-            for (const auto &r : refusals) {
-                bool refused = false;
-                const std::string out =
-                    captured([&] { refused = !add_monitor_intf(r.ifname, r.master); });
-                NETNS_CHECK(refused && out.empty() == (r.level > level));
-                NETNS_CHECK(out.empty() || (out.starts_with("[Sniffer][__add_monitor_intf:") &&
-                                            out.ends_with(r.message)));
-            }
-        }
-        NETNS_CHECK(captured(dump_monitor_intf) == listed);
-        const int sockets[] = {bridge->sock, port->sock};
-        del_monitor_intf(bridge);  // its port goes with it
-        NETNS_CHECK(captured(dump_monitor_intf) == "### Monitor Interface:\n\n");
-        for (int sock : sockets) NETNS_CHECK(fcntl(sock, F_GETFD) == -1 && errno == EBADF);
-        return kNetnsPassed;
-    });
-}
-
-// FRAME, tagged with TAG in its last byte, into the link IFNAME.
-bool sendOn(const char *ifname, Frame frame, uint8_t tag) {
-    frame.back() = tag;
-    UniqueFd sock(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
-    sockaddr_ll to{};
-    to.sll_family = AF_PACKET;
-    to.sll_ifindex = static_cast<int>(if_nametoindex(ifname));
-    to.sll_halen = 6;
-    return sock.valid() &&
-           sendto(sock.get(), frame.data(), frame.size(), 0,
-                  reinterpret_cast<const sockaddr *>(&to), sizeof to) == ssize_t(frame.size());
-}
-
-// The tags of the frames queued on SOCK, waiting (boundedly) for the first one.
-std::vector<uint8_t> queuedTags(int sock) {
-    std::vector<uint8_t> tags;
-    pollfd ready{sock, POLLIN, 0};
-    if (poll(&ready, 1, 2000) != 1) return tags;
-    uint8_t frame[128];
-    for (ssize_t n; (n = recv(sock, frame, sizeof frame, MSG_DONTWAIT)) > 0;)
-        tags.push_back(frame[n - 1]);
-    return tags;
-}
-
-// The capture socket takes frames of its own interface only, and only those its
-// filter passes.
-TEST_F(SnifferMonitorTest, SocketQueuesOnlyFilteredFramesOfItsInterface) {
-    expectPassesInPrivateNetns([] {
-        if (!makeBridge() || !shellSays("ip link add y0 type veth peer name y1 && "
-                                        "ip link set y0 up && ip link set y1 up && "
-                                        "ip link set xnas0_0 up"))
-            return kNetnsNoSetup;
-        const sd_intf *port = add_monitor_intf("nas0_0", nullptr);
-        NETNS_CHECK(port);
-        NETNS_CHECK(sendOn("y1", arp(0x0800, 2), 1));       // another interface
-        NETNS_CHECK(sendOn("xnas0_0", arp(0x0800, 1), 2));  // a request: filtered out
-        NETNS_CHECK(sendOn("xnas0_0", arp(0x0800, 2), 3));
-        NETNS_CHECK(queuedTags(port->sock) == std::vector<uint8_t>{3});
-        return kNetnsPassed;
-    });
-}
-
+// A cancelled sniffer leaves its list; a wait that fails for good ends the thread its
+// normal way, emptying the list and the cache, and the next start reaps it.
 TEST_F(SnifferMonitorTest, ThreadTakesItsListAndStopsForGood) {
     expectPassesInPrivateNetns([] {
         if (!makeBridge()) return kNetnsNoSetup;
@@ -227,31 +237,21 @@ TEST_F(SnifferMonitorTest, ThreadTakesItsListAndStopsForGood) {
         const bool stopped = !threadNamedSnifferExists() && !snifferRunning();
         const std::string out = ::testing::internal::GetCapturedStdout();
         NETNS_CHECK(nullListStartsNothing && started == 0 && again == -1 && setUp && named);
-        NETNS_CHECK(stopped);
+        NETNS_CHECK(stopped && find_monitor_intf("nas0_0")->master == find_monitor_intf("br0"));
+        NETNS_CHECK(!find_monitor_intf("eth0.2")->master);  // its own element, not a port
         const std::string duplicate = "Interface(br0) already monitor\n";
         NETNS_CHECK(out.find(duplicate) != std::string::npos &&
                     out.find(duplicate) == out.rfind(duplicate));
         NETNS_CHECK(out.find("Cannot get interface(abcdefghijklmnop)\n") != std::string::npos);
         NETNS_CHECK(out.find("abcdefghijklmnopq") == std::string::npos);
-        // A cancelled sniffer leaves its list as it was.
-        NETNS_CHECK(find_monitor_intf("nas0_0")->master == find_monitor_intf("br0"));
         snifferReset();
-        NETNS_CHECK(!find_monitor_intf("br0"));
-        return kNetnsPassed;
-    });
-}
 
-// A wait that fails for good ends the thread its normal way, which empties the list and
-// the neighbour cache; the next start reaps the ended thread.
-TEST_F(SnifferMonitorTest, FailedWaitEndsTheThreadAndReleasesEverything) {
-    expectPassesInPrivateNetns([] {
-        if (!makeBridge()) return kNetnsNoSetup;
         setSnifferMonitorLogLevel(0);  // the closed socket's failed receive is expected
         const uint8_t mac[6] = {0x02, 0, 0, 0, 0, 0x07};
         const uint32_t ip = htonl(0x0a000007);
         update_neighbor_host(mac, &ip, nullptr);
         NETNS_CHECK(startSnifferMonitor("br0") == 0 && eventually(linkListenerBound));
-        close(find_monitor_intf("nas0_0")->sock);  // the next wait fails with EBADF
+        close(find_monitor_intf("nas0_0")->sock);                  // the next wait fails with EBADF
         (void)shellSays("ip link add x0 type veth peer name x1");  // ends the current wait
         NETNS_CHECK(eventually([] { return !snifferRunning(); }));
         NETNS_CHECK(!find_monitor_intf("br0") && !getSnifferNeighborHost(mac, nullptr, nullptr, 0));

@@ -1,14 +1,16 @@
+// The per-cycle sources: ignore list, ARP table, IPv6 neighbours and the lease snapshot.
 #include <arpa/inet.h>
 
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <string>
 
 #include "discovery/sources.h"
 #include "root_fixture.h"
 
 namespace {
+
+fake::Mac mac(int k) {
+    return fake::mac(2, 0, 0, 0, uint8_t(k >> 8), uint8_t(k));
+}
 
 class SourcesTest : public RootedTest {
    protected:
@@ -16,47 +18,29 @@ class SourcesTest : public RootedTest {
         RootedTest::SetUp();
         setMaxLanHostNum(kHostPoolSize);
     }
-    static void writeIgnoreFile(const std::string &text) {
-        std::ofstream(hostrixPath(HostrixFile::IgnoreIfnames)) << text;
-    }
-    static bool present(uint8_t k) { return getHostrixByMac(fake::mac(2, 0, 0, 0, 0, k).data()); }
+    static bool present(int k) { return getHostrixByMac(mac(k).data()) != nullptr; }
 };
 
-TEST_F(SourcesTest, OnlyTheFirstLineIsIgnoredAndDotSuffixesFollowTheirPort) {
-    const std::string name63 = "eth" + std::string(60, 'x');
-    const std::string other63 = "eth" + std::string(60, 'y');
-    // A token of 64 characters filters but is not used for removal.
-    writeIgnoreFile("eth0.3,wlan1 " + other63 + "," + name63 + "z\nwlan0\n");
+// The first line only; a token takes its port's dot sub-interfaces along. A token of
+// 64 characters filters but removes nothing; one of 63 does both.
+TEST_F(SourcesTest, IgnoreListRemovesAndFiltersThePortsOfItsFirstLine) {
+    const std::string name63 = "eth" + std::string(60, 'x'), other63 = "eth" + std::string(60, 'y');
+    std::ofstream(hostrixPath(HostrixFile::IgnoreIfnames))
+        << "eth0.3,wlan1\r " << other63 << "," << name63 << "z\nwlan0\n";
     const std::string ifnames[] = {"eth0.3", "wlan1.2", "wlan1-vap0", "wlan0", name63, other63};
-    for (uint8_t k = 0; k < 6; ++k) addHost(fake::mac(2, 0, 0, 0, 0, k), ifnames[k].c_str());
+    for (int k = 0; k < 6; ++k) addHost(mac(k), ifnames[k].c_str());
     EXPECT_EQ(read_ignore_ifnames(), 0);
-    EXPECT_FALSE(present(0) || present(1) || present(5));
-    EXPECT_TRUE(present(2) && present(3) && present(4));
-    // The fixed rules (not a LAN port name, a repeater) come before the list.
-    for (const char *name : {"eth0.3", "wlan1", "wlan1.2", "br0", "wlan1-vxd0"})
+    for (int k = 0; k < 6; ++k) EXPECT_EQ(present(k), k >= 2 && k <= 4) << ifnames[k];
+    for (const char *name : {"eth0.3", "wlan1", "wlan1.2", "br0", "wlan1-vxd0", "wlan0-vxd"})
         EXPECT_EQ(is_ignore_ifname(name), 1) << name;
     EXPECT_EQ(is_ignore_ifname((name63 + "z").c_str()), 1);
-    for (const char *name : {"eth0.2", "eth0.30", "wlan1-vap0", "wlan0"})
+    for (const char *name : {"eth0.2", "eth0.30", "wlan1-vap0", "wlan0", "wlan2-vxd"})
         EXPECT_EQ(is_ignore_ifname(name), 0) << name;
-
     std::filesystem::remove(hostrixPath(HostrixFile::IgnoreIfnames));
     EXPECT_EQ(read_ignore_ifnames(), -1);
     EXPECT_EQ(is_ignore_ifname("wlan1"), 0);
     EXPECT_FALSE(present(1));  // nothing comes back by itself
 }
-
-TEST_F(SourcesTest, EmptyFileIsLoggedByItsUnprefixedPath) {
-    writeIgnoreFile("");
-    dbg_level = DBG_FREE_LIST;
-    ::testing::internal::CaptureStdout();
-    EXPECT_EQ(read_ignore_ifnames(), 0);
-    EXPECT_NE(::testing::internal::GetCapturedStdout().find(
-                  "[Hostrix]:[read_ignore_ifnames] LANHOST_IGNORE_LANLIST: "
-                  "/var/run/.hostrix_ignore_ifnames is empty\n"),
-              std::string::npos);
-}
-
-// ---- ARP ----
 
 TEST_F(SourcesTest, ArpListKeepsBridgeLinesInFileOrder) {
     arp_entry *head = nullptr;
@@ -64,24 +48,20 @@ TEST_F(SourcesTest, ArpListKeepsBridgeLinesInFileOrder) {
     fake::state().kernelFiles["/proc/net/arp"] =
         "IP address       HW type     Flags       HW address            Mask     Device\n"
         "192.168.1.9      0x1         0x2         02:00:00:00:00:09     *        eth0\n"
-        "192.168.1.5      0x1         0x2         02:00:00:00:00:05     *        br0\n"
-        "10.0.0.5         0x1         0x0         02:00:00:00:00:05     *        br1\n";
+        "192.168.1.5      0x1         0x6         02:00:00:00:00:05     *        br0\n"
+        "10.0.0.5         0x1         0x4         02:00:00:00:00:05     *        br1\n";
     ASSERT_EQ(collect_arp_entries(&head), 2);
-    const fake::Mac mac = fake::mac(2, 0, 0, 0, 0, 5);
-    arp_entry *first = find_arp_entry(head, mac.data());
+    arp_entry *first = find_arp_entry(head, mac(5).data());
     ASSERT_EQ(first, head);
-    EXPECT_EQ(first->ip, htonl(0xc0a80105u));
-    EXPECT_EQ(first->complete, 1u);
-    arp_entry *second = find_arp_entry(first->next, mac.data());
+    EXPECT_EQ(std::tuple(first->ip, first->complete), std::tuple(htonl(0xc0a80105u), 1u));
+    arp_entry *second = find_arp_entry(first->next, mac(5).data());
     ASSERT_NE(second, nullptr);
-    EXPECT_STREQ(second->ifname, "br1");
-    EXPECT_EQ(second->complete, 0u);
-    EXPECT_EQ(find_arp_entry(second->next, mac.data()), nullptr);
+    EXPECT_EQ(std::tuple(std::string(second->ifname), second->complete), std::tuple("br1", 0u));
+    EXPECT_EQ(find_arp_entry(second->next, mac(5).data()), nullptr);
     free_arp_entries(&head);
 }
 
-// The index answers exactly as the scans do, in a small list and in one with more
-// MACs than it indexes; a list it was not built for is scanned.
+// The cycle's index answers as the scans do, also with more MACs than it indexes.
 TEST_F(SourcesTest, IndexedLookupsAnswerAsTheScans) {
     for (int macs : {3, 300}) {
         std::string text = "IP address HW type Flags HW address Mask Device\n";
@@ -96,58 +76,43 @@ TEST_F(SourcesTest, IndexedLookupsAnswerAsTheScans) {
         arp_entry *head = nullptr;
         ASSERT_EQ(collect_arp_entries(&head), macs * 2);
         for (int i : {0, macs / 2, macs - 1}) {
-            fake::Mac mac = fake::mac(2, 0, 0, 0, i / 256, i % 256);
-            arp_entry *first = firstArpEntry(head, mac.data());
-            ASSERT_EQ(first, find_arp_entry(head, mac.data())) << macs << " " << i;
+            arp_entry *first = firstArpEntry(head, mac(i).data());
+            ASSERT_EQ(first, find_arp_entry(head, mac(i).data())) << macs << " " << i;
             arp_entry *next = nextArpEntryOfMac(head, first);
-            ASSERT_EQ(next, find_arp_entry(first->next, mac.data())) << macs << " " << i;
+            ASSERT_EQ(next, find_arp_entry(first->next, mac(i).data())) << macs << " " << i;
             EXPECT_EQ(nextArpEntryOfMac(head, next), nullptr);
-            EXPECT_EQ(firstArpEntry(head->next, mac.data()), find_arp_entry(head->next, mac.data()));
         }
         free_arp_entries(&head);
     }
 }
 
-// Each parser is given a view that a longer text continues: it must stop at the view's end.
-TEST(LineParsers, TakeFullLengthFieldsAndStopAtTheViewsEnd) {
-    std::string_view arp = "192.168.100.200 0x1 0x12 02:00:00:00:00:01 * br0123456789012";
-    ArpLine out{};
-    EXPECT_FALSE(parseArpLine(arp.substr(0, arp.size() - 16), out));  // no device
-    ASSERT_TRUE(parseArpLine(arp, out));
-    EXPECT_EQ(out.flags, 0x12u);
-    EXPECT_STREQ(out.device, "br0123456789012");
-    std::string_view neigh = "fe80::1 dev br0 lladdr 02:00:00:00:00:01 STALE";
-    Ipv6NeighLine parsed{};
-    EXPECT_FALSE(parseIpv6NeighLine(neigh.substr(0, 22), parsed));  // no link-layer address
-}
-
-// ---- IPv6 neighbours ----
-
+// Per MAC the first address wins unless it is link-local (fe80::/10).
 TEST_F(SourcesTest, NeighbourListKeepsOneUsefulAddressPerMac) {
     fake::state().commandOutput["ip -6 neigh"] =
-        "febf::1 dev br0 lladdr 02:00:00:00:00:01 STALE\n"  // still in fe80::/10
+        "febf::1 dev br0 lladdr 02:00:00:00:00:01 STALE\n"
         "2001:db8::1 dev br0 lladdr 02:00:00:00:00:01 REACHABLE\n"
         "2001:db8::2 dev br0 lladdr 02:00:00:00:00:02 router STALE\n"
         "fe80::2 dev br0 lladdr 02:00:00:00:00:02 STALE\n"
         "2001:db8::3 dev br0 lladdr 02:00:00:00:00:03 STALE\n"
         "2001:db8::33 dev br0 lladdr 02:00:00:00:00:03 STALE\n"
-        "2001:db8::4 dev br0  FAILED\n"
+        "fec0::4 dev br0 lladdr 02:00:00:00:00:04 STALE\n"
+        "2001:db8::44 dev br0 lladdr 02:00:00:00:00:04 STALE\n"
+        "2001:db8::5 dev br0  FAILED\n"
         "2001:db8::5 dev br0 lladdr 02:00:00:00:00:05 \x80STALE\n"
         "2001:db8::6 dev br1 lladdr 02:00:00:00:00:06 STALE\n"
         "\n";
     ipv6_neigh *head = nullptr;
-    EXPECT_EQ(collect_ipv6_neigh(&head), 3);
-    for (uint8_t k : {1, 2, 3}) {
-        ipv6_neigh *node = find_ipv6_neigh(head, fake::mac(2, 0, 0, 0, 0, k).data());
+    EXPECT_EQ(collect_ipv6_neigh(&head), 4);
+    const char *kept[] = {"2001:db8::1", "2001:db8::2", "2001:db8::3", "fec0::4"};
+    for (int k = 1; k <= 4; ++k) {
+        ipv6_neigh *node = find_ipv6_neigh(head, mac(k).data());
         char text[INET6_ADDRSTRLEN] = "none";
         if (node) inet_ntop(AF_INET6, node->addr, text, sizeof text);
-        EXPECT_EQ(text, "2001:db8::" + std::to_string(k)) << int{k};
+        EXPECT_STREQ(text, kept[k - 1]);
     }
-    EXPECT_EQ(head->mac[5], 3);  // newest MAC first
+    EXPECT_EQ(head->mac[5], 4);  // newest MAC first
     free_ipv6_neigh(&head);
 }
-
-// ---- leases ----
 
 TEST_F(SourcesTest, LeasesAreReusedFor4SecondsAndReadAt5) {
     fake::state().monotonic.tv_sec = 3;  // a young clock still reads at the first call
