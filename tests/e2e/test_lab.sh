@@ -102,7 +102,7 @@ check_failed_up() {
 hostrix_processes() {
     local pid bin_dir
     bin_dir="$(dirname "$(realpath "$HOSTRIX_BIN")")"
-    for pid in $(pgrep -x hostrix; pgrep -x hostrixctl); do
+    for pid in $(pgrep -x hostrix; pgrep -x hostrixctl; pgrep -x hostrix-agent); do
         if [[ "$(readlink "/proc/$pid/exe" 2>/dev/null)" == "$bin_dir"/* ]]; then printf '%s\n' "$pid"; fi
     done
 }
@@ -117,8 +117,9 @@ check_demo() {
     check "demo runs for 8 s and exits 0" sh -c "'$REPO_DIR/lab/demo.sh' 8 >'$E2E_TMP/demo.out' 2>&1"
     check "demo shows h1 arriving with address, name, port" demo_shows "NEW +0a:77:00:00:00:01 10\.77\.0\.[0-9]+ hx-h1 eth0\.2 LAN1"
     check "and h3 with its SSID" demo_shows "NEW +0a:77:00:00:00:03 .* wlan0 SSID1 ssid=hx-home"
+    check "through hostrix-agent, which leaves the daemon's reports to it" demo_shows "through hostrix-agent"
     if ((FAILURES > failed_before)); then sed 's/^/    | /' "$E2E_TMP/demo.out"; fi
-    check "no hostrix or hostrixctl process left after the demo" test -z "$(hostrix_processes)"
+    check "no hostrix, hostrix-agent or hostrixctl process left after the demo" test -z "$(hostrix_processes)"
     check_nothing_left "after the demo"
 }
 
