@@ -11,8 +11,6 @@ namespace {
 constexpr signed char kFirstPrintable = 0x20;
 constexpr signed char kLastPrintable = 0x7E;
 
-bool endsText(char c) { return c == '\0' || c == '\r' || c == '\n'; }
-
 // Compared as signed, so every byte from 0x80 up is below the range.
 constexpr bool isPrintable(char c) {
     auto value = static_cast<signed char>(c);
@@ -31,6 +29,8 @@ constexpr auto kTextBytes = [] {
     }
     return kinds;
 }();
+
+TextByte kindOf(char c) { return kTextBytes[static_cast<unsigned char>(c)]; }
 
 void appendEscaped(std::string &out, char c) {
     if (c == '\\') {
@@ -54,22 +54,15 @@ std::string escapedText(std::string_view text) {
 }
 
 int isPrintableString(std::string_view text) {
-    for (char c : text) {
-        if (endsText(c)) return 1;
-        if (!isPrintable(c)) return 0;
-    }
+    for (char c : text)
+        if (kindOf(c) != TextByte::Printable) return kindOf(c) == TextByte::End;
     return 1;
 }
 
 int isPrintableString(const char *text) {
     if (!text) return 1;
-    while (true) {
-        switch (kTextBytes[static_cast<unsigned char>(*text++)]) {
-            case TextByte::Printable: continue;
-            case TextByte::End: return 1;
-            case TextByte::Bad: return 0;
-        }
-    }
+    while (kindOf(*text) == TextByte::Printable) ++text;
+    return kindOf(*text) == TextByte::End;
 }
 
 void copyText(char *dest, size_t size, std::string_view text) {
