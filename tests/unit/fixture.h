@@ -1,5 +1,5 @@
 // Shared fixture: every test starts from a freshly booted fake platform, an empty
-// table and default settings.
+// table open to all 256 hosts and default settings.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ protected:
         setSnifferMonitorLogLevel(3);
         initHostrixData();
         bandwidthReset();
-        maxLanHostNum = 0;
+        setMaxLanHostNum(kHostPoolSize);
         maxControlledNum = 0;
         controlledNum = 0;
         resetDiscoverySources();

@@ -2,26 +2,16 @@
 // by their start, and a broken file leaves the agent in memory.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 
 #include "history.h"
+#include "temp_dir.h"
 
 namespace {
 
-class HistoryTest : public testing::Test {
-protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/hostrix-history-test-XXXXXX";
-        dir_ = mkdtemp(pattern);
-    }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
-    std::string dir_;
-};
-
-TEST_F(HistoryTest, WritesComeBackAfterAReopen) {
-    const std::string path = dir_ + "/var/lib/hostrix/history.db";  // folders made on the way
+TEST(HistoryTest, WritesComeBackAfterAReopen) {
+    TempDir dir;
+    const std::string path = dir.file("var/lib/hostrix/history.db");  // folders made on the way
     {
         History history;
         ASSERT_TRUE(history.open(path));
@@ -40,33 +30,27 @@ TEST_F(HistoryTest, WritesComeBackAfterAReopen) {
     ASSERT_TRUE(again.open(path));
     std::optional<DeviceRow> row = again.device("0a:00:00:00:00:01");
     ASSERT_TRUE(row);
-    EXPECT_EQ(row->firstSeen, 100);
-    EXPECT_EQ(row->lastSeen, 300);
-    EXPECT_TRUE(row->randomMac);
-    EXPECT_EQ(row->linkedTo, "0a:00:00:00:00:09");
-    EXPECT_EQ(row->vendor, "");
+    EXPECT_EQ(std::tuple(row->firstSeen, row->lastSeen, row->randomMac, row->linkedTo, row->vendor),
+              std::tuple(100, 300, true, "0a:00:00:00:00:09", ""));
     EXPECT_EQ(again.devicesSeenSince(301).size(), 0u);
     std::vector<FingerprintRow> prints = again.fingerprintsSince(0);
     ASSERT_EQ(prints.size(), 1u);
-    EXPECT_EQ(prints[0].dhcp.options, (std::vector<uint8_t>{1, 3, 6}));
-    EXPECT_EQ(prints[0].dhcp.clientId, "ff:01");
+    EXPECT_EQ(std::tuple(prints[0].dhcp.options, prints[0].dhcp.clientId),
+              std::tuple(std::vector<uint8_t>{1, 3, 6}, "ff:01"));
     std::vector<SessionChange> open = again.openSessions();  // the closed one is not
     ASSERT_EQ(open.size(), 1u);
     EXPECT_EQ(open[0].from, 190);
 }
 
-TEST_F(HistoryTest, ABrokenFileLeavesTheHistoryInMemory) {
-    const std::string corrupt = dir_ + "/corrupt.db";
-    std::ofstream(corrupt) << std::string(8192, 'x');
+TEST(HistoryTest, ABrokenFileLeavesTheHistoryInMemory) {
+    TempDir dir;
+    std::ofstream(dir.file("corrupt.db")) << std::string(8192, 'x');
     History history;
-    EXPECT_FALSE(history.open(corrupt));
-    EXPECT_FALSE(history.usable());
+    EXPECT_FALSE(history.open(dir.file("corrupt.db")) || history.usable());
     DeviceRow row;
     row.mac = "0a:00:00:00:00:01";
-    EXPECT_FALSE(history.write({row}, {}, {}));
-    EXPECT_FALSE(history.device("0a:00:00:00:00:01"));
-    History unwritable;
-    EXPECT_FALSE(unwritable.open("/proc/hostrix-history.db"));
+    EXPECT_FALSE(history.write({row}, {}, {}) || history.device("0a:00:00:00:00:01"));
+    EXPECT_FALSE(History().open("/proc/hostrix-history.db"));
 }
 
 }  // namespace

@@ -12,7 +12,6 @@ class BandwidthTest : public HostrixTest {
    protected:
     void SetUp() override {
         HostrixTest::SetUp();
-        setMaxLanHostNum(kHostPoolSize);
         entry = addHost(kHost);
         start = fake::state().wall;
     }
@@ -78,20 +77,6 @@ TEST_F(BandwidthTest, CounterSetsAreSummed) {
         EXPECT_EQ(getLanHostHpcCounter(entry, pair), c.result);
         EXPECT_EQ(std::pair(pair[kHpcReceived], pair[kHpcSent]), std::pair(c.received, c.sent));
     }
-}
-
-TEST_F(BandwidthTest, UnansweredInvalidAndZeroMacHostsKeepTheirRecord) {
-    hostEntry *offline = addHost(fake::mac(2, 0, 0, 0, 0, 2));
-    hostEntry *noMac = addHost(fake::mac(2, 0, 0, 0, 0, 3));
-    offline->valid = 0;
-    fake::state().counters[fake::mac(2, 0, 0, 0, 0, 2)] = {9, 9};
-    std::fill(std::begin(noMac->lanHost.mac), std::end(noMac->lanHost.mac), 0);
-    fake::state().counters[fake::Mac{}] = {9, 9};
-    const lanHostBw_t before{1, 2, 3, 4, 5, 6};
-    for (hostEntry *e : {entry, offline, noMac}) lanHostBw[hostSlot(e)] = before;
-    getAndCalcLanHostCurrBandwidth(1, 1);  // kHost has no counters at all
-    for (hostEntry *e : {entry, offline, noMac})
-        EXPECT_EQ(std::memcmp(&lanHostBw[hostSlot(e)], &before, sizeof before), 0);
 }
 
 // A failed clock read samples nothing, says so and keeps the schedule.

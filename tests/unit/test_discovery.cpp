@@ -34,7 +34,6 @@ class DiscoveryTest : public RootedTest {
    protected:
     void SetUp() override {
         RootedTest::SetUp();
-        setMaxLanHostNum(kHostPoolSize);
         noArp();
     }
     static void noArp() {
@@ -84,13 +83,11 @@ TEST_F(DiscoveryTest, NewDhcpHostArrivesWithItsLeaseOnceRecentlySeen) {
     hostEntry *entry = cycle();
     ASSERT_NE(entry, nullptr);
     const lanHostInfo_t &host = entry->lanHost;
-    EXPECT_EQ(ipOf(entry), "10.77.0.101");
-    EXPECT_EQ(host.ipSource, LANHOST_IP_SOURCE_DHCP);
-    EXPECT_STREQ(host.devName, "hx-h1");
+    EXPECT_EQ(std::tuple(ipOf(entry), host.ipSource, std::string(host.devName),
+                         std::string(host.ifName), std::string(host.model)),
+              std::tuple("10.77.0.101", LANHOST_IP_SOURCE_DHCP, "hx-h1", "eth0.3", "OTHER"));
     EXPECT_EQ(std::tuple(host.port, host.connectionType, host.phy_port, entry->phyPortId),
               std::tuple(2, CONNECTION_WIRED, 2, 2));
-    EXPECT_STREQ(host.ifName, "eth0.3");
-    EXPECT_STREQ(host.model, "OTHER");
     EXPECT_EQ(std::tuple(host.internetAccess, host.otherAccess), std::tuple(2, 1));
     EXPECT_EQ(std::tuple(host.firstConnect, host.firstGotIP, entry->informChange, entry->idleSecs),
               std::tuple(1, 1, 1, 90u));
@@ -186,6 +183,8 @@ TEST_F(DiscoveryTest, KnownStationMissingFromTheListsIsLeftAloneOnItsOwnInterfac
 // in the others, counts only for a host with two complete ARP entries.
 TEST_F(DiscoveryTest, PicksTheIpv4AddressByPrecedence) {
     const fake::Mac fuzzy = fake::mac(0x0a + 14, 0x77, 0, 0, 0, 1 + 14);
+    const fake::Mac tooFar = fake::mac(0x0a, 0x77, 0, 0, 0, 1 + 15);
+    const fake::Mac otherOctet = fake::mac(0x0a, 0x77, 0, 0, 1, 1);
     const struct {
         std::vector<const char *> arp;  // the host's entries in table order
         fake::Mac leaseMac;
@@ -199,13 +198,8 @@ TEST_F(DiscoveryTest, PicksTheIpv4AddressByPrecedence) {
         {{"10.0.0.10", "10.0.0.11", "~10.0.0.20"}, kHost, 3600, "10.0.0.10", 1, 1},
         {{"10.0.0.10", "10.0.0.20"}, fuzzy, 3600, "10.0.0.20", 1, 1},
         {{"~10.0.0.20", "10.0.0.10"}, fuzzy, 3600, "10.0.0.10", 1, 0},
-        {{"10.0.0.10", "10.0.0.20"}, fake::mac(0x0a, 0x77, 0, 0, 1, 1), 3600, "10.0.0.10", 1, 0},
-        {{"10.0.0.10", "10.0.0.20"},
-         fake::mac(0x0a, 0x77, 0, 0, 0, 1 + 15),
-         3600,
-         "10.0.0.10",
-         1,
-         0},
+        {{"10.0.0.10", "10.0.0.20"}, otherOctet, 3600, "10.0.0.10", 1, 0},
+        {{"10.0.0.10", "10.0.0.20"}, tooFar, 3600, "10.0.0.10", 1, 0},
         {{}, kHost, 61, "10.0.0.20", 2, 1},
         {{"~10.0.0.10"}, kHost, 60, nullptr, 0, 0},
     };

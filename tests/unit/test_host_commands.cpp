@@ -11,7 +11,6 @@ class HostCommandTest : public HostrixTest {
    protected:
     void SetUp() override {
         HostrixTest::SetUp();
-        setMaxLanHostNum(kHostPoolSize);
         host = addHost(checkedMac(1));
     }
     static ctrlMsg_t run(ctrlMsg_t msg) {
@@ -21,24 +20,6 @@ class HostCommandTest : public HostrixTest {
     }
     hostEntry *host = nullptr;
 };
-
-TEST_F(HostCommandTest, LimitsAreCheckedAgainstThePoolAndReadBack) {
-    struct {
-        uint32_t set, get;
-        uint32_t *limit;
-    } cases[] = {{CMD_SET_MAX_HOSTS, CMD_GET_MAX_HOSTS, &maxLanHostNum},
-                 {CMD_SET_MAX_CONTROLLED, CMD_GET_MAX_CONTROLLED, &maxControlledNum}};
-    for (const auto &c : cases) {
-        *c.limit = 17;
-        EXPECT_EQ(run(ctrlRequest(c.set, {}, 257)).status, kCtrlStatusFailed) << c.set;
-        EXPECT_EQ(run(ctrlRequest(c.get)).arg1, 17u) << c.get;
-        EXPECT_EQ(run(ctrlRequest(c.set, {}, 256)).status, kCtrlStatusOk) << c.set;
-        EXPECT_EQ(*c.limit, 256u) << c.set;
-    }
-    controlledNum = 17;
-    EXPECT_EQ(run(ctrlRequest(CMD_GET_CONTROLLED_NUM)).arg1, 17u);
-    EXPECT_EQ(run(ctrlRequest(CMD_GET_HOST_NUM)).arg1, 1u);
-}
 
 // Only the low byte counts, and the count follows real changes of the flag only.
 TEST_F(HostCommandTest, ControlledFlagCountsOnlyRealChangesOfItsLowByte) {
@@ -132,15 +113,6 @@ TEST_F(HostCommandTest, ReleaseDeletesTheArpEntryAndDisconnectsEvenADepartedHost
     EXPECT_EQ(run(ctrlRequest(CMD_SET_DHCP_RELEASE, checkedMac(1))).status, kCtrlStatusOk);
     EXPECT_EQ(fake::state().commands, std::vector<std::string>{"arp -d 10.0.0.1"});
     EXPECT_EQ(host->lanHost.disConnect, 1);
-}
-
-TEST_F(HostCommandTest, LinkChangeDisconnectsTheHostsOfALanPortOnly) {
-    host->phyPortId = 4;
-    EXPECT_EQ(run(ctrlRequest(CMD_SET_LINK_CHANGE_PORT, {}, 4)).status, kCtrlStatusFailed);
-    EXPECT_EQ(host->valid, 1);
-    fake::state().phyIds["eth0.3"] = 4;
-    EXPECT_EQ(run(ctrlRequest(CMD_SET_LINK_CHANGE_PORT, {}, 0x304)).status, kCtrlStatusOk);
-    EXPECT_EQ(host->valid, 0);
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <tuple>
 
 #include "control/host_file.h"
-#include "reader_lock.h"
 #include "root_fixture.h"
 
 namespace {
@@ -68,29 +67,6 @@ TEST_F(HostFileTest, FileIsRewrittenInPlaceAndReadableByAll) {
     struct stat info {};
     ASSERT_EQ(stat(hostrixPath(HostrixFile::HostInfo), &info), 0);
     EXPECT_EQ(std::pair(info.st_size, info.st_mode & 0777), std::pair(off_t{1888}, 0644u));
-}
-
-// A reader's lock does not hold the writer: it skips the write, says so once for the
-// whole episode, and writes at the first call after the reader has let go. A writer
-// that waited would end here by the alarm.
-TEST_F(HostFileTest, WriterSkipsWhileAReaderHoldsTheLock) {
-    online(1, 100);
-    writeLanHostInfo();
-    online(2, 200);
-    ReaderLock reader(hostrixPath(HostrixFile::HostInfo));
-    ASSERT_TRUE(reader.locked());
-    alarm(5);
-    ::testing::internal::CaptureStdout();
-    EXPECT_EQ(std::pair(writeLanHostInfo(), writeLanHostInfo()),
-              std::pair(kHostFileBusy, kHostFileBusy));
-    EXPECT_EQ(slots(), std::vector<int>{1});
-    reader.letGo();
-    EXPECT_EQ(writeLanHostInfo(), 0);
-    std::string out = ::testing::internal::GetCapturedStdout();
-    alarm(0);
-    EXPECT_EQ(slots(), (std::vector<int>{1, 2}));
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2) << out;
-    EXPECT_LT(out.find("locked by a reader"), out.find("free again")) << out;
 }
 
 TEST_F(HostFileTest, DumpPrintsLabelledLinesOnlyWithTheCommandGroup) {

@@ -17,7 +17,6 @@ class HostapdEventTest : public RootedTest {
    protected:
     void SetUp() override {
         RootedTest::SetUp();
-        setMaxLanHostNum(kHostPoolSize);
         station = addHost(kStation, "wlan0-vap1");
     }
     static std::string process(std::string text) {

@@ -157,17 +157,13 @@ TEST(AgentStream, ReadsEventsBackWithTheirEscapes) {
         "\"ifName\":\"wlan0\",\"names\":[{\"name\":\"mac\",\"source\":\"mdns\"}]}}";
     std::optional<AgentEvent> event = parseAgentLine(line);
     ASSERT_TRUE(event);
-    EXPECT_EQ(event->type, "event");
-    EXPECT_EQ(event->event, "left");
-    EXPECT_EQ(formatMac(event->host.mac), "0a:77:00:00:00:01");
-    EXPECT_EQ(fieldText(event->host.devName), "tv\n\"x\\");
-    EXPECT_EQ(ipv4Text(event->host.ip), "10.77.0.9");
-    EXPECT_EQ(ipv6Text(event->host.ipv6), "fd77::1");
-    EXPECT_EQ(event->host.port, 3);
-    EXPECT_EQ(event->host.connectionType, 1);
+    const lanHostInfo_t &host = event->host;
+    EXPECT_EQ(std::tuple(event->type, event->event, formatMac(host.mac), fieldText(host.devName),
+                         ipv4Text(host.ip), ipv6Text(host.ipv6), host.port, host.connectionType),
+              std::tuple("event", "left", "0a:77:00:00:00:01", "tv\n\"x\\", "10.77.0.9",
+                         "fd77::1", 3, 1));
     EXPECT_EQ(parseAgentLine("{\"type\":\"snapshot\",\"seq\":4,\"hosts\":[]}")->type, "snapshot");
     EXPECT_FALSE(parseAgentLine("{\"type\":\"event\",\"event\":\"new\",\"host\":{\"mac\":\"zz\"}}"));
-    EXPECT_FALSE(jsonField("{\"devName\":\"ab\\u00", "devName"));  // cut short
-    EXPECT_FALSE(jsonField("{\"devName\":\"ab", "devName"));       // no closing quote
-    EXPECT_FALSE(parseAgentLine("not json"));
+    EXPECT_FALSE(jsonField("{\"devName\":\"ab\\u00", "devName") ||  // cut short
+                 jsonField("{\"devName\":\"ab", "devName") || parseAgentLine("not json"));
 }

@@ -1,5 +1,6 @@
-// The real hostrixctl binary: against a scripted control socket (exact requests,
-// crafted replies), a crafted host file, no daemon at all, and the real daemon.
+// The real hostrixctl binary against a scripted control socket (exact requests, crafted
+// replies) and a crafted host file. Its exit codes against the real daemon, or none, are
+// the lab's control test's.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -101,35 +102,6 @@ protected:
                 readText(files + ".out"), readText(files + ".err")};
     }
 };
-
-// Help; a row per place that reports a usage error; one per file or socket to reach.
-TEST_F(CtlTest, HelpUsageErrorsAndUnreachableDaemonWithoutADaemon) {
-    // Arguments, exit code, and text found in stdout (help) or in the one line on stderr.
-    const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
-        {{"--help"}, 0, "\n  port-down PORT\n"},
-        {{"help", "nothing"}, 2, "no command 'nothing'"},
-        {{"get", "brand", "zz:11:22:33:44:55"}, 2, "bad MAC 'zz:11:22:33:44:55'"},
-        {{"get", "brand"},
-         2,
-         "missing argument; usage: hostrixctl get brand MAC; see 'hostrixctl help get'"},
-        {{"set", "controlled", kMac, "2"}, 2, "bad controlled '2'"},
-        {{"list", "--count", "3"}, 2, "list does not take --count"},
-        {{}, 2, "no command given"},
-        {{"watch"}, 3, root.string() + "/var/run/.hostrix_msg"},
-        {{"list"}, 3, root.string() + "/var/hostrix"},
-        {{"log", "1"}, 3, root.string() + "/var/run/hostrix.fifo"},
-    };
-    for (const auto &[args, code, says] : cases) {
-        SCOPED_TRACE(testing::PrintToString(args));
-        auto [exit, out, err] = ctl(args);
-        EXPECT_EQ(exit, code) << err;
-        EXPECT_NE((code == 0 ? out : err).find(says), std::string::npos) << out << err;
-        if (code == 0) continue;
-        EXPECT_EQ(lines(err), 1u) << err;
-        EXPECT_NE(err.find(code == 2 ? "; see 'hostrixctl help" : " running?"), std::string::npos);
-        EXPECT_EQ(out, "");
-    }
-}
 
 // The daemon rewrites the host file under a write lock: a reader waits for it.
 TEST_F(CtlTest, ListAndGetNameReadTheHostFileUnderItsLock) {

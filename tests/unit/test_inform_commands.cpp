@@ -7,10 +7,6 @@ namespace {
 
 class InformTest : public HostrixTest {
    protected:
-    void SetUp() override {
-        HostrixTest::SetUp();
-        setMaxLanHostNum(kHostPoolSize);
-    }
 
     static hostEntry *arrived(uint8_t last) {
         hostEntry *entry = addHost(checkedMac(last));
@@ -46,17 +42,6 @@ class InformTest : public HostrixTest {
         return n;
     }
 };
-
-TEST_F(InformTest, FourRecordsFitAndTheFifthWaitsForTheNextQuery) {
-    for (uint8_t i = 1; i <= 5; ++i) arrived(i);  // slots 255 down to 251
-    ctrlMsg_t first = query(CMD_GET_NEW_DEVICE);
-    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(recordMac(first, i), checkedMac(5 - i));
-    EXPECT_TRUE(allZero(first.data + 4 * kLanHostInfoSize, kCtrlDataSize - 4 * kLanHostInfoSize));
-    ctrlMsg_t second = query(CMD_GET_NEW_DEVICE);
-    EXPECT_EQ(recordCount(second), 1u);
-    EXPECT_EQ(recordMac(second, 0), checkedMac(1));
-    EXPECT_EQ(recordCount(query(CMD_GET_NEW_DEVICE)), 0u);
-}
 
 // The first departure report's recycling sweep also frees the second departed
 // host, which is therefore never reported.

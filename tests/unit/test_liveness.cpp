@@ -16,7 +16,6 @@ class LivenessTest : public RootedTest {
    protected:
     void SetUp() override {
         RootedTest::SetUp();
-        setMaxLanHostNum(kHostPoolSize);
         fake::state().onCommand = [this](const std::string &line) {
             if (line == "cat /proc/fc/sw_dump/l2 > " + snapshot) std::ofstream(snapshot) << "x\n";
         };

@@ -24,7 +24,6 @@ class MainLoopTest : public RootedTest {
     void SetUp() override {
         RootedTest::SetUp();
         sigFlags = 0;
-        setMaxLanHostNum(kHostPoolSize);
         now = fake::state().monotonic.tv_sec;
     }
     void TearDown() override {
@@ -113,29 +112,6 @@ TEST_F(MainLoopTest, OnePassDoesEverySignalsWorkInOrder) {
     lanHostInfo_t record{};
     std::memcpy(&record, file.data(), std::min(file.size(), sizeof record));
     EXPECT_EQ(std::tuple(file.size(), record.txBytes, record.rxBytes), std::tuple(944u, 5u, 7u));
-}
-
-// A signal that arrives during signal work is handled before the loop waits again,
-// and one that arrives after it wakes the wait.
-TEST_F(MainLoopTest, SignalsAreNotLeftForTheNextTimeout) {
-    for (auto [raised, keepsRunning] : {std::pair{SIGTERM, false}, std::pair{SIGUSR2, true}}) {
-        int pending = raised;
-        fake::state().onSettingRead = [&pending](int) {
-            if (pending) signalHandler(std::exchange(pending, 0));
-        };
-        sigFlags = SIG_BIT_RELOAD;
-        state.waitArmed = true;  // and run down: a surviving pass does not wait
-        state.waitDeadlineMs = 0;
-        EXPECT_EQ(runLoopPass(state), keepsRunning) << raised;
-        EXPECT_EQ(sigFlags.load(), keepsRunning ? 0u : SIG_BIT_TERMINATE) << raised;
-    }
-    ASSERT_EQ(openSignalWake(state), 0);
-    fd_set set;
-    timeval zero{};
-    signalHandler(SIGHUP);
-    EXPECT_EQ(select(buildReadSet(state, set), &set, nullptr, nullptr, &zero), 1);
-    drainSignalWake(state);
-    EXPECT_EQ(select(buildReadSet(state, set), &set, nullptr, nullptr, &zero), 0);
 }
 
 // A failed wait (EBADF here, EINTR on a signal) runs no duty.

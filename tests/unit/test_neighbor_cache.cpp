@@ -76,23 +76,4 @@ TEST_F(NeighborCacheTest, ReplacementsAreReportedAtMostOncePerMinute) {
     EXPECT_EQ(seeNew(kNeighborCapacity + 8, 1), "");
 }
 
-TEST_F(NeighborCacheTest, AgeingRemovesEveryExpiredEntryAndStopsAtTheYoungOnes) {
-    constexpr uint32_t kOld = 300;  // several ageing batches
-    for (uint32_t n = 0; n < kOld; ++n) see(n);
-    fake::advanceSeconds(1);
-    see(kOld);
-    see(0);  // seen again: young like the last one
-    fake::advanceSeconds(kNeighborLifetimeSec - 1);
-    aging_neighbor_host(0);
-    EXPECT_EQ(entries(), 2u);
-    EXPECT_TRUE(cached(0) && cached(kOld));
-    see(1);  // an aged-out MAC comes back as a new entry
-    fake::advanceSeconds(1);
-    aging_neighbor_host(0);
-    EXPECT_EQ(entries(), 1u);
-    EXPECT_TRUE(cached(1));
-    aging_neighbor_host(1);
-    EXPECT_EQ(entries(), 0u);
-}
-
 }  // namespace

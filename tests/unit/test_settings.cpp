@@ -36,7 +36,7 @@ TEST_F(SettingsTest, LimitsAreAppliedWhenTheirStoredValueChanges) {
                               {MIB_BANDWIDTH_ENABLE, 0x101},
                               {MIB_BANDWIDTH_INTERVAL, 10}};
     applyChangedSettings(applied);
-    EXPECT_EQ(limits(), std::tuple(0u, 8u, 1, 10u));
+    EXPECT_EQ(limits(), std::tuple(256u, 8u, 1, 10u));
     setMaxLanHostNum(4);
     setMaxControlledNum(2);
     reloadSettings(applied);

@@ -14,10 +14,6 @@ fake::Mac mac(int k) {
 
 class SourcesTest : public RootedTest {
    protected:
-    void SetUp() override {
-        RootedTest::SetUp();
-        setMaxLanHostNum(kHostPoolSize);
-    }
     static bool present(int k) { return getHostrixByMac(mac(k).data()) != nullptr; }
 };
 
@@ -61,31 +57,6 @@ TEST_F(SourcesTest, ArpListKeepsBridgeLinesInFileOrder) {
     free_arp_entries(&head);
 }
 
-// The cycle's index answers as the scans do, also with more MACs than it indexes.
-TEST_F(SourcesTest, IndexedLookupsAnswerAsTheScans) {
-    for (int macs : {3, 300}) {
-        std::string text = "IP address HW type Flags HW address Mask Device\n";
-        for (int i = 0; i < macs * 2; ++i) {  // every MAC twice, the first time incomplete
-            char line[96];
-            std::snprintf(line, sizeof line, "10.0.%d.%d 0x1 %s 02:00:00:00:%02x:%02x * br0\n",
-                          i / 250, i % 250 + 1, i < macs ? "0x0" : "0x2", i % macs / 256,
-                          i % macs % 256);
-            text += line;
-        }
-        fake::state().kernelFiles["/proc/net/arp"] = text;
-        arp_entry *head = nullptr;
-        ASSERT_EQ(collect_arp_entries(&head), macs * 2);
-        for (int i : {0, macs / 2, macs - 1}) {
-            arp_entry *first = firstArpEntry(head, mac(i).data());
-            ASSERT_EQ(first, find_arp_entry(head, mac(i).data())) << macs << " " << i;
-            arp_entry *next = nextArpEntryOfMac(head, first);
-            ASSERT_EQ(next, find_arp_entry(first->next, mac(i).data())) << macs << " " << i;
-            EXPECT_EQ(nextArpEntryOfMac(head, next), nullptr);
-        }
-        free_arp_entries(&head);
-    }
-}
-
 // Per MAC the first address wins unless it is link-local (fe80::/10).
 TEST_F(SourcesTest, NeighbourListKeepsOneUsefulAddressPerMac) {
     fake::state().commandOutput["ip -6 neigh"] =
@@ -112,26 +83,6 @@ TEST_F(SourcesTest, NeighbourListKeepsOneUsefulAddressPerMac) {
     }
     EXPECT_EQ(head->mac[5], 4);  // newest MAC first
     free_ipv6_neigh(&head);
-}
-
-TEST_F(SourcesTest, LeasesAreReusedFor4SecondsAndReadAt5) {
-    fake::state().monotonic.tv_sec = 3;  // a young clock still reads at the first call
-    fake::state().leases = {dhcp_lease{}};
-    EXPECT_EQ(refresh_dhcp_leases(), 1);
-    fake::state().leases.resize(2);
-    fake::advanceSeconds(4);
-    EXPECT_EQ(refresh_dhcp_leases(), 1);
-    fake::advanceSeconds(1);
-    EXPECT_EQ(refresh_dhcp_leases(), 2);
-    fake::state().leases.clear();
-    fake::advanceSeconds(5);
-    EXPECT_EQ(refresh_dhcp_leases(), 0);
-    EXPECT_EQ(dhcpLeaseSnapshot(), nullptr);
-    // A database the server rewrote is read in the next cycle, however young.
-    fake::state().leases = {dhcp_lease{}};
-    fake::state().leasesChanged = true;
-    fake::advanceSeconds(1);
-    EXPECT_EQ(refresh_dhcp_leases(), 1);
 }
 
 }  // namespace

@@ -17,10 +17,6 @@ fake::Mac mac(uint8_t k) {
 
 class WlanStaTest : public HostrixTest {
    protected:
-    void SetUp() override {
-        HostrixTest::SetUp();
-        setMaxLanHostNum(kHostPoolSize);
-    }
     static bool known(uint8_t k) { return is_wifi_station(mac(k).data()); }
     static hostEntry *host(uint8_t k, const char *ifname, uint8_t type) {
         hostEntry *entry = addHost(mac(k), ifname);
@@ -50,15 +46,6 @@ TEST_F(WlanStaTest, SnapshotKeepsAssociatedStationsOfLiveInterfacesFromPosition1
     fake::state().stations["wlan1-vap3"].resize(3);
     collectWlanStaInfo();
     EXPECT_EQ(wlanStaTable[9].staNum, 2u);  // rebuilt, not appended
-}
-
-TEST_F(WlanStaTest, FuncoffIsTheLeadingNumberOfTheFirstLine) {
-    const std::pair<const char *, int> outputs[] = {
-        {"0\n", 0}, {"1\n", 1}, {"2abc\n", 1}, {"", 0}, {"\n1\n", 0}};
-    for (auto [output, off] : outputs) {
-        fake::state().commandOutput[funcoffCommand("wlan0")] = output;
-        EXPECT_EQ(checkWlanFuncoff("wlan0"), off) << output;
-    }
 }
 
 TEST_F(WlanStaTest, WiredHostGetsItsPortSpeedInBothRates) {
