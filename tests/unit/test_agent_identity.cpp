@@ -50,15 +50,15 @@ TEST(AgentOui, LongestPrefixWins) {
 TEST(AgentOui, RefusesAMalformedFile) {
     OuiRows rows;
     addOuiCsv(kLarge, rows);
-    std::string good = buildOuiFile(rows);
+    const std::string good = buildOuiFile(rows);
     OuiDb db;
     EXPECT_FALSE(db.adopt(good.substr(0, good.size() - 1)));  // truncated
-    std::string badName = good;
-    badName[28] = '\x7f';  // the first entry's name offset points past the names
-    EXPECT_FALSE(db.adopt(badName));
-    std::string badMagic = good;
-    badMagic[0] = 'X';
-    EXPECT_FALSE(db.adopt(badMagic));
+    // The first entry's name offset past the names; a wrong magic.
+    for (auto [at, byte] : {std::pair{28, '\x7f'}, std::pair{0, 'X'}}) {
+        std::string bad = good;
+        bad[at] = byte;
+        EXPECT_FALSE(db.adopt(bad)) << at;
+    }
     EXPECT_FALSE(db.load("/nonexistent/hostrix-oui.bin"));
     EXPECT_EQ(db.lookup(std::array<uint8_t, 6>{0x70, 0xb3, 0xd5, 0, 0, 0}), "");
 }

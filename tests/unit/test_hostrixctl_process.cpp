@@ -51,9 +51,8 @@ public:
     }
 
     // Takes the next request (all zero if none comes) and answers as the daemon does:
-    // replyTag takes the request's status, status 0, then FILL; sends the first BYTES.
-    ctrlMsg_t serve(const std::function<void(ctrlMsg_t &)> &fill = {},
-                    size_t bytes = sizeof(ctrlMsg_t)) {
+    // replyTag takes the request's status, status 0, then FILL.
+    ctrlMsg_t serve(const std::function<void(ctrlMsg_t &)> &fill = {}) {
         ctrlMsg_t request{};
         UniqueFd conn(accept(fd_.get(), nullptr, nullptr));
         if (!conn.valid()) return request;
@@ -62,7 +61,7 @@ public:
         reply.replyTag = request.status;
         reply.status = kCtrlStatusOk;
         if (fill) fill(reply);
-        send(conn.get(), &reply, bytes, MSG_NOSIGNAL);
+        send(conn.get(), &reply, sizeof reply, MSG_NOSIGNAL);
         return request;
     }
 

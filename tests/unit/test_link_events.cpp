@@ -24,14 +24,8 @@ using nlbytes::Bytes;
 using nlbytes::join;
 using nlbytes::raw;
 
-Bytes text(const std::string &value, bool terminated = true) {
-    Bytes out(value.begin(), value.end());
-    if (terminated) out.push_back(0);
-    return out;
-}
-
 Bytes name(const std::string &ifname) {
-    return nlbytes::attr(IFLA_IFNAME, text(ifname));
+    return nlbytes::attr(IFLA_IFNAME, Bytes(ifname.c_str(), ifname.c_str() + ifname.size() + 1));
 }
 
 Bytes master(uint32_t ifindex) {
@@ -44,14 +38,6 @@ Bytes link(uint16_t type, const Bytes &attributes) {
     return nlbytes::message(type, 0, join({raw(info), attributes}));
 }
 
-// MESSAGE without the padding after its last attribute, so that nothing follows it.
-Bytes unpadded(Bytes message, size_t padding) {
-    message.resize(message.size() - padding);
-    const auto length = uint32_t(message.size());
-    std::memcpy(message.data(), &length, sizeof length);
-    return message;
-}
-
 // An exactly sized heap copy, so that ASan catches a read past the end.
 void feed(const Bytes &bytes) {
     auto copy = std::make_unique<uint8_t[]>(bytes.size());
@@ -62,17 +48,17 @@ void feed(const Bytes &bytes) {
 // "name/master" of each monitored one of the interfaces made below.
 std::string monitored() {
     std::string out;
-    for (const char *name : {"br0", "nas0_1", "wlan0-vxd-12345", "eth0.3", "nas0_2", "nas1_0"})
+    for (const char *name : {"br0", "nas0_1", "eth0.3", "nas0_2", "nas1_0"})
         if (const sd_intf *r = find_monitor_intf(name))
             out += (out.empty() ? "" : " ") + std::string(name) + "/" +
                    (r->master ? r->master->ifname : "NULL");
     return out;
 }
 
-// br0 (monitored) with the ports nas0_1, wlan0-vxd-12345, eth0.3 and nas1_0; br1 with nas0_2.
+// br0 (monitored) with the ports nas0_1, eth0.3 and nas1_0; br1 with nas0_2.
 bool makeBridges() {
     if (std::system("ip link add br0 type bridge && ip link add br1 type bridge && i=0; "
-                    "for p in nas0_1:br0 wlan0-vxd-12345:br0 eth0.3:br0 nas0_2:br1 nas1_0:br0; do "
+                    "for p in nas0_1:br0 eth0.3:br0 nas0_2:br1 nas1_0:br0; do "
                     "i=$((i+1)); ip link add ${p%:*} type veth peer name hxp$i && "
                     "ip link set ${p%:*} master ${p#*:} || exit 1; done") != 0)
         return false;
@@ -83,8 +69,8 @@ bool makeBridges() {
     return add_monitor_intf("br0", nullptr) != nullptr;
 }
 
-// Only "nas0" names and repeaters are followed, and only into a monitored bridge; the
-// lab's sniffer test sees ports come and go. The walk's bounds are the walker's tests'.
+// A "nas0" port is followed, other names are not, and only into a monitored bridge; the
+// lab's sniffer test sees ports come and go. Bounds are the walker's and fuzz target's.
 int walkInChild() {
     if (!makeBridges()) return kNetnsNoSetup;
     const uint32_t br0 = if_nametoindex("br0"), br1 = if_nametoindex("br1");
@@ -98,24 +84,11 @@ int walkInChild() {
          join({link(RTM_NEWLINK, join({name("eth0.3"), master(br0)})),
                link(RTM_NEWLINK, join({name("nas1_0"), master(br0)}))}),
          "br0/NULL"},
-        {"short master",
-         link(RTM_NEWLINK, join({name("nas0_1"), nlbytes::attr(IFLA_MASTER, {uint8_t(br0), 0})})),
-         "br0/NULL"},
         {"bridge not monitored", link(RTM_NEWLINK, join({name("nas0_2"), master(br1)})),
          "br0/NULL"},
         {"a port joins in a second message",
          join({link(RTM_NEWLINK, join({name("eth0.3"), master(br0)})), link(RTM_NEWLINK, nas)}),
          "br0/NULL nas0_1/br0"},
-        {"unterminated name of 15 bytes, last",
-         unpadded(link(RTM_NEWLINK, join({master(br0), nlbytes::attr(IFLA_IFNAME,
-                                                                     text("wlan0-vxd-12345", false))})),
-                  1),
-         "br0/NULL nas0_1/br0 wlan0-vxd-12345/br0"},
-        {"overlong name",
-         link(RTM_NEWLINK,
-              join({nlbytes::attr(IFLA_IFNAME, text("nas0_1" + std::string(34, 'w'), false)),
-                    master(br0)})),
-         "br0/NULL nas0_1/br0 wlan0-vxd-12345/br0"},
         {"bridge leaves with its ports", link(RTM_DELLINK, name("br0")), ""},
     };
     for (const auto &step : steps) {
