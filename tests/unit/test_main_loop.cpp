@@ -12,7 +12,6 @@
 #include "control/ctrl_socket.h"
 #include "control/host_file.h"
 #include "core/daemon.h"
-#include "reader_lock.h"
 #include "root_fixture.h"
 
 namespace {
@@ -177,7 +176,10 @@ TEST_F(MainLoopTest, DutiesRunWhenDue) {
 // tick; a write that succeeds waits the full 30 s.
 TEST_F(MainLoopTest, SkippedFileWriteIsRetriedAtTheNextTick) {
     ASSERT_EQ(writeLanHostInfo(), 0);
-    ReaderLock reader(hostrixPath(HostrixFile::HostInfo));
+    UniqueFd reader(open(hostrixPath(HostrixFile::HostInfo), O_RDONLY));
+    struct flock lock {};  // as a local reader holds it; conflicts even within this process
+    lock.l_type = F_RDLCK;
+    ASSERT_EQ(fcntl(reader.get(), F_OFD_SETLK, &lock), 0);
     state.nextFileWrite = static_cast<int32_t>(now);
     runPeriodicDuties(state);
     EXPECT_EQ(state.nextFileWrite, now + 1);
@@ -185,7 +187,7 @@ TEST_F(MainLoopTest, SkippedFileWriteIsRetriedAtTheNextTick) {
     sigFlags = SIG_BIT_REFRESH;
     EXPECT_TRUE(handleSignalWork(state));
     EXPECT_EQ(state.nextFileWrite, now + 1);
-    reader.letGo();
+    reader.reset();
     fake::advanceSeconds(1);
     runPeriodicDuties(state);
     EXPECT_EQ(state.nextFileWrite, now + 31);
