@@ -1,4 +1,5 @@
-// Limits, per-host attributes and the two event commands, through the dispatcher.
+// Per-host attributes and the release command, through the dispatcher. The limits and
+// port-down are the lab's control test's.
 #include <arpa/inet.h>
 
 #include "ctrl_request.h"

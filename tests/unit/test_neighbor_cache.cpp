@@ -1,5 +1,5 @@
-// The neighbour cache's bound: which entry a new MAC replaces when it is full, the
-// line that reports it, and ageing through many entries at once.
+// The neighbour cache's bound: which entry a new MAC replaces when it is full, and the
+// line that reports it. Ageing is the packet parser's tests'.
 #include <arpa/inet.h>
 
 #include <regex>

@@ -1,4 +1,5 @@
-// The per-cycle sources: ignore list, ARP table, IPv6 neighbours and the lease snapshot.
+// The per-cycle sources: ignore list, ARP table and IPv6 neighbours. The lease snapshot
+// and the ARP index are the discovery cycle's tests'.
 #include <arpa/inet.h>
 
 #include <filesystem>
