@@ -1,5 +1,5 @@
-// The per-cycle sources: ignore list, ARP table and IPv6 neighbours. The lease snapshot
-// and the ARP index are the discovery cycle's tests'.
+// The per-cycle sources: ignore list, ARP table, IPv6 neighbours and the lease snapshot.
+// The ARP index is the discovery cycle's tests'.
 #include <arpa/inet.h>
 
 #include <filesystem>
@@ -56,6 +56,18 @@ TEST_F(SourcesTest, ArpListKeepsBridgeLinesInFileOrder) {
     EXPECT_EQ(std::tuple(std::string(second->ifname), second->complete), std::tuple("br1", 0u));
     EXPECT_EQ(find_arp_entry(second->next, mac(5).data()), nullptr);
     free_arp_entries(&head);
+}
+
+// The snapshot serves the cycles of 5 s, but a database the server rewrote (a release)
+// is read at the next cycle, however young the snapshot.
+TEST_F(SourcesTest, LeasesAreReusedFor4SecondsUnlessTheServerRewroteThem) {
+    fake::state().leases = {dhcp_lease{}};
+    EXPECT_EQ(refresh_dhcp_leases(), 1);
+    fake::state().leases.resize(2);
+    fake::advanceSeconds(4);
+    EXPECT_EQ(refresh_dhcp_leases(), 1);
+    fake::state().leasesChanged = true;
+    EXPECT_EQ(refresh_dhcp_leases(), 2);
 }
 
 // Per MAC the first address wins unless it is link-local (fe80::/10).
