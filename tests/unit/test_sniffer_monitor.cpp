@@ -154,6 +154,7 @@ TEST_F(SnifferMonitorTest, ThreadTakesItsListAndStopsForGood) {
         const bool named = threadNamedSnifferExists();
         stopSnifferMonitor();
         const bool stopped = !threadNamedSnifferExists() && !snifferRunning();
+        dump_monitor_intf();  // as SIGHUP shows it; the lab's sniffer test reads it too
         const std::string out = ::testing::internal::GetCapturedStdout();
         NETNS_CHECK(nullListStartsNothing && started == 0 && again == -1 && setUp && named);
         NETNS_CHECK(stopped && find_monitor_intf("nas0_0")->master == find_monitor_intf("br0"));
@@ -163,6 +164,8 @@ TEST_F(SnifferMonitorTest, ThreadTakesItsListAndStopsForGood) {
                     out.find(duplicate) == out.rfind(duplicate));
         NETNS_CHECK(out.find("Cannot get interface(abcdefghijklmnop)\n") != std::string::npos);
         NETNS_CHECK(out.find("abcdefghijklmnopq") == std::string::npos);
+        NETNS_CHECK(out.find(" MASTER NULL\n") != std::string::npos &&
+                    out.find(" MASTER br0\n") != std::string::npos);
         snifferReset();
 
         setSnifferMonitorLogLevel(0);  // the closed socket's failed receive is expected
