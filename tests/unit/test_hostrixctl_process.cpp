@@ -1,6 +1,6 @@
 // The real hostrixctl binary against a scripted control socket (exact requests, crafted
-// replies) and a crafted host file. Its exit codes against the real daemon, or none, are
-// the lab's control test's.
+// replies) and a crafted host file. Usage errors and the real daemon are the lab's
+// control test's.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>

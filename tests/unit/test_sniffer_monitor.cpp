@@ -1,5 +1,6 @@
-// The sniffer's kernel filter and wait on socket pairs; its thread against real bridges
-// in a private network namespace. The lab's sniffer test reads its interface list.
+// The sniffer's kernel filter and wait on socket pairs; its thread and interface dump
+// against real bridges in a private network namespace. The lab's sniffer test follows
+// ports as they come and go.
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <sys/socket.h>
