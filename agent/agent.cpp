@@ -138,7 +138,8 @@ void Agent::loop() {
         timespec mono{};
         clock_gettime(CLOCK_MONOTONIC, &mono);
         int waitMs = static_cast<int>(1000 - mono.tv_nsec / 1000000);
-        if (web_ && web_->timeoutMs() >= 0) waitMs = std::min(waitMs, web_->timeoutMs());
+        int webMs = web_ ? web_->timeoutMs() : -1;
+        if (webMs >= 0) waitMs = std::min(waitMs, webMs);
         if (poll(fds.data(), fds.size(), waitMs) < 0) continue;
         now_ = wallSeconds(), nowMono_ = monotonicSeconds();
         servePoll(fds, hubAt);
