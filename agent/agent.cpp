@@ -7,6 +7,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "agent_paths.h"
@@ -82,6 +83,7 @@ bool Agent::setUp() {
     ifnames_ = readIfnameMap(hostrixPath(HostrixFile::Config));
     loadHistory();
     openSideChannels();
+    startWeb();
     agentLog("serving subscribers at " + path);
     return true;
 }
@@ -131,10 +133,13 @@ void Agent::loop() {
                                    {mdns_.v6.get(), POLLIN, 0}};
         size_t hubAt = fds.size();
         hub_->addPollFds(fds);
+        if (web_) web_->addPollFds(fds);
         // Wakes at the next whole second of the tick, so polling stays once a second.
         timespec mono{};
         clock_gettime(CLOCK_MONOTONIC, &mono);
         int waitMs = static_cast<int>(1000 - mono.tv_nsec / 1000000);
+        int webMs = web_ ? web_->timeoutMs() : -1;
+        if (webMs >= 0) waitMs = std::min(waitMs, webMs);
         if (poll(fds.data(), fds.size(), waitMs) < 0) continue;
         now_ = wallSeconds(), nowMono_ = monotonicSeconds();
         servePoll(fds, hubAt);
@@ -157,9 +162,11 @@ void Agent::servePoll(const std::vector<pollfd> &fds, size_t hubAt) {
         if ((fds[i].revents & POLLIN) && receiveMdns(fds[i].fd, records)) mdnsHeard(records);
     }
     hub_->serve(fds, hubAt, nowMono_);
+    if (web_) web_->run();  // libmicrohttpd looks at its own descriptors
 }
 
 void Agent::tick() {
+    if (web_) web_->tick(nowMono_);
     for (auto &[mac, device] : devices_)
         if (device.online) device.lastSeen = now_;
     if (pollDaemon()) {

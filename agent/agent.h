@@ -20,6 +20,7 @@
 #include "oui.h"
 #include "platform/ifname_map.h"
 #include "subscribers.h"
+#include "web_server.h"
 
 inline constexpr int64_t kMaxDevicesInMemory = 4096;
 inline constexpr size_t kMaxMdnsCache = 1024;
@@ -68,6 +69,13 @@ private:
     void pruneDevices();
     DeviceRow rowOf(const Device &device) const;
 
+    // agent_web.cpp: the web page, its event stream and /metrics.
+    void startWeb();
+    std::string streamGreeting(std::optional<uint64_t> lastEventId);
+    std::optional<std::string> deviceDetail(const std::string &mac);
+    std::vector<SessionChange> sessionsOf(const std::string &mac);
+    std::string metricsPage();
+
     AgentConfig config_;
     int64_t now_ = 0;      // Unix seconds, set each loop turn
     int64_t nowMono_ = 0;  // monotonic seconds
@@ -93,4 +101,6 @@ private:
     };
     std::map<std::array<uint8_t, 17>, MdnsSeen> mdnsCache_;  // family byte + address
     bool stop_ = false;
+    std::map<std::string, uint64_t, std::less<>> eventCounts_;  // by kind, for /metrics
+    std::unique_ptr<WebServer> web_;  // last: it goes first, before what it shows
 };

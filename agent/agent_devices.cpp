@@ -193,6 +193,8 @@ void Agent::emit(std::string_view kind, Device &device) {
                        utcText(now_) + "\",\"event\":\"" + std::string(kind) + "\",\"host\":" +
                        host + "}";
     hub_->broadcast(line);
+    ++eventCounts_[std::string(kind)];
+    if (web_) web_->publish(seq, line);
     ring_.push(std::move(line));
 }
 

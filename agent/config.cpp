@@ -28,6 +28,7 @@ std::string applyKey(std::string_view key, std::string_view value, AgentConfig &
     if (key == "history_db") return config.historyDb = value, "";
     if (key == "oui_file") return config.ouiFile = value, "";
     if (key == "mdns_interface") return config.mdnsInterface = value, "";
+    if (key == "http_listen") return config.httpListen = value, "";
     if (key == "agent_sets")
         return parseSwitch(value, config.agentSets) ? "" : "agent_sets takes on or off";
     if (key == "mdns") return parseSwitch(value, config.mdns) ? "" : "mdns takes on or off";

@@ -17,6 +17,7 @@ struct AgentConfig {
     std::string mdnsInterface;  // empty: the kernel's name for br0 (mib.conf ifname.br0)
     bool agentSets = true;      // brand and os written to the daemon where it holds OTHER
     bool mdns = true;
+    std::string httpListen = "127.0.0.1:8089";  // the web page and /metrics; "off": none
 };
 
 // Problems come as "line N: what is wrong".

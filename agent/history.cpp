@@ -155,6 +155,21 @@ std::vector<SessionChange> History::openSessions() {
     return open;
 }
 
+std::vector<SessionChange> History::sessionsOf(const std::string &mac, size_t limit) {
+    std::vector<SessionChange> sessions;
+    SqliteStatement s = prepare(
+        "SELECT online_from, online_until FROM sessions WHERE mac = ? ORDER BY online_from DESC LIMIT ?");
+    if (!s) return sessions;
+    bindText(s.get(), 1, mac);
+    sqlite3_bind_int64(s.get(), 2, static_cast<int64_t>(limit));
+    while (sqlite3_step(s.get()) == SQLITE_ROW) {
+        SessionChange session{mac, sqlite3_column_int64(s.get(), 0), std::nullopt};
+        if (sqlite3_column_type(s.get(), 1) != SQLITE_NULL) session.until = sqlite3_column_int64(s.get(), 1);
+        sessions.push_back(std::move(session));
+    }
+    return sessions;
+}
+
 bool History::write(const std::vector<DeviceRow> &devices, const std::vector<FingerprintRow> &prints,
                     const std::vector<SessionChange> &sessions) {
     if (!usable()) return false;

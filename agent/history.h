@@ -59,6 +59,8 @@ public:
     std::vector<FingerprintRow> fingerprintsSince(int64_t since);
     // Sessions still open from an earlier run: mac and start.
     std::vector<SessionChange> openSessions();
+    // The newest LIMIT sessions of MAC, newest first (as written so far).
+    std::vector<SessionChange> sessionsOf(const std::string &mac, size_t limit);
 
     // One transaction; false (and the database let go, reported once) on failure.
     bool write(const std::vector<DeviceRow> &devices, const std::vector<FingerprintRow> &prints,

@@ -18,6 +18,7 @@ DAEMON_PID_FILE="$LAB_DIR/hostrix.daemon.pid"
 AGENT_LOG="$LAB_DIR/agent.log"
 AGENT_SOCKET="$DAEMON_ROOT/var/run/hostrix-agent.sock"
 CONTROL_SOCKET="$DAEMON_ROOT/var/run/.hostrix_msg"
+WEB_URL="http://127.0.0.1:8089/"  # hostrix-agent's http_listen default, inside hx-gw
 readonly REFRESH_S=3 STOP_GRACE_S=3 SOCKET_WAIT_S=15
 
 DURATION=0
@@ -188,6 +189,24 @@ start_story() {
     STORY_PID=$!
 }
 
+# The agent's page listens inside hx-gw; the demo shows that it answers with the
+# LAN's devices and says how to open it from here.
+show_web_page() {
+    [[ -n "$AGENT_PID" ]] || return 0
+    say "The connected-devices page: $WEB_URL in namespace hx-gw (http_listen in agent.conf)"
+    local tries=50 count=0
+    while ((tries-- > 0)) && pid_alive "$AGENT_PID"; do
+        count="$(ip netns exec hx-gw python3 -c 'import json, sys, urllib.request
+print(len(json.load(urllib.request.urlopen(sys.argv[1] + "api/hosts", timeout=2))["hosts"]))' "$WEB_URL" 2>/dev/null)" || count=0
+        ((count > 0)) && break
+        sleep 0.2
+    done
+    note "it answers: ${WEB_URL}api/hosts lists $count online devices; ${WEB_URL}metrics has their traffic"
+    note "open it from this machine (socat forwards port 8089 into hx-gw), then browse $WEB_URL:"
+    note "  socat TCP-LISTEN:8089,bind=127.0.0.1,fork,reuseaddr EXEC:'ip netns exec hx-gw socat STDIO TCP:127.0.0.1:8089'"
+    note "or take a picture: ip netns exec hx-gw chromium --headless --no-sandbox --screenshot=/tmp/page.png $WEB_URL"
+}
+
 # The one place that picks the view: the client once it is built, the log until then.
 show_live_view() {
     local until="until Ctrl-C"
@@ -276,6 +295,7 @@ main() {
     lab_fresh_up
     start_daemon
     start_agent
+    show_web_page
     show_live_view
 }
 

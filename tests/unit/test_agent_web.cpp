@@ -1,0 +1,90 @@
+// The web server's pure parts: what a client may send (Last-Event-ID, the listen
+// setting) and what Prometheus reads (label values, the series bound, /proc).
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include "web_text.h"
+
+namespace {
+
+TEST(AgentWebEventId, OnlyPlainDecimalsThatFit) {
+    const std::pair<const char *, std::optional<uint64_t>> cases[] = {
+        {"1795595851000001", 1795595851000001},
+        {"18446744073709551615", UINT64_MAX},
+        {"18446744073709551616", std::nullopt},  // overflow
+        {"000000000000000000001", std::nullopt},  // longer than any number
+        {"", std::nullopt},
+        {"-1", std::nullopt},
+        {" 7", std::nullopt},
+        {"7x", std::nullopt},
+    };
+    for (const auto &[text, want] : cases) EXPECT_EQ(parseLastEventId(text), want) << text;
+}
+
+TEST(AgentWebEventId, AnEventIsItsIdAndOneDataLine) {
+    EXPECT_EQ(sseMessage(42, R"({"a":1})"), "id: 42\ndata: {\"a\":1}\n\n");
+    // A stray line break would end the event early and let its rest pose as a field.
+    EXPECT_EQ(sseMessage(1, "x\ndata: y\r"), "id: 1\ndata: x data: y \n\n");
+}
+
+TEST(AgentWebListen, NumericAddressAndPortOnly) {
+    const std::pair<const char *, int> cases[] = {  // family, 0: refused
+        {"127.0.0.1:8089", AF_INET}, {"0.0.0.0:80", AF_INET},  {"[::1]:8089", AF_INET6},
+        {"[::]:65535", AF_INET6},    {"::1:8089", 0},           {"localhost:8089", 0},
+        {"127.0.0.1:0", 0},          {"127.0.0.1:65536", 0},    {"127.0.0.1:80x", 0},
+        {"127.0.0.1", 0},            {"127.0.0.1:", 0},         {"[::1:8089", 0},
+    };
+    for (const auto &[text, family] : cases) {
+        std::optional<ListenAddress> got = parseListenAddress(text);
+        EXPECT_EQ(got ? got->addr.ss_family : 0, family) << text;
+    }
+    auto v4 = parseListenAddress("10.0.0.1:8089");
+    ASSERT_TRUE(v4);
+    EXPECT_EQ(ntohs(reinterpret_cast<const sockaddr_in &>(v4->addr).sin_port), 8089);
+}
+
+TEST(AgentWebMetrics, LabelValuesCannotBreakTheFormat) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"tv", "tv"},
+        {R"(a\b)", R"(a\\b)"},
+        {R"(say "hi")", R"(say \"hi\")"},
+        {"two\nlines", R"(two\nlines)"},
+        {"caf\xc3\xa9\x01\x7f", "caf????"},  // only ASCII: valid UTF-8 whatever came
+        {std::string(100, 'n'), std::string(kMaxLabelBytes, 'n')},
+    };
+    for (const auto &[value, want] : cases) EXPECT_EQ(metricLabel(value), want) << value;
+}
+
+TEST(AgentWebMetrics, TrafficSeriesAreBoundedAndLabelled) {
+    std::vector<HostTraffic> hosts(kMaxMetricHosts + 10, {"0a:00:00:00:00:01", "n\"x", 5, 7});
+    std::string text = metricsText(hosts.size(), hosts, {{"new", 3}}, {});
+    auto count = [&](const std::string &needle) {
+        size_t n = 0;
+        for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+        return n;
+    };
+    EXPECT_EQ(count("\nhostrix_host_receive_bytes_total{"), kMaxMetricHosts);
+    EXPECT_EQ(count("\nhostrix_host_transmit_bytes_total{"), kMaxMetricHosts);
+    EXPECT_NE(text.find("hostrix_hosts_online 266\n"), std::string::npos);
+    EXPECT_NE(text.find("hostrix_host_receive_bytes_total{mac=\"0a:00:00:00:00:01\",name=\"n\\\"x\"} 5\n"),
+              std::string::npos);
+    EXPECT_NE(text.find("hostrix_host_transmit_bytes_total{mac=\"0a:00:00:00:00:01\",name=\"n\\\"x\"} 7\n"),
+              std::string::npos);
+    EXPECT_NE(text.find("hostrix_events_total{event=\"new\"} 3\n"), std::string::npos);
+}
+
+TEST(AgentWebProcess, StatFieldsCountFromTheLastParenthesis) {
+    // pid (comm) state ppid pgrp session tty tpgid flags minflt cminflt majflt cmajflt
+    // utime stime cutime cstime priority nice threads itrealvalue starttime vsize rss
+    std::string stat = "77 (a) b) c) S 1 77 77 0 -1 4194560 100 0 0 0 "
+                       "250 50 0 0 20 0 1 0 1000 9000000 300 18446744073709551615\n";
+    std::optional<ProcessFigures> got = parseProcStat(stat, 100, 4096, 1000.0);
+    ASSERT_TRUE(got);
+    EXPECT_DOUBLE_EQ(got->cpuSeconds, 3.0);
+    EXPECT_EQ(got->residentBytes, 300u * 4096);
+    EXPECT_DOUBLE_EQ(got->startTimeSeconds, 1010.0);
+    EXPECT_FALSE(parseProcStat("77 (a) S 1 2 3", 100, 4096, 0));
+    EXPECT_FALSE(parseProcStat("no parenthesis", 100, 4096, 0));
+}
+
+}  // namespace
