@@ -6,6 +6,9 @@ ASAN_BUILD   ?= build-asan
 FUZZ_BUILD   ?= build-fuzz
 BENCH_BUILD  ?= build-bench
 DEMO_SECONDS ?=
+# make install: where the programs go (DESTDIR is honoured too); the settings stay in /etc/hostrix.
+PREFIX       ?= /usr/local
+INSTALL_BUILD ?= build-install
 # Seconds each fuzz target runs: bounded in `make check`, longer in `make fuzz`.
 CHECK_FUZZ_SECONDS ?= 20
 FUZZ_SECONDS ?= 1800
@@ -14,11 +17,11 @@ FUZZ_RUNS ?= 10000000
 
 DEPS := cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev \
         libbenchmark-dev libnftnl-dev libmnl-dev libsqlite3-dev ieee-data iproute2 dnsmasq-base \
-        busybox nftables tcpdump python3 procps faketime
+        busybox nftables tcpdump python3 procps faketime scdoc
 
 CMAKE_GEN := -G Ninja
 
-.PHONY: all build deps check unit asan e2e fuzz fuzz-build fuzz-run bench demo clean
+.PHONY: all build deps check unit asan e2e fuzz fuzz-build fuzz-run bench demo clean install uninstall
 
 all: build
 
@@ -73,5 +76,20 @@ bench: deps
 demo: deps build
 	lab/demo.sh $(DEMO_SECONDS)
 
+# The programs, vendor registry, man pages, example settings and systemd units, under
+# DESTDIR and PREFIX. As root into the real system it also creates the agent's user
+# and group (systemd-sysusers). Its own build folder, so the prefix in the units
+# never leaks into the test build; -O2 as tested, stripped.
+install: deps
+	cmake -S . -B $(INSTALL_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DHOSTRIX_TESTS=OFF -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+	cmake --build $(INSTALL_BUILD)
+	DESTDIR=$(DESTDIR) cmake --install $(INSTALL_BUILD) --strip
+	@packaging/after-install.sh "$(DESTDIR)" "$(PREFIX)"
+
+# Removes what install put there; a settings file changed since is kept, and said so.
+uninstall:
+	@packaging/uninstall.sh $(INSTALL_BUILD)/install_manifest.txt packaging/examples "$(DESTDIR)"
+
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(INSTALL_BUILD)
