@@ -21,7 +21,8 @@ DEPS := cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev
 
 CMAKE_GEN := -G Ninja
 
-.PHONY: all build deps check unit asan e2e fuzz fuzz-build fuzz-run bench demo clean install uninstall
+.PHONY: all build deps check unit asan e2e fuzz fuzz-build fuzz-run bench demo clean install uninstall \
+        cross cross-check cross-deps sizes
 
 all: build
 
@@ -48,10 +49,12 @@ fuzz-run:
 	tests/fuzz/run.sh $(FUZZ_BUILD) $(SECONDS_EACH) $(RUNS_EACH) $(KEEP_CORPUS)
 
 # Every test: unit and process tests, the same under ASan+UBSan, the end-to-end
-# tests in the virtual LAN, and a bounded run of every fuzz target.
+# tests in the virtual LAN, the unit tests on big-endian MIPS under qemu, and a
+# bounded run of every fuzz target.
 check: deps build asan fuzz-build
 	ctest --test-dir $(BUILD) --output-on-failure
 	ctest --test-dir $(ASAN_BUILD) --output-on-failure -L 'unit|process'
+	$(MAKE) --no-print-directory cross-check ARCH=mips
 	$(MAKE) --no-print-directory fuzz-run SECONDS_EACH=$(CHECK_FUZZ_SECONDS)
 
 unit: build
@@ -91,5 +94,26 @@ install: deps
 uninstall:
 	@packaging/uninstall.sh $(INSTALL_BUILD)/install_manifest.txt packaging/examples "$(DESTDIR)"
 
+# Cross builds with Debian's cross compilers (ARCH=arm64|armhf|mips), the unit tests
+# under qemu-user (mips is big-endian), and the programs' stripped sizes.
+ARCH ?= mips
+CROSS_CXX_arm64 := g++-aarch64-linux-gnu
+CROSS_CXX_armhf := g++-arm-linux-gnueabihf
+CROSS_CXX_mips  := g++-mips-linux-gnu
+
+cross-deps:
+	@$(MAKE) --no-print-directory deps DEPS="$(DEPS) $(CROSS_CXX_$(ARCH)) qemu-user-static"
+
+cross: cross-deps
+	packaging/cross/cross.sh build $(ARCH)
+
+cross-check: cross-deps
+	packaging/cross/cross.sh check $(ARCH)
+
+sizes:
+	@$(MAKE) --no-print-directory deps DEPS="$(DEPS) $(CROSS_CXX_arm64) $(CROSS_CXX_armhf) $(CROSS_CXX_mips)"
+	packaging/cross/cross.sh sizes
+
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(INSTALL_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(INSTALL_BUILD) build-x86-64 \
+	  $(foreach a,arm64 armhf mips,build-$(a) build-$(a)-check)

@@ -193,12 +193,14 @@ bool OuiDb::index(const uint8_t *data, size_t size) {
     uint64_t nameBytes = u32At(counts + 12);
     uint64_t tableBytes = (large + medium) * sizeof(Entry32) + small * sizeof(Entry64);
     if (kHeaderSize + tableBytes + nameBytes != size) return false;
+    // Each part is now known to lie within SIZE, so each count fits a size_t.
+    auto count = [](uint64_t n) { return static_cast<size_t>(n); };
     const uint8_t *names = data + kHeaderSize + tableBytes;
     if (nameBytes != 0 && names[nameBytes - 1] != '\0') return false;
     const auto *l = reinterpret_cast<const Entry32 *>(data + kHeaderSize);
-    large_ = {l, large}, medium_ = {l + large, medium};
-    small_ = {reinterpret_cast<const Entry64 *>(l + large + medium), small};
-    names_ = {reinterpret_cast<const char *>(names), nameBytes};
+    large_ = {l, count(large)}, medium_ = {l + large, count(medium)};
+    small_ = {reinterpret_cast<const Entry64 *>(l + large + medium), count(small)};
+    names_ = {reinterpret_cast<const char *>(names), count(nameBytes)};
     auto badName = [&](uint32_t offset) { return littleEndian(offset) >= nameBytes; };
     for (const auto &e : large_) if (badName(e.name)) return false;
     for (const auto &e : medium_) if (badName(e.name)) return false;
