@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # make install as a box gets it: the build installed into a scratch DESTDIR, the
 # installed daemon, client and agent run in the lab from there, the example settings
-# read without complaint, the systemd units verified, and uninstall leaves nothing.
+# read without complaint, the systemd units verified, the OpenWrt package's files and
+# library dependencies checked against the install, and uninstall leaves nothing.
 set -euo pipefail
 # shellcheck source=lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -72,6 +73,8 @@ main() {
     DEST="$E2E_TMP/dest"
     check "cmake --install into a scratch DESTDIR" install_tree
     check "programs, vendor file, man pages, units and settings are installed" check_installed
+    check "the OpenWrt package lints against what was installed" \
+        python3 "$REPO_DIR/packaging/openwrt/lint.py" "$DEST" "$PREFIX"
     if command -v systemd-analyze >/dev/null; then
         check "systemd-analyze verify accepts both units" units_verify
     else
