@@ -10,7 +10,7 @@ DEMO_SECONDS ?=
 PREFIX       ?= /usr/local
 INSTALL_BUILD ?= build-install
 # Seconds each fuzz target runs: bounded in `make check`, longer in `make fuzz`.
-CHECK_FUZZ_SECONDS ?= 20
+CHECK_FUZZ_SECONDS ?= 10
 FUZZ_SECONDS ?= 1800
 # `make fuzz` stops a target once it has made this many executions.
 FUZZ_RUNS ?= 10000000
