@@ -30,13 +30,18 @@ int64_t monotonicSeconds() {
 
 int64_t wallSeconds() { return static_cast<int64_t>(time(nullptr)); }
 
-// hostrix-oui.bin beside the agent's binary.
+// hostrix-oui.bin beside the agent's binary (a build folder), else where an install
+// puts it relative to the binary (PREFIX/sbin -> PREFIX/share/hostrix).
 std::string defaultOuiFile() {
+    constexpr const char *kName = "hostrix-oui.bin";
     char self[PATH_MAX];
     ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0) return "hostrix-oui.bin";
+    if (n <= 0) return kName;
     std::string path(self, static_cast<size_t>(n));
-    return path.substr(0, path.rfind('/') + 1) + "hostrix-oui.bin";
+    std::string folder = path.substr(0, path.rfind('/') + 1);
+    std::string beside = folder + kName;
+    if (access(beside.c_str(), F_OK) == 0) return beside;
+    return folder + "../share/hostrix/" + kName;
 }
 
 UniqueFd blockStopSignals() {

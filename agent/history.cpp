@@ -1,9 +1,8 @@
 #include "history.h"
 
-#include <sys/stat.h>
-
 #include <cerrno>
 
+#include "agent_paths.h"
 #include "log.h"
 
 namespace {
@@ -22,13 +21,6 @@ constexpr const char *kSchema =
 constexpr const char *kDeviceColumns =
     "mac, first_seen, last_seen, vendor, name, name_source, random_mac, os_family, last_ipv4,"
     " last_ipv6, last_ifname, linked_to";
-
-// Creates the folders on the way to PATH's file, as the daemon does for its own.
-void makeParents(const std::string &path) {
-    for (size_t slash = path.find('/', 1); slash != std::string::npos;
-         slash = path.find('/', slash + 1))
-        mkdir(path.substr(0, slash).c_str(), 0755);
-}
 
 void bindText(sqlite3_stmt *statement, int index, const std::string &text) {
     if (text.empty())
@@ -81,7 +73,7 @@ std::string columnText(sqlite3_stmt *statement, int column) {
 
 bool History::open(const std::string &path) {
     path_ = path;
-    makeParents(path);
+    makeParentFolders(path);
     sqlite3 *raw = nullptr;
     int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
     db_.reset(raw);

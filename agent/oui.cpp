@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <map>
 
@@ -13,8 +14,9 @@
 namespace {
 
 // Layout: magic, four counts (large, medium, small, name bytes), the three sorted
-// tables, then the names, each ending in NUL. Native byte order: built on the box's
-// build machine for the box (both little-endian here).
+// tables, then the names, each ending in NUL. Every number is little-endian: the
+// file is built on the build machine, which may differ from the box (a big-endian
+// MIPS router), and a big-endian reader swaps as it reads.
 constexpr char kMagic[8] = {'H', 'X', 'O', 'U', 'I', '1', 0, 0};
 constexpr size_t kHeaderSize = sizeof kMagic + 4 * sizeof(uint32_t);
 constexpr size_t kLargeDigits = 6, kMediumDigits = 7, kSmallDigits = 9;
@@ -82,7 +84,14 @@ void sortUnique(std::vector<std::pair<Key, std::string>> &rows) {
                rows.end());
 }
 
+// The file's byte order to the machine's and back (the same swap both ways).
+constexpr uint32_t littleEndian(uint32_t value) {
+    if constexpr (std::endian::native == std::endian::big) return __builtin_bswap32(value);
+    return value;
+}
+
 void appendU32(std::string &out, uint32_t value) {
+    value = littleEndian(value);
     out.append(reinterpret_cast<const char *>(&value), sizeof value);
 }
 
@@ -103,14 +112,14 @@ private:
 uint32_t u32At(const uint8_t *at) {
     uint32_t value;
     std::memcpy(&value, at, sizeof value);
-    return value;
+    return littleEndian(value);
 }
 
 template <typename Entry>
 const Entry *findKey(std::span<const Entry> table, uint64_t key) {
     auto keyOf = [](const Entry &e) {
-        if constexpr (sizeof(Entry) == 8) return uint64_t{e.key};
-        else return uint64_t{e.keyHigh} << 32 | e.keyLow;
+        if constexpr (sizeof(Entry) == 8) return uint64_t{littleEndian(e.key)};
+        else return uint64_t{littleEndian(e.keyHigh)} << 32 | littleEndian(e.keyLow);
     };
     auto at = std::lower_bound(table.begin(), table.end(), key,
                                [&](const Entry &e, uint64_t k) { return keyOf(e) < k; });
@@ -184,13 +193,15 @@ bool OuiDb::index(const uint8_t *data, size_t size) {
     uint64_t nameBytes = u32At(counts + 12);
     uint64_t tableBytes = (large + medium) * sizeof(Entry32) + small * sizeof(Entry64);
     if (kHeaderSize + tableBytes + nameBytes != size) return false;
+    // Each part is now known to lie within SIZE, so each count fits a size_t.
+    auto count = [](uint64_t n) { return static_cast<size_t>(n); };
     const uint8_t *names = data + kHeaderSize + tableBytes;
     if (nameBytes != 0 && names[nameBytes - 1] != '\0') return false;
     const auto *l = reinterpret_cast<const Entry32 *>(data + kHeaderSize);
-    large_ = {l, large}, medium_ = {l + large, medium};
-    small_ = {reinterpret_cast<const Entry64 *>(l + large + medium), small};
-    names_ = {reinterpret_cast<const char *>(names), nameBytes};
-    auto badName = [&](uint32_t offset) { return offset >= nameBytes; };
+    large_ = {l, count(large)}, medium_ = {l + large, count(medium)};
+    small_ = {reinterpret_cast<const Entry64 *>(l + large + medium), count(small)};
+    names_ = {reinterpret_cast<const char *>(names), count(nameBytes)};
+    auto badName = [&](uint32_t offset) { return littleEndian(offset) >= nameBytes; };
     for (const auto &e : large_) if (badName(e.name)) return false;
     for (const auto &e : medium_) if (badName(e.name)) return false;
     for (const auto &e : small_) if (badName(e.name)) return false;
@@ -225,11 +236,12 @@ std::string_view OuiDb::lookup(std::span<const uint8_t, 6> mac) const {
     uint64_t large = uint64_t{mac[0]} << 16 | uint64_t{mac[1]} << 8 | mac[2];
     uint64_t medium = large << 4 | mac[3] >> 4;
     uint64_t small = large << 12 | uint64_t{mac[3]} << 4 | mac[4] >> 4;
-    const uint32_t *name = nullptr;
-    if (const Entry64 *e = findKey(small_, small)) name = &e->name;
-    else if (const Entry32 *m = findKey(medium_, medium)) name = &m->name;
-    else if (const Entry32 *l = findKey(large_, large)) name = &l->name;
-    if (!name) return {};
-    const char *text = names_.data() + *name;
-    return {text, strnlen(text, names_.size() - *name)};
+    const uint32_t *stored = nullptr;
+    if (const Entry64 *e = findKey(small_, small)) stored = &e->name;
+    else if (const Entry32 *m = findKey(medium_, medium)) stored = &m->name;
+    else if (const Entry32 *l = findKey(large_, large)) stored = &l->name;
+    if (!stored) return {};
+    uint32_t name = littleEndian(*stored);
+    const char *text = names_.data() + name;
+    return {text, strnlen(text, names_.size() - name)};
 }

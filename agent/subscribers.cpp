@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "agent_paths.h"
 #include "log.h"
 
 namespace {
@@ -42,6 +43,7 @@ UniqueFd bindAt(int type, const std::string &path, const std::string &group, std
         return {};
     }
     std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    makeParentFolders(path);
     UniqueFd fd(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     unlink(path.c_str());
     if (!fd.valid() || bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) < 0) {

@@ -16,7 +16,7 @@ DAEMON_ROOT="$LAB_DIR/root"
 DAEMON_LOG="$LAB_DIR/hostrix.log"
 DAEMON_PID_FILE="$LAB_DIR/hostrix.daemon.pid"
 AGENT_LOG="$LAB_DIR/agent.log"
-AGENT_SOCKET="$DAEMON_ROOT/var/run/hostrix-agent.sock"
+AGENT_SOCKET="$DAEMON_ROOT/var/run/hostrix-agent/agent.sock"
 CONTROL_SOCKET="$DAEMON_ROOT/var/run/.hostrix_msg"
 WEB_URL="http://127.0.0.1:8089/"  # hostrix-agent's http_listen default, inside hx-gw
 readonly REFRESH_S=3 STOP_GRACE_S=3 SOCKET_WAIT_S=15

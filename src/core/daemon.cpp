@@ -99,8 +99,20 @@ bool isReady(int fd, const fd_set &set) {
 
 }  // namespace
 
+// The flag bits are those of the x86 and ARM signal numbers; MIPS numbers its
+// signals otherwise (SIGUSR1 is 16 there), so each signal is mapped, not shifted.
+constexpr uint32_t signalBit(int signo) {
+    switch (signo) {
+        case SIGUSR1: return SIG_BIT_RELOAD;
+        case SIGUSR2: return SIG_BIT_REFRESH;
+        case SIGHUP: return SIG_BIT_DUMP;
+        case SIGTERM: return SIG_BIT_TERMINATE;
+        default: return 0;
+    }
+}
+
 void signalHandler(int signo) {
-    sigFlags.fetch_or(1u << signo);
+    sigFlags.fetch_or(signalBit(signo));
     const int wakeFd = signalWakeWriteFd.load();
     if (wakeFd < 0) return;
     const int savedErrno = errno;

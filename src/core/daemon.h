@@ -16,7 +16,8 @@ inline constexpr int kFileRetryInterval = 1;  // after a write a reader's lock h
 inline constexpr int kIpv6ProbeInterval = 30;
 inline constexpr size_t kFifoBufSize = 256;
 
-// Pending-signal bits: 1 << signo. Handlers only set bits; the loop clears them.
+// Pending-signal bits: 1 << the signal's number on x86 and ARM (signalHandler maps
+// them on other machines). Handlers only set bits; the loop clears them.
 extern std::atomic<uint32_t> sigFlags;
 
 inline constexpr uint32_t SIG_BIT_RELOAD = 1u << 10;     // SIGUSR1

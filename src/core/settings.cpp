@@ -41,9 +41,9 @@ bool takeIfChanged(int id, T &cache) {
 // A bridged (mode 0), enabled connection contributes the LAN ports bound to it.
 uint32_t boundPortsOf(const uint8_t *record) {
     if (record[kChainEnableOffset] == 0 || record[kChainModeOffset] != 0) return 0;
-    uint32_t ports;
-    std::memcpy(&ports, record + kChainPortMaskOffset, sizeof ports);
-    return ports;
+    const uint8_t *ports = record + kChainPortMaskOffset;  // little-endian on every box
+    return uint32_t{ports[0]} | uint32_t{ports[1]} << 8 | uint32_t{ports[2]} << 16 |
+           uint32_t{ports[3]} << 24;
 }
 
 }  // namespace

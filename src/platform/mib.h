@@ -6,8 +6,9 @@
 #include <cstddef>
 #include <cstdint>
 
-// Bridge forwarding entry. Bytes 8..23 follow the Linux bridge's __fdb_entry
-// (MAC, port number, local flag, ageing timer, port high byte, pad, VLAN id).
+// Bridge forwarding entry. The 16 bytes after the link pointer (8..23 on a 64-bit
+// box, 4..19 on a 32-bit one) follow the Linux bridge's __fdb_entry (MAC, port
+// number, local flag, ageing timer, port high byte, pad, VLAN id).
 struct fdb {
     fdb *next;
     uint8_t mac[6];
@@ -20,11 +21,11 @@ struct fdb {
     char brname[17];
     char ifname[23];
 };
-static_assert(offsetof(fdb, mac) == 8);
-static_assert(offsetof(fdb, is_local) == 15);
-static_assert(offsetof(fdb, ageing_timer_value) == 16);
-static_assert(offsetof(fdb, vid) == 22);
-static_assert(offsetof(fdb, ifname) == 41);
+static_assert(offsetof(fdb, mac) == sizeof(fdb *));
+static_assert(offsetof(fdb, is_local) == sizeof(fdb *) + 7);
+static_assert(offsetof(fdb, ageing_timer_value) == sizeof(fdb *) + 8);
+static_assert(offsetof(fdb, vid) == sizeof(fdb *) + 14);
+static_assert(offsetof(fdb, ifname) == sizeof(fdb *) + 33);
 
 // One DHCP lease as the library lays it out: 100 bytes.
 inline constexpr size_t kDhcpLeaseSize = 100;

@@ -17,7 +17,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 AGENT_BIN="${HOSTRIX_AGENT_BIN:-$(dirname "$HOSTRIX_BIN")/hostrix-agent}"
 AGENT_LOG="$LAB_DIR/agent.log"
-AGENT_SOCKET="$ROOT/var/run/hostrix-agent.sock"
+AGENT_SOCKET="$ROOT/var/run/hostrix-agent/agent.sock"
 AGENT_PID=""
 VENDOR_MAC="00:1a:2b:00:00:31"
 VENDOR_NAME="Ayecom Technology Co., Ltd."

@@ -62,6 +62,9 @@ inline int runInPrivateNetns(int (*body)()) {
 // The running test passes when BODY does in the child, and is skipped where the child
 // cannot have its namespaces or its bridge.
 inline void expectPassesInPrivateNetns(int (*body)()) {
+    // Under qemu-user (the cross runs) the kernel's replies reach the test through
+    // qemu's own translation and timing, which says nothing of the daemon on a box.
+    if (std::getenv("HOSTRIX_NO_NETNS")) GTEST_SKIP() << "kernel checks are off (HOSTRIX_NO_NETNS)";
     const int status = runInPrivateNetns(body);
     if (status == kNetnsNoNamespace)
         GTEST_SKIP() << "no private network and mount namespace could be made (root is needed)";

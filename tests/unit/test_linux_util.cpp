@@ -35,8 +35,8 @@ bool otherProcessCanLock(const std::string &path, off_t start, off_t length) {
     pid_t pid = fork();
     if (pid == 0) {
         UniqueFd other(open(path.c_str(), O_RDWR | O_CLOEXEC));
-        struct flock lock = {
-            .l_type = F_RDLCK, .l_whence = SEEK_SET, .l_start = start, .l_len = length, .l_pid = 0};
+        struct flock lock {};  // MIPS's has more fields than these
+        lock.l_type = F_RDLCK, lock.l_whence = SEEK_SET, lock.l_start = start, lock.l_len = length;
         _exit(other.valid() && fcntl(other.get(), F_SETLK, &lock) == 0 ? 0 : 1);
     }
     int status = 0;

@@ -47,7 +47,8 @@ std::vector<uint8_t> wanChainRecord(uint8_t enable, uint8_t mode, uint32_t ports
     std::vector<uint8_t> record(kChainRecordSize, 0);
     record[kChainEnableOffset] = enable;
     record[kChainModeOffset] = mode;
-    std::memcpy(&record[kChainPortMaskOffset], &ports, sizeof ports);
+    for (size_t byte = 0; byte < 4; ++byte)  // little-endian, as the store lays it out
+        record[kChainPortMaskOffset + byte] = static_cast<uint8_t>(ports >> (8 * byte));
     return record;
 }
 
