@@ -1,4 +1,4 @@
-// The subscriber side: the request line, the event ring's replay, the host object.
+// The subscriber side: the request line and the event ring's replay.
 #include <gtest/gtest.h>
 
 #include "device.h"

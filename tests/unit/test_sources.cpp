@@ -1,5 +1,5 @@
-// The per-cycle sources: ignore list, ARP table, IPv6 neighbours and the lease snapshot.
-// The ARP index is the discovery cycle's tests'.
+// The per-cycle sources: ignore list, IPv6 neighbours and the lease snapshot. The ARP
+// table and its index are the discovery cycle's tests'.
 #include <arpa/inet.h>
 
 #include <filesystem>
