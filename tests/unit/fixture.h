@@ -47,11 +47,3 @@ inline void makeRecyclable(hostEntry *entry) {
     entry->valid = 0;
     entry->lanHost.firstConnect = 0;
 }
-
-// Names parameterised cases after their `name` member.
-struct CaseName {
-    template <typename T>
-    std::string operator()(const ::testing::TestParamInfo<T> &param) const {
-        return param.param.name;
-    }
-};

@@ -1,4 +1,4 @@
-// The subscriber side: the request line, the event ring's replay, the host object.
+// The subscriber side: the request line and the event ring's replay.
 #include <gtest/gtest.h>
 
 #include "device.h"
@@ -59,30 +59,6 @@ TEST(AgentEventRing, ReplaysWhatFollowsSinceWhileItHoldsIt) {
     EXPECT_EQ(replay(ring, 106), Lines{"snapshot"});  // ahead: another run's number
     EXPECT_EQ(replay(ring, UINT64_MAX), Lines{"snapshot"});
     EXPECT_EQ(replay(ring, 0), Lines{"snapshot"});
-}
-
-TEST(AgentHostObject, CarriesTheAgentsFieldsAndEscapesLanText) {
-    Device device;
-    device.record.mac[0] = 0x02;
-    std::memcpy(device.record.devName, "tv\n\"x", 5);
-    device.randomMac = true;
-    device.os = OsFamily::Windows;
-    device.firstSeen = 1700000000;
-    device.lastSeen = 1700003600;
-    device.haveRecord = true;
-    device.mdnsName = "laptop";
-    device.mdnsHeard = 1000;
-    std::string json = hostJson(device, "lan1", {"aa:bb:cc:dd:ee:ff"}, 1000 + kNameLifetimeSeconds);
-    EXPECT_NE(json.find("\"devName\":\"tv\\u000a\\\"x\""), std::string::npos) << json;
-    EXPECT_NE(json.find("\"kernelIfName\":\"lan1\",\"vendor\":\"\",\"randomMac\":true,"
-                        "\"osFamily\":\"windows\""), std::string::npos) << json;
-    EXPECT_NE(json.find("\"names\":[{\"name\":\"tv\\u000a\\\"x\",\"source\":\"lease\"},"
-                        "{\"name\":\"laptop\",\"source\":\"mdns\"}]"), std::string::npos) << json;
-    EXPECT_NE(json.find("\"firstSeen\":\"2023-11-14T22:13:20Z\",\"lastSeen\":\"2023-11-14T23:13:20Z\""),
-              std::string::npos) << json;
-    EXPECT_NE(json.find("\"linkedMacs\":[\"aa:bb:cc:dd:ee:ff\"]"), std::string::npos) << json;
-    // A day and a second after it was heard, the mDNS name is gone.
-    EXPECT_EQ(deviceNames(device, 1001 + kNameLifetimeSeconds).size(), 1u);
 }
 
 }  // namespace

@@ -1,12 +1,11 @@
-// Who a device is: its vendor by longest registry prefix, its OS family from the
-// DHCP fingerprint, and the hook's report that carries the fingerprint.
+// Who a device is: its vendor by longest registry prefix, and the hook's report that
+// carries its DHCP fingerprint.
 #include <gtest/gtest.h>
 
 #include <cstring>
 
 #include "dhcp_report.h"
 #include "oui.h"
-#include "os_family.h"
 
 namespace {
 
@@ -46,57 +45,10 @@ TEST(AgentOui, LongestPrefixWins) {
     EXPECT_EQ(vendorOf(moved, {0x00, 0x1a, 0x2b, 0, 0, 0}), "Ayecom Technology Co., Ltd.");
 }
 
-TEST(AgentOui, RefusesAMalformedFile) {
-    OuiRows rows;
-    addOuiCsv(kLarge, rows);
-    const std::string good = buildOuiFile(rows);
-    OuiDb db;
-    EXPECT_FALSE(db.adopt(good.substr(0, good.size() - 1)));  // truncated
-    // The first entry's name offset past the names; a wrong magic.
-    for (auto [at, byte] : {std::pair{28, '\x7f'}, std::pair{0, 'X'}}) {
-        std::string bad = good;
-        bad[at] = byte;
-        EXPECT_FALSE(db.adopt(bad)) << at;
-    }
-    EXPECT_FALSE(db.load("/nonexistent/hostrix-oui.bin"));
-    EXPECT_EQ(db.lookup(std::array<uint8_t, 6>{0x70, 0xb3, 0xd5, 0, 0, 0}), "");
-}
-
-DhcpReport withOptions(std::vector<uint8_t> options, std::string vendorClass = "") {
-    DhcpReport report;
-    report.options = std::move(options);
-    report.vendorClass = std::move(vendorClass);
-    return report;
-}
-
-TEST(AgentOsFamily, ExactListFirstThenVendorClass) {
-    struct Case {
-        DhcpReport report;
-        OsFamily family;
-    };
-    const Case cases[] = {
-        {withOptions({1, 3, 6, 15, 31, 33, 43, 44, 46, 47, 119, 121, 249, 252}, "udhcp 1.35.0"),
-         OsFamily::Windows},
-        {withOptions({1, 121, 3, 6, 15, 119, 252, 95, 44, 46}), OsFamily::Macos},
-        {withOptions({1, 121, 3, 6, 15, 119, 252}), OsFamily::Ios},
-        {withOptions({1, 3, 6, 15, 26, 28, 51, 58, 59, 43}), OsFamily::Android},
-        // The same options in another order, or one more, are another client.
-        {withOptions({1, 3, 6, 15, 119, 121, 252}), OsFamily::Other},
-        {withOptions({1, 121, 3, 6, 15, 119, 252, 95, 44}), OsFamily::Other},
-        {withOptions({1, 3, 6}, "MSFT 5.0"), OsFamily::Windows},
-        {withOptions({}, "android-dhcp-13"), OsFamily::Android},
-        {withOptions({}, "udhcp 1.35.0"), OsFamily::Linux},
-        {withOptions({}, "xMSFT 5.0"), OsFamily::Other},
-        {withOptions({}), OsFamily::Other},
-    };
-    for (const Case &c : cases)
-        EXPECT_EQ(classifyOs(c.report).family, c.family)
-            << optionListText(c.report.options) << " / " << c.report.vendorClass;
-    EXPECT_FALSE(classifyOs(cases[0].report).rule.empty());
-}
-
 TEST(AgentDhcpReport, RoundTripsAndBoundsLanText) {
-    DhcpReport report = withOptions({1, 3, 6, 255}, "MSFT 5.0");
+    DhcpReport report;
+    report.options = {1, 3, 6, 255};
+    report.vendorClass = "MSFT 5.0";
     report.mac = {0x02, 0, 0, 0, 0, 1};
     report.hostname = "pc\ninjected=1";  // cut at the line break
     report.clientId = "ff:00";

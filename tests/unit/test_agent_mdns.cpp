@@ -43,17 +43,6 @@ TEST(AgentMdns, LearnsAAndAaaaWithACompressedName) {
     EXPECT_EQ(parse(packet), expected);
 }
 
-TEST(AgentMdns, SkipsRecordsThatAreNoHostAddress) {
-    Bytes packet = response(3);
-    append(packet, {1, 'a', 1, 'b', 5, 'l', 'o', 'c', 'a', 'l', 0});  // a.b.local
-    append(packet, kARecordTail);
-    append(packet, {3, 't', 0x01, 'v', 5, 'l', 'o', 'c', 'a', 'l', 0});  // a control byte
-    append(packet, kARecordTail);
-    append(packet, {2, 't', 'v', 3, 'c', 'o', 'm', 0});  // not .local
-    append(packet, kARecordTail);
-    EXPECT_TRUE(parse(packet).empty());
-}
-
 TEST(AgentMdns, DropsMalformedPackets) {
     struct Case {
         const char *what;

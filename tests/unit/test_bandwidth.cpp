@@ -58,27 +58,6 @@ TEST_F(BandwidthTest, ReusedSlotIsMeasuredAgainstThePreviousHostsRecord) {
     EXPECT_EQ(std::pair(bw().upRate, bw().downRate), std::pair(1000u, 0u));
 }
 
-// The counter sets answer {sent, received}; what answered is added up.
-TEST_F(BandwidthTest, CounterSetsAreSummed) {
-    struct {
-        bool plain, fc;
-        int result;
-        uint64_t received, sent;
-    } cases[] = {{true, true, 0, 22, 11},
-                 {false, true, 0, 20, 10},
-                 {true, false, 0, 2, 1},
-                 {false, false, -1, 0, 0}};
-    for (const auto &c : cases) {
-        fake::state().counters.clear();
-        fake::state().fcCounters.clear();
-        if (c.plain) fake::state().counters[kHost] = {1, 2};
-        if (c.fc) fake::state().fcCounters[kHost] = {10, 20};
-        uint64_t pair[2] = {7, 7};
-        EXPECT_EQ(getLanHostHpcCounter(entry, pair), c.result);
-        EXPECT_EQ(std::pair(pair[kHpcReceived], pair[kHpcSent]), std::pair(c.received, c.sent));
-    }
-}
-
 // A failed clock read samples nothing, says so and keeps the schedule.
 TEST_F(BandwidthTest, SamplesOnlyWhenDue) {
     struct {

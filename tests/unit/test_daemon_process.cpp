@@ -96,14 +96,4 @@ TEST(DaemonProcessTest, SignalsAreTheMainThreadsAndOnlySigtermEndsTheDaemon) {
     EXPECT_EQ(daemon.waitExit(), 0);
 }
 
-// var/run is a plain file: nothing can be created under it, not even by root.
-TEST(DaemonProcessTest, ExitsWith255WhenTheControlSocketCannotBeBound) {
-    TempDir dir;
-    fs::create_directories(dir.file("var"));
-    std::ofstream(dir.file("var/run")) << "not a directory";
-    DaemonProcess daemon(dir, "");
-    EXPECT_EQ(daemon.waitExit(), 255);
-    EXPECT_TRUE(daemon.logged("bind error!(")) << readText(daemon.log);
-}
-
 }  // namespace

@@ -160,25 +160,6 @@ TEST_F(DiscoveryTest, EveryHostGetsItsOwnPortsClassification) {
     EXPECT_NE(getHostrixByMac(hostMac(0).data()), nullptr);
 }
 
-TEST_F(DiscoveryTest, KnownStationMissingFromTheListsIsLeftAloneOnItsOwnInterface) {
-    seen(kHost, "wlan1-vap2");
-    fake::addStation("wlan1-vap2", kHost);
-    fake::state().wirelessModes["wlan1-vap2"] = "ac";
-    arp("10.77.0.101");
-    hostEntry *entry = cycle();
-    ASSERT_NE(entry, nullptr);
-    EXPECT_STREQ(entry->lanHost.wirelessMode, "ac");
-    fake::state().stations.clear();
-    entry->lanHost.ip = ipv4("10.77.0.9");
-    cycle();
-    EXPECT_EQ(ipOf(entry), "10.77.0.9");  // untouched, though ARP names another address
-    EXPECT_EQ(entry->lanHost.isWifi, 1);
-    fake::state().fdb[0].ifname = "wlan1";  // another SSID: a mesh device now
-    cycle();
-    EXPECT_EQ(std::tuple(entry->lanHost.isWifi, entry->lanHost.port), std::tuple(0, 6));
-    EXPECT_EQ(ipOf(entry), "10.77.0.101");
-}
-
 // A lease whose MAC is within 14 of the host's in its first and last octets, and equal
 // in the others, counts only for a host with two complete ARP entries.
 TEST_F(DiscoveryTest, PicksTheIpv4AddressByPrecedence) {
@@ -295,27 +276,6 @@ TEST_F(DiscoveryTest, ChangesAreReportedOnlyAfterTheArrival) {
             EXPECT_EQ(entry->informChange, 1 - firstConnect) << &change - changes;
         }
     }
-}
-
-TEST_F(DiscoveryTest, BridgeBoundHostTakesItsAddressFromTheSnifferOnly) {
-    seen(kHost, "eth0.5");
-    fake::state().logicIds["eth0.5"] = 3;
-    bridge_bind_logic_port_mask = 1u << 3;
-    arp("10.0.0.10");
-    lease(kHost, "10.0.0.20", 3600);
-    sniffed(kHost, "169.254.7.9", "cam");
-    EXPECT_EQ(cycle(), nullptr);
-    sniffed(kHost, "10.0.0.40", "cam");
-    hostEntry *entry = cycle();
-    ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(ipOf(entry), "10.0.0.40");
-    EXPECT_EQ(entry->lanHost.ipSource, LANHOST_IP_SOURCE_SNIFFER);
-    EXPECT_EQ(entry->lanHost.dhcpClientState, DHCP_CLIENT_NONE);
-    EXPECT_STREQ(entry->lanHost.devName, "cam");
-    entry->informChange = 0;
-    sniffed(kHost, "10.0.0.40", "cam2");  // a sniffed name is reported even before arrival
-    cycle();
-    EXPECT_EQ(entry->informChange, 1);
 }
 
 TEST_F(DiscoveryTest, ArrivalIsRestampedOnceAfterTimeSync) {

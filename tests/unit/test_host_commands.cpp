@@ -54,27 +54,6 @@ TEST_F(HostCommandTest, AccessStoresLowBytesAndBlocksOnlyOnZero) {
     }
 }
 
-// A miss fails and changes nothing, except for the two commands that report success
-// whatever they find.
-TEST_F(HostCommandTest, UnknownHostFailsExceptForAccessAndRelease) {
-    for (uint32_t cmd : {CMD_SET_CONTROLLED, CMD_GET_CONTROLLED, CMD_GET_ACCESS,
-                         CMD_SET_DEVICE_TYPE, CMD_GET_DEVICE_TYPE, CMD_SET_BRAND, CMD_GET_BRAND,
-                         CMD_SET_MODEL, CMD_GET_MODEL, CMD_SET_OS, CMD_GET_OS, CMD_SET_DEV_NAME}) {
-        ctrlMsg_t msg = run(ctrlRequest(cmd, kUnknownMac, 1, 1, "x"));
-        EXPECT_EQ(msg.status, kCtrlStatusFailed) << cmd;
-        EXPECT_TRUE(!(cmd & (CMD_GET_BRAND | CMD_GET_MODEL | CMD_GET_OS)) ||
-                    allZero(msg.data, kCtrlDataSize))
-            << cmd;
-    }
-    // A free slot's MAC is all zero; a zero-MAC release must not disconnect one.
-    for (fake::Mac mac : {kUnknownMac, fake::Mac{}})
-        EXPECT_EQ(run(ctrlRequest(CMD_SET_DHCP_RELEASE, mac)).status, kCtrlStatusOk);
-    EXPECT_EQ(run(ctrlRequest(CMD_SET_ACCESS, kUnknownMac)).status, kCtrlStatusOk);
-    EXPECT_EQ(hostPool[0].lanHost.disConnect, 0);
-    EXPECT_EQ(controlledNum, 0u);
-    EXPECT_TRUE(fake::state().commands.empty());
-}
-
 // Model and os end with a NUL within 63 bytes; brand and devName leave byte 63 alone. A
 // getter returns the text alone in data; only a new name flags the host.
 TEST_F(HostCommandTest, TextIsCutAt63BytesAndReadBackAloneInData) {

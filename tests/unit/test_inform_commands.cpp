@@ -98,15 +98,4 @@ TEST_F(InformTest, EveryQueryRefreshesTheRecordAndConsumesItsFlag) {
               std::tuple("laptop", 3, 3, 0, 1));
 }
 
-// Asked together with arrivals, the change query wipes their records (they are
-// consumed all the same) and writes its own after them.
-TEST_F(InformTest, ChangeQueryLeavesZerosWhereArrivalsWere) {
-    hostEntry *arrival = arrived(1);
-    addHost(checkedMac(2))->informChange = 1;
-    ctrlMsg_t msg = query(CMD_GET_NEW_DEVICE | CMD_GET_INFORM_CHANGE);
-    EXPECT_TRUE(allZero(msg.data, kLanHostInfoSize));
-    EXPECT_EQ(recordMac(msg, 1), checkedMac(2));
-    EXPECT_EQ(arrival->lanHost.firstConnect, 0);
-}
-
 }  // namespace

@@ -1,17 +1,15 @@
 // Link events on crafted netlink bytes, acted upon against real bridges in a private
-// network namespace; one case through the socket read.
+// network namespace.
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
 
-#include "core/unique_fd.h"
 #include "fixture.h"
 #include "netlink_bytes.h"
 #include "netns_child.h"
@@ -101,32 +99,10 @@ int walkInChild() {
     return kNetnsPassed;
 }
 
-// The read acts on the bytes received only: a message cut short by its datagram stays
-// cut even where the buffer still holds the rest of an earlier one.
-int readInChild() {
-    if (!makeBridges()) return kNetnsNoSetup;
-    const Bytes joins = link(RTM_NEWLINK, join({name("nas0_1"), master(if_nametoindex("br0"))}));
-    int pair[2];
-    NETNS_CHECK(socketpair(AF_UNIX, SOCK_DGRAM, 0, pair) == 0);
-    UniqueFd reader(pair[0]), writer(pair[1]);
-    for (size_t size : {joins.size(), joins.size() - 8}) {
-        NETNS_CHECK(send(writer.get(), joins.data(), size, 0) == ssize_t(size));
-        NETNS_CHECK(read_nl_event(reader.get()) == 0);
-        NETNS_CHECK(monitored() == (size == joins.size() ? "br0/NULL nas0_1/br0" : "br0/NULL"));
-        if (sd_intf *port = find_monitor_intf("nas0_1")) del_monitor_intf(port);
-    }
-    NETNS_CHECK(send(writer.get(), joins.data(), 0, 0) == 0 && read_nl_event(reader.get()) == -1);
-    return kNetnsPassed;
-}
-
 class LinkEventsTest : public HostrixTest {};
 
 TEST_F(LinkEventsTest, OnlyWatchedPortsOfAMonitoredBridgeJoinAndABridgeLeavesWithItsPorts) {
     expectPassesInPrivateNetns(walkInChild);
-}
-
-TEST_F(LinkEventsTest, ReadActsOnTheReceivedBytesOnly) {
-    expectPassesInPrivateNetns(readInChild);
 }
 
 }  // namespace

@@ -172,25 +172,4 @@ TEST_F(MainLoopTest, DutiesRunWhenDue) {
     }
 }
 
-// A write that a reader's lock held off (periodic or SIGUSR2) is tried at the next 1 s
-// tick; a write that succeeds waits the full 30 s.
-TEST_F(MainLoopTest, SkippedFileWriteIsRetriedAtTheNextTick) {
-    ASSERT_EQ(writeLanHostInfo(), 0);
-    UniqueFd reader(open(hostrixPath(HostrixFile::HostInfo), O_RDONLY));
-    struct flock lock {};  // as a local reader holds it; conflicts even within this process
-    lock.l_type = F_RDLCK;
-    ASSERT_EQ(fcntl(reader.get(), F_OFD_SETLK, &lock), 0);
-    state.nextFileWrite = static_cast<int32_t>(now);
-    runPeriodicDuties(state);
-    EXPECT_EQ(state.nextFileWrite, now + 1);
-    state.nextFileWrite = static_cast<int32_t>(now + 20);
-    sigFlags = SIG_BIT_REFRESH;
-    EXPECT_TRUE(handleSignalWork(state));
-    EXPECT_EQ(state.nextFileWrite, now + 1);
-    reader.reset();
-    fake::advanceSeconds(1);
-    runPeriodicDuties(state);
-    EXPECT_EQ(state.nextFileWrite, now + 31);
-}
-
 }  // namespace

@@ -91,17 +91,6 @@ TEST_F(ProbingTest, DueHostsShareOneSocketAndTheSeriesAdvances) {
               std::tuple(2u, 0u, 3u, uint32_t(fake::state().monotonic.tv_sec)));
 }
 
-TEST_F(ProbingTest, UnbuildableFrameCountsAsSentButNoSocketKeepsTheSeries) {
-    fake::state().interfaces["br0"].addr = 0;
-    hostEntry *entry = probed(1, 3, 30);
-    sendARPRequest();
-    EXPECT_EQ(std::tuple(targetsSent().size(), entry->lanHost.arpRetryCnt), std::tuple(0u, 2u));
-    entry->arpReqTime -= 30;
-    setArpSocketOpener([](sockaddr_ll &) { return -1; });
-    EXPECT_EQ(sendARPRequest(), -1);
-    EXPECT_EQ(entry->lanHost.arpRetryCnt, 2u);
-}
-
 TEST_F(ProbingTest, NeighbourSolicitationsSkipLinkLocalAndOfflineHosts) {
     const char *addresses[] = {"2001:db8::5", "fd00::5", "fe80::1", "2001:db8::6", "::"};
     for (uint8_t k = 1; k <= 5; ++k) {
@@ -115,11 +104,6 @@ TEST_F(ProbingTest, NeighbourSolicitationsSkipLinkLocalAndOfflineHosts) {
     for (auto &[ifname, addr] : fake::state().neighSolicits)
         sent.push_back(ifname + " " + inet_ntop(AF_INET6, addr.data(), text, sizeof text));
     EXPECT_EQ(sent, (std::vector<std::string>{"br0 fd00::5", "br0 2001:db8::5"}));  // slot order
-}
-
-TEST(GetIfindexDeathTest, MissingInterfaceEndsTheProcess) {
-    EXPECT_EXIT(get_ifindex("hx-none0"), ::testing::ExitedWithCode(1), "");
-    EXPECT_GT(get_ifindex("lo"), 0);
 }
 
 }  // namespace

@@ -69,30 +69,4 @@ TEST_F(SettingsTest, ReloadSetsSnifferLevelAndBridgeMaskFromTheStore) {
     EXPECT_EQ(bridge_bind_logic_port_mask, 0x8000000cu);
 }
 
-// The FIFO command prints the new value whenever it sets one.
-TEST_F(SettingsTest, FifoCommandSetsTheDebugFlags) {
-    const struct {
-        const char *text;
-        uint32_t before, after;
-    } cases[] = {{"hello log 2\n", 0, 2},
-                 {"log", 5, 5},
-                 {"no command here", 5, 5},
-                 {"log 010", 0, 8},
-                 {"log abc", 5, 0},
-                 {"log 3 log 4", 0, 3},
-                 {"\n\nlog\n0x11\n", 0, 0x11},
-                 {"log 0x1ffffffff", 0, 0xffffffffu}};
-    for (const auto &c : cases) {
-        dbg_level = c.before;
-        std::string text = c.text;
-        char expected[32] = "";
-        if (c.after != c.before)
-            std::snprintf(expected, sizeof expected, "dbg_level=0x%x\n", c.after);
-        ::testing::internal::CaptureStdout();
-        EXPECT_EQ(fifoCmdParse(text.data()), 0);
-        EXPECT_EQ(::testing::internal::GetCapturedStdout(), expected) << c.text;
-        EXPECT_EQ(dbg_level, c.after) << c.text;
-    }
-}
-
 }  // namespace

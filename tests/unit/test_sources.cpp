@@ -1,5 +1,5 @@
-// The per-cycle sources: ignore list, ARP table, IPv6 neighbours and the lease snapshot.
-// The ARP index is the discovery cycle's tests'.
+// The per-cycle sources: ignore list, IPv6 neighbours and the lease snapshot. The ARP
+// table and its index are the discovery cycle's tests'.
 #include <arpa/inet.h>
 
 #include <filesystem>
@@ -37,25 +37,6 @@ TEST_F(SourcesTest, IgnoreListRemovesAndFiltersThePortsOfItsFirstLine) {
     EXPECT_EQ(read_ignore_ifnames(), -1);
     EXPECT_EQ(is_ignore_ifname("wlan1"), 0);
     EXPECT_FALSE(present(1));  // nothing comes back by itself
-}
-
-TEST_F(SourcesTest, ArpListKeepsBridgeLinesInFileOrder) {
-    arp_entry *head = nullptr;
-    EXPECT_EQ(collect_arp_entries(&head), 0);  // no file
-    fake::state().kernelFiles["/proc/net/arp"] =
-        "IP address       HW type     Flags       HW address            Mask     Device\n"
-        "192.168.1.9      0x1         0x2         02:00:00:00:00:09     *        eth0\n"
-        "192.168.1.5      0x1         0x6         02:00:00:00:00:05     *        br0\n"
-        "10.0.0.5         0x1         0x4         02:00:00:00:00:05     *        br1\n";
-    ASSERT_EQ(collect_arp_entries(&head), 2);
-    arp_entry *first = find_arp_entry(head, mac(5).data());
-    ASSERT_EQ(first, head);
-    EXPECT_EQ(std::tuple(first->ip, first->complete), std::tuple(htonl(0xc0a80105u), 1u));
-    arp_entry *second = find_arp_entry(first->next, mac(5).data());
-    ASSERT_NE(second, nullptr);
-    EXPECT_EQ(std::tuple(std::string(second->ifname), second->complete), std::tuple("br1", 0u));
-    EXPECT_EQ(find_arp_entry(second->next, mac(5).data()), nullptr);
-    free_arp_entries(&head);
 }
 
 // The snapshot serves the cycles of 5 s, but a database the server rewrote (a release)
