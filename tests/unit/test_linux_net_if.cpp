@@ -1,9 +1,11 @@
 // Interface address, MAC and flags through ioctl, on the loopback interface that every
-// Linux network namespace has, and the failures on names that cannot be asked about.
+// Linux network namespace has, and the failures on names that cannot be asked about;
+// the refusals of the neighbour solicitation.
 #include <net/if.h>
 
 #include "linux_test_support.h"
-#include "platform/linux/ifnames.h"
+#include "platform/linux/neigh_solicit.h"
+#include "platform/zvt.h"
 
 namespace {
 
@@ -38,14 +40,12 @@ TEST(NetInterface, BadNamesFailLeavingBuffersAlone) {
     }
 }
 
-// The daemon asks by its own names; a mapped one is asked of the kernel by the other.
-TEST_F(HostrixRootTest, MappedNameAskedByTheKernelName) {
-    writeConfig("ifname.br0 = lo\n");
-    (void)mibConfigCurrent();  // publishes the map
-    Bytes buffer{};
-    ASSERT_EQ(getInAddr("br0", IP_ADDR, buffer.data()), 1);
-    EXPECT_EQ(buffer, (Bytes{127, 0, 0, 1, 0, 0}));
-    ifnamesPublish(IfnameMap{});  // later tests in this process see no map
+// Solicitations that cannot go out: the frame itself is checked in the lab.
+TEST(NeighSolicit, RefusesWhatCannotBeSent) {
+    const uint8_t target[kIpv6AddressBytes] = {0x20, 0x01, 0x0d, 0xb8};
+    EXPECT_EQ(zvt_ipv6_send_neigh_solicit(nullptr, target), -1);
+    EXPECT_EQ(zvt_ipv6_send_neigh_solicit("hx-no-such0", target), -1);
+    EXPECT_EQ(zvt_ipv6_send_neigh_solicit("lo", nullptr), -1);
 }
 
 }  // namespace
