@@ -74,13 +74,15 @@ check_silent_host() {
     check "a neighbour solicitation for h6's ${v6%/*} went out on br0" solicited "$pcap" "$br_mac" "${v6%/*}"
 }
 
-# Solicitations for ADDR in the capture PCAP from the bridge's MAC BR_MAC: to the
-# address's solicited-node group, hop limit 255, BR_MAC as the source link address.
+# The daemon's solicitations for ADDR in the capture PCAP, from the bridge's MAC BR_MAC:
+# from a link-local address (the kernel's own, for the gateway's pings, come from
+# fd77::1), to the address's solicited-node group, hop limit 255, BR_MAC as the source
+# link address.
 solicited() {
     local group
     group="$(python3 -c 'import ipaddress, sys; print("33:33:ff:%02x:%02x:%02x" % tuple(ipaddress.ip_address(sys.argv[1]).packed[13:]))' "$3")"
     tcpdump -r "$1" -n -e -v 2>/dev/null | grep -A1 -F "$2 > $group," | grep -A1 -F "hlim 255," |
-        grep -A1 -F "who has $3" | grep -qF "source link-address option (1), length 8 (1): $2"
+        grep -A1 -E "\) fe80:[0-9a-f:]+ > .* who has $3\$" | grep -qF "source link-address option (1), length 8 (1): $2"
 }
 
 check_station_leave() {
