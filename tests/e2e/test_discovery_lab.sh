@@ -3,7 +3,8 @@
 # lease, port and name; a static host by ARP; an IPv6-only host by its global
 # address; a silent host is probed with ARP requests on br0 and reported gone; a
 # station that leaves is reported and leaves the FDB; an ignored port loses its hosts;
-# a host on a bridge-bound port takes its address from the sniffer.
+# a host on a bridge-bound port takes its address from the sniffer; hosts with a global
+# IPv6 address are asked for it with well-formed neighbour solicitations.
 # e2e-profiles: default openwrt
 set -euo pipefail
 # shellcheck source=lib.sh
@@ -58,19 +59,31 @@ arp_requests_for() {
 }
 
 check_silent_host() {
-    local mac ip br_mac pcap="$E2E_TMP/arp.pcap" dump_pid
+    local mac ip
     mac="$(host_mac h2)"
     ip="$(lease_ip_of "$mac")"
-    br_mac="$(ip -n "$GW_NS" -o link show "$BR_KERNEL" | grep -o 'link/ether [0-9a-f:]*' | awk '{ print $2 }')"
     check "h2 is reported first" wait_for "$TICKS_2" reported new "$mac"
-    ip netns exec "$GW_NS" tcpdump -i "$BR_KERNEL" -U -n -w "$pcap" arp >/dev/null 2>&1 &
-    dump_pid=$!
-    sleep 1
     ip -n hx-h2 link set eth0 down
     check "silent h2 is reported gone" wait_for 300 reported left "$mac"
-    kill "$dump_pid" 2>/dev/null || true
-    wait "$dump_pid" 2>/dev/null || true
-    check "ARP requests for $ip went out on br0" test "$(arp_requests_for "$pcap" "$br_mac" "$ip")" -ge 1
+    check "ARP requests for $ip went out on br0" test "$(arp_requests_for "$CAPTURE" "$BR_MAC" "$ip")" -ge 1
+}
+
+# The daemon's solicitations for ADDR in the capture PCAP, from the bridge's MAC BR_MAC:
+# from a link-local address (the kernel's own, for the gateway's pings, come from
+# fd77::1), to the address's solicited-node group, hop limit 255, BR_MAC as the source
+# link address.
+solicited() {
+    local group
+    group="$(python3 -c 'import ipaddress, sys; print("33:33:ff:%02x:%02x:%02x" % tuple(ipaddress.ip_address(sys.argv[1]).packed[13:]))' "$3")"
+    tcpdump -r "$1" -n -e -v 2>/dev/null | grep -A1 -F "$2 > $group," | grep -A1 -F "hlim 255," |
+        grep -A1 -E "\) fe80:[0-9a-f:]+ > .* who has $3\$" | grep -qF "source link-address option (1), length 8 (1): $2"
+}
+
+# The daemon asks every 30 s; the capture runs from its start.
+check_solicitation() {
+    local v6
+    v6="$(host_v6 h6)"
+    check "a neighbour solicitation for h6's ${v6%/*} went out on br0" wait_for 150 solicited "$CAPTURE" "$BR_MAC" "${v6%/*}"
 }
 
 check_station_leave() {
@@ -112,6 +125,9 @@ main() {
     daemon_test_setup
     command -v tcpdump >/dev/null 2>&1 || skip "'tcpdump' is not installed (make check installs it)"
     start_daemon_in_lab
+    BR_MAC="$(ip -n "$GW_NS" -o link show "$BR_KERNEL" | grep -o 'link/ether [0-9a-f:]*' | awk '{ print $2 }')"
+    CAPTURE="$E2E_TMP/br0.pcap"
+    ip netns exec "$GW_NS" tcpdump -i "$BR_KERNEL" -U -n -w "$CAPTURE" 'arp or icmp6' >/dev/null 2>&1 &
     check_new_device
     check_static_host
     check_ipv6_only_host
@@ -119,6 +135,7 @@ main() {
     check_ignored_port
     check_silent_host
     check_bridge_bound_port
+    check_solicitation
     check "the daemon is still running" kill -0 "$DAEMON_PID"
     finish
 }

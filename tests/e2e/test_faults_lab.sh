@@ -78,8 +78,7 @@ start_suite() {
     start_daemon_in_lab ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:halt_on_error=1 \
         UBSAN_OPTIONS=print_stacktrace=1
     for name in "${LAB_HOSTS[@]}"; do MAC_OF[$name]="$(host_mac "$name")"; done
-    gw_ping "10.77.0.50" # the static host answers only when asked
-    check "the six lab hosts arrive" wait_for 150 lab_hosts_reported
+    check_lab_hosts_arrive
 }
 
 file_stamp() { stat -c %y "$HOST_FILE" 2>/dev/null; }

@@ -103,7 +103,7 @@ check_dhcp_release() {
     ip -n "$GW_NS" neigh flush to "$ip" 2>/dev/null || true
     gw_ping "$ip"
     check "h2's ARP reply puts $ip in the cache" wait_for 25 cached_ip_is "${mac^^}" "$ip"
-    kill -USR2 "$(cat "$LAB_DIR/udhcpc.h2.pid")"
+    release_lease h2
     check "h2's DHCP release clears its cached address" wait_for 25 cached_ip_is "${mac^^}" 0.0.0.0
 }
 
@@ -134,8 +134,6 @@ check_traffic() {
     check "h5's rxBytes grew by about 20 MiB" within_20_percent $(($(listed_field "$rx_mac" rxBytes) - rx0)) "$bytes"
 }
 
-nft_table_present() { in_ns "$GW_NS" nft list table bridge hostrix >/dev/null 2>&1; }
-
 check_shutdown() {
     local pid="$DAEMON_PID"
     check "the counter table exists while the daemon runs" nft_table_present
@@ -154,8 +152,7 @@ main() {
     TRAP="$E2E_TMP/trap"
     make_trap
     start_daemon_in_lab PATH="$TRAP"
-    gw_ping 10.77.0.50
-    check "the six lab hosts arrive" wait_for 100 lab_hosts_reported
+    check_lab_hosts_arrive
     rm -f "$TRAP/started"
     check_startup_interfaces
     check_sniffer_learnt_host

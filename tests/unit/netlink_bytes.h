@@ -35,6 +35,21 @@ inline Bytes attr(int type, Bytes payload) {
     return join({raw(header), payload});
 }
 
+// An attribute holding VALUE's bytes as they lie in memory (host order).
+template <typename T>
+Bytes attrOf(int type, const T &value) {
+    return attr(type, raw(value));
+}
+
+inline Bytes nest(int type, const Bytes &inner) {
+    return attr(type | NLA_F_NESTED, inner);
+}
+
+// TEXT with its terminator, as the kernel sends names.
+inline Bytes text(const char *value) {
+    return Bytes(value, value + std::strlen(value) + 1);
+}
+
 inline Bytes message(uint16_t type, uint32_t seq, const Bytes &payload, uint16_t flags = 0) {
     const nlmsghdr header{static_cast<uint32_t>(NLMSG_HDRLEN + payload.size()), type, flags, seq,
                           0};

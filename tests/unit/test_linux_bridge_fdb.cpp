@@ -1,5 +1,5 @@
 // The bridge forwarding database: the neighbour-dump and brforward decoders on crafted
-// bytes, then both sources against a real bridge in a private network namespace.
+// bytes, then the sysfs source against a real bridge in a private network namespace.
 #include <linux/neighbour.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -16,18 +16,14 @@
 namespace {
 
 using Mac = std::array<uint8_t, 6>;
-using Bytes = nlbytes::Bytes;
+using nlbytes::Bytes;
 using nlbytes::join;
+using nlbytes::attrOf;
 using nlbytes::raw;
 constexpr int kBridge = 5;
 constexpr uint32_t kSeq = 7;
 constexpr Mac kHostA{0x0a, 0x77, 0, 0, 0, 0x01};
 constexpr Mac kHostB{0x0a, 0x77, 0, 0, 0, 0x02};
-
-template <typename T>
-Bytes attr(uint16_t type, const T &value) {
-    return nlbytes::attr(type, raw(value));
-}
 
 Bytes message(uint16_t type, const Bytes &payload, uint32_t seq = kSeq) {
     return nlbytes::message(type, seq, payload, NLM_F_MULTI);
@@ -40,7 +36,7 @@ Bytes neigh(int ifindex, uint16_t state, uint8_t flags, const Bytes &attributes,
 }
 
 Bytes underMaster(const Mac &mac, uint32_t master = kBridge) {
-    return join({attr(NDA_LLADDR, mac), attr(NDA_MASTER, master)});
+    return join({attrOf(NDA_LLADDR, mac), attrOf(NDA_MASTER, master)});
 }
 
 // MAC learnt on port IFINDEX of the bridge.
@@ -62,8 +58,8 @@ auto fieldsOf(const FdbRecord &r) {
 TEST(BridgeFdbDecode, KeepsOnlyHostsOfTheBridgeWithVlanAndAge) {
     const nda_cacheinfo info{0, 0, 1234, 0};  // updated 12.34 s ago
     const Bytes dump = join({
-        entry(6, kHostA, join({attr(NDA_CACHEINFO, info), attr(NDA_VLAN, uint16_t{10})})),
-        neigh(kBridge, NUD_PERMANENT, 0, attr(NDA_LLADDR, kHostB)),  // the bridge's own, local
+        entry(6, kHostA, join({attrOf(NDA_CACHEINFO, info), attrOf(NDA_VLAN, uint16_t{10})})),
+        neigh(kBridge, NUD_PERMANENT, 0, attrOf(NDA_LLADDR, kHostB)),  // the bridge's own, local
         neigh(6, NUD_PERMANENT, NTF_SELF, underMaster(kHostA)),  // a port's own, naming the bridge
         neigh(8, NUD_REACHABLE, 0, underMaster(kHostA, 9)),      // learnt by another bridge
         entry(6, {0x33, 0x33, 0, 0, 0, 1}), entry(6, Mac{}),     // group and zero addresses
@@ -119,31 +115,27 @@ const fdb *findOn(const fdb *head, const Mac &mac, const char *ifname, bool loca
     return on ? found : nullptr;
 }
 
-// Runs in the child, in its own network namespace.
-int checkRealBridge() {
+// Runs in the child, in its own network namespace. The netlink source is what the
+// daemon reads in the lab; the sysfs one, its fallback, is read only here.
+int checkSysfs() {
     fdb *head = nullptr;
-    NETNS_CHECK(collect_bridge_fdb(&head) <= 0 && head == nullptr);  // no br0 yet
+    NETNS_CHECK(collectBridgeFdbFromSysfs(&head) <= 0 && head == nullptr);  // no br0 yet
     if (!netnsMakeBridge() ||
         std::system("bridge fdb add 0a:77:00:00:00:01 dev d0 master static && "
                     "bridge fdb add 0a:77:00:00:00:02 dev d0 master dynamic") != 0)
         return kNetnsNoSetup;
-    NETNS_CHECK(collect_bridge_fdb(&head) >= 4);
+    NETNS_CHECK(collectBridgeFdbFromSysfs(&head) >= 3);  // the bridge's own entry is not there
     const fdb *staticHost = findOn(head, kHostA, "d0", false);
     const fdb *dynamicHost = findOn(head, kHostB, "d0", false);
     NETNS_CHECK(staticHost && staticHost->port_no == 1 && !staticHost->port_hi);
     NETNS_CHECK(dynamicHost && dynamicHost->ageing_timer_value < 1000);
     NETNS_CHECK(findOn(head, {0x0a, 0x77, 0, 0, 0, 0xd0}, "d0", true));
-    NETNS_CHECK(findOn(head, {0x0a, 0x77, 0, 0, 0, 0xb0}, "br0", true));
-    free_bridge_fdb(&head);
-    NETNS_CHECK(collectBridgeFdbFromSysfs(&head) >= 3);  // the bridge's own entry is not there
-    staticHost = findOn(head, kHostA, "d0", false);
-    NETNS_CHECK(staticHost && staticHost->port_no == 1);
     free_bridge_fdb(&head);
     return kNetnsPassed;
 }
 
-TEST(BridgeFdbKernel, RealBridgeThroughNetlinkAndSysfs) {
-    expectPassesInPrivateNetns(checkRealBridge);
+TEST(BridgeFdbKernel, RealBridgeThroughSysfs) {
+    expectPassesInPrivateNetns(checkSysfs);
 }
 
 }  // namespace

@@ -1,9 +1,16 @@
 // Interface address, MAC and flags through ioctl, on the loopback interface that every
-// Linux network namespace has, and the failures on names that cannot be asked about.
+// Linux network namespace has, and the failures on names that cannot be asked about;
+// the refusals of the neighbour solicitation, and the port ids of the backend's
+// netlink sockets, which must leave the process id to the sniffer.
+#include <linux/netlink.h>
 #include <net/if.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include "linux_test_support.h"
-#include "platform/linux/ifnames.h"
+#include "platform/linux/neigh_solicit.h"
+#include "platform/linux/netlink_socket.h"
+#include "platform/zvt.h"
 
 namespace {
 
@@ -38,14 +45,34 @@ TEST(NetInterface, BadNamesFailLeavingBuffersAlone) {
     }
 }
 
-// The daemon asks by its own names; a mapped one is asked of the kernel by the other.
-TEST_F(HostrixRootTest, MappedNameAskedByTheKernelName) {
-    writeConfig("ifname.br0 = lo\n");
-    (void)mibConfigCurrent();  // publishes the map
-    Bytes buffer{};
-    ASSERT_EQ(getInAddr("br0", IP_ADDR, buffer.data()), 1);
-    EXPECT_EQ(buffer, (Bytes{127, 0, 0, 1, 0, 0}));
-    ifnamesPublish(IfnameMap{});  // later tests in this process see no map
+// Solicitations that cannot go out: the frame itself is checked in the lab.
+TEST(NeighSolicit, RefusesWhatCannotBeSent) {
+    const uint8_t target[kIpv6AddressBytes] = {0x20, 0x01, 0x0d, 0xb8};
+    EXPECT_EQ(zvt_ipv6_send_neigh_solicit(nullptr, target), -1);
+    EXPECT_EQ(zvt_ipv6_send_neigh_solicit("hx-no-such0", target), -1);
+    EXPECT_EQ(zvt_ipv6_send_neigh_solicit("lo", nullptr), -1);
+}
+
+uint32_t portIdOf(const UniqueFd &sock) {
+    sockaddr_nl local{};
+    socklen_t size = sizeof local;
+    return getsockname(sock.get(), reinterpret_cast<sockaddr *>(&local), &size) == 0 ? local.nl_pid
+                                                                                     : 0;
+}
+
+// The sniffer binds to the process id whenever it starts; ours must never hold it, and
+// one opened while the sniffer's is bound still gets a port of its own. (In the lab the
+// sniffer happens to bind first, so a socket taking the id there goes unnoticed.)
+TEST(KernelNetlinkSocket, LeavesTheProcessIdFree) {
+    const uint32_t pid = static_cast<uint32_t>(getpid());
+    const UniqueFd ours = openKernelNetlinkSocket(NETLINK_ROUTE);
+    UniqueFd sniffer(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+    const sockaddr_nl local{.nl_family = AF_NETLINK, .nl_pad = 0, .nl_pid = pid, .nl_groups = 0};
+    EXPECT_EQ(bind(sniffer.get(), reinterpret_cast<const sockaddr *>(&local), sizeof local), 0);
+    const UniqueFd second = openKernelNetlinkSocket(NETLINK_ROUTE);
+    for (const UniqueFd *sock : {&ours, &second})
+        EXPECT_TRUE(sock->valid() && portIdOf(*sock) != 0 && portIdOf(*sock) != pid);
+    EXPECT_NE(portIdOf(second), portIdOf(ours));
 }
 
 }  // namespace
