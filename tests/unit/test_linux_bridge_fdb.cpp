@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cstring>
 #include <cerrno>
 
 #include "linux_test_support.h"
@@ -89,13 +90,15 @@ TEST(BridgeFdbDecode, ErrorsFailTheDumpABrokenMessageOnlyItself) {
 // Records of 16 bytes: MAC, port number low byte, local flag, age, port high byte, padding.
 TEST(BridgeFdbDecode, BrforwardRecords) {
     // clang-format off
-    const uint8_t bytes[] = {
-        0x0a, 0x77, 0, 0, 0, 0x01, 0x02, 0, 0x10, 0x27, 0, 0, 0x01, 0, 0, 0,  // port 0x102, 100 s
-        0x0a, 0x77, 0, 0, 0, 0x02, 0x01, 1, 0, 0, 0, 0, 0, 0, 0, 0,           // local on port 1
-        0x01, 0x00, 0x5e, 0, 0, 1, 0x01, 1, 0, 0, 0, 0, 0, 0, 0, 0,           // group address
-        0x0a, 0x77, 0, 0, 0, 0x03, 0x01, 0,                                   // half a record
+    uint8_t bytes[] = {
+        0x0a, 0x77, 0, 0, 0, 0x01, 0x02, 0, 0, 0, 0, 0, 0x01, 0, 0, 0,  // port 0x102, age below
+        0x0a, 0x77, 0, 0, 0, 0x02, 0x01, 1, 0, 0, 0, 0, 0, 0, 0, 0,     // local on port 1
+        0x01, 0x00, 0x5e, 0, 0, 1, 0x01, 1, 0, 0, 0, 0, 0, 0, 0, 0,     // group address
+        0x0a, 0x77, 0, 0, 0, 0x03, 0x01, 0,                             // half a record
     };
     // clang-format on
+    const uint32_t age = 10000;  // 100 s, in the kernel's own byte order
+    std::memcpy(bytes + 8, &age, sizeof age);
     std::vector<FdbRecord> records;
     decodeBrforward(bytes, records);
     ASSERT_EQ(records.size(), 2u);

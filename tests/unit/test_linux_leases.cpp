@@ -48,7 +48,7 @@ TEST(DnsmasqLeaseLine, BothEndFormsGiveTheWholeRecordOtherLinesAreSkipped) {
         ASSERT_TRUE(parseDnsmasqLeaseLine(line, lease)) << line;
         EXPECT_EQ(
             std::tuple(+lease.record.mac[5], lease.record.ip, std::string(lease.record.hostname)),
-            std::tuple(1, 0x0a01a8c0u, hostname))  // 192.168.1.10, network order
+            std::tuple(1, htonl(0xc0a8010a), hostname))  // 192.168.1.10
             << line;
         LeaseAnchors fresh;
         EXPECT_EQ(read(fresh, line, kNow, kMono), Left{leaseTime}) << line;

@@ -79,14 +79,21 @@ std::optional<uint32_t> setting(int id) {
 TEST_F(MibStore, WidthsAndReportsWithPathAndLine) {
     writeConfig("474 = 7\n475 = 300\n\n480x = 2\n476 = 255\n");
     StderrCapture capture;
+    // A one-byte setting fills the first byte (the low one only on a little-endian box).
+    constexpr uint32_t kUntouched = 0xaaaaaaaa;
+    auto firstByte = [](uint8_t value) {
+        uint32_t buffer = kUntouched;
+        std::memcpy(&buffer, &value, 1);
+        return buffer;
+    };
     const struct {
         int id, width, result;
-        uint32_t written;  // the buffer after the call, prefilled 0xaaaaaaaa
-    } cases[] = {{474, 1, 1, 0xaaaaaa07}, {474, 4, 1, 7},          {475, 1, 0, 0xaaaaaaaa},
-                 {475, 1, 0, 0xaaaaaaaa}, {476, 1, 1, 0xaaaaaaff}, {474, 2, 0, 0xaaaaaaaa},
-                 {481, 4, 0, 0xaaaaaaaa}};
+        uint32_t written;  // the buffer after the call
+    } cases[] = {{474, 1, 1, firstByte(7)},   {474, 4, 1, 7},          {475, 1, 0, kUntouched},
+                 {475, 1, 0, kUntouched},     {476, 1, 1, firstByte(0xff)}, {474, 2, 0, kUntouched},
+                 {481, 4, 0, kUntouched}};
     for (const auto &c : cases) {
-        uint32_t buffer = 0xaaaaaaaa;
+        uint32_t buffer = kUntouched;
         EXPECT_EQ(mib_get_s(c.id, &buffer, c.width), c.result) << c.id << " width " << c.width;
         EXPECT_EQ(buffer, c.written) << c.id << " width " << c.width;
     }
