@@ -14,7 +14,8 @@ FUZZ_RUNS ?= 10000000
 
 DEPS := cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev \
         libbenchmark-dev libnftnl-dev libmnl-dev libsqlite3-dev ieee-data iproute2 dnsmasq-base \
-        busybox nftables tcpdump python3 procps faketime
+        busybox nftables tcpdump python3 procps faketime \
+        libmosquitto-dev mosquitto mosquitto-clients
 
 CMAKE_GEN := -G Ninja
 

@@ -56,6 +56,7 @@ Agent::Agent(AgentConfig config)
 int Agent::run() {
     if (!setUp()) return 1;
     loop();
+    mqtt_.reset();  // says "offline" to Home Assistant
     flushHistory();
     unlink(agentPath(kAgentSocketBase).c_str());
     unlink(agentPath(kAgentDhcpSocketBase).c_str());
@@ -82,6 +83,7 @@ bool Agent::setUp() {
     ifnames_ = readIfnameMap(hostrixPath(HostrixFile::Config));
     loadHistory();
     openSideChannels();
+    startMqtt();
     agentLog("serving subscribers at " + path);
     return true;
 }
@@ -128,7 +130,8 @@ void Agent::loop() {
         std::vector<pollfd> fds = {{signals_.get(), POLLIN, 0},
                                    {dhcp_.get(), POLLIN, 0},
                                    {mdns_.v4.get(), POLLIN, 0},
-                                   {mdns_.v6.get(), POLLIN, 0}};
+                                   {mdns_.v6.get(), POLLIN, 0},
+                                   mqtt_ ? mqtt_->pollEntry() : pollfd{-1, 0, 0}};
         size_t hubAt = fds.size();
         hub_->addPollFds(fds);
         // Wakes at the next whole second of the tick, so polling stays once a second.
@@ -156,6 +159,7 @@ void Agent::servePoll(const std::vector<pollfd> &fds, size_t hubAt) {
         std::vector<MdnsAddress> records;
         if ((fds[i].revents & POLLIN) && receiveMdns(fds[i].fd, records)) mdnsHeard(records);
     }
+    if (mqtt_) mqtt_->serve(fds[4].revents, nowMono_);
     hub_->serve(fds, hubAt, nowMono_);
 }
 
@@ -177,6 +181,7 @@ void Agent::tick() {
         nextHousekeeping_ = nowMono_ + kHousekeepingSeconds;
         housekeeping();
     }
+    if (mqtt_) mqtt_->tick(nowMono_);
 }
 
 bool Agent::pollDaemon() {

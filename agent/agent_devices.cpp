@@ -194,6 +194,7 @@ void Agent::emit(std::string_view kind, Device &device) {
                        host + "}";
     hub_->broadcast(line);
     ring_.push(std::move(line));
+    if (mqtt_ && device.haveRecord) mqtt_->publish(mqttMessages(device));
 }
 
 std::vector<std::string> Agent::linkedMacs(const Device &device) const {

@@ -17,6 +17,8 @@ struct AgentConfig {
     std::string mdnsInterface;  // empty: the kernel's name for br0 (mib.conf ifname.br0)
     bool agentSets = true;      // brand and os written to the daemon where it holds OTHER
     bool mdns = true;
+    std::string mqttUrl;        // empty: nothing is published to Home Assistant
+    std::string mqttUser, mqttPassword;
 };
 
 // Problems come as "line N: what is wrong".
