@@ -31,8 +31,14 @@ void Agent::startMqtt() {
                  "; nothing is published to Home Assistant");
         return;
     }
+    const MosquittoApi *api = loadMosquitto(why);
+    if (!api) {
+        agentLog("mqtt_url is set, but libmosquitto cannot be loaded (" + why +
+                 "); nothing is published to Home Assistant");
+        return;
+    }
     MqttSettings settings{*broker, config_.mqttUser, config_.mqttPassword, clientId()};
-    mqtt_ = std::make_unique<MqttLink>(std::move(settings), [this](const std::string &after) {
+    mqtt_ = std::make_unique<MqttLink>(*api, std::move(settings), [this](const std::string &after) {
         return mqttDeviceAfter(after);
     });
     mqtt_->tick(nowMono_);  // the first attempt starts now

@@ -1,7 +1,5 @@
 #include "mqtt_link.h"
 
-#include <mosquitto.h>
-
 #include <cerrno>
 #include <cstring>
 
@@ -11,8 +9,8 @@ namespace {
 
 constexpr std::string_view kLogKey = "mqtt";
 
-std::string describe(int rc) {
-    std::string text = rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc);
+std::string describe(const MosquittoApi &api, int rc) {
+    std::string text = rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : api.mosquitto_strerror(rc);
     if (text.ends_with('.')) text.pop_back();
     return text;
 }
@@ -23,46 +21,46 @@ std::string brokerText(const MqttBroker &broker) {
 }
 
 // Never 0, which marks "nothing sent".
-size_t payloadHash(std::string_view payload) { return std::hash<std::string_view>{}(payload) | 1; }
+size_t payloadHash(std::string_view payload) {
+    return std::hash<std::string_view>{}(payload) | 1;
+}
 
 }  // namespace
 
-MqttLink::MqttLink(MqttSettings settings, NextDevice next)
-    : settings_(std::move(settings)), next_(std::move(next)) {
-    static const bool initialised = mosquitto_lib_init() == MOSQ_ERR_SUCCESS;
-    (void)initialised;
-}
+MqttLink::MqttLink(const MosquittoApi &api, MqttSettings settings, NextDevice next)
+    : api_(api), settings_(std::move(settings)), next_(std::move(next)) {}
 
 MqttLink::~MqttLink() {
     if (state_ == State::Connected) {
         send(kMqttStatusTopic, kMqttOffline);
-        if (client_) mosquitto_disconnect(client_);
+        if (client_) api_.mosquitto_disconnect(client_);
     }
-    if (client_) mosquitto_destroy(client_);
+    if (client_) api_.mosquitto_destroy(client_);
 }
 
 pollfd MqttLink::pollEntry() const {
     if (!client_) return {-1, 0, 0};
     short events = POLLIN;
-    if (mosquitto_want_write(client_)) events |= POLLOUT;
-    return {mosquitto_socket(client_), events, 0};
+    if (api_.mosquitto_want_write(client_)) events |= POLLOUT;
+    return {api_.mosquitto_socket(client_), events, 0};
 }
 
 void MqttLink::serve(short revents, int64_t nowMono) {
     nowMono_ = nowMono;
     if (client_ && (revents & (POLLIN | POLLERR | POLLHUP)))
-        afterIo(mosquitto_loop_read(client_, 1), "read");
-    if (client_ && (revents & POLLOUT)) afterIo(mosquitto_loop_write(client_, 1), "write");
+        afterIo(api_.mosquitto_loop_read(client_, 1), "read");
+    if (client_ && (revents & POLLOUT)) afterIo(api_.mosquitto_loop_write(client_, 1), "write");
     settle();
 }
 
 void MqttLink::tick(int64_t nowMono) {
     nowMono_ = nowMono;
-    if (state_ == State::Idle && nowMono >= nextAttempt_) connect(nowMono);
+    if (state_ == State::Idle && nowMono >= nextAttempt_) attempt();
+    if (state_ == State::Resolving) lookedUp();
     if (state_ == State::Connecting && nowMono >= connectDeadline_)
         drop("no answer within " + std::to_string(kMqttConnectTimeoutSeconds) + " s");
     // Keepalive: pings, and a broker that stopped answering them is dropped.
-    if (state_ == State::Connected) afterIo(mosquitto_loop_misc(client_), "keepalive");
+    if (state_ == State::Connected) afterIo(api_.mosquitto_loop_misc(client_), "keepalive");
     settle();
 }
 
@@ -71,8 +69,11 @@ void MqttLink::settle() {
     if (connackCode_ >= 0) {
         int code = connackCode_;
         connackCode_ = -1;
-        if (code == 0) connected();
-        else drop(std::string("the broker refused the connection: ") + mosquitto_connack_string(code));
+        if (code == 0)
+            connected();
+        else
+            drop(std::string("the broker refused the connection: ") +
+                 api_.mosquitto_connack_string(code));
     }
     if (lostConnection_) drop("connection lost");
     if (sayOnlineAgain_ && state_ == State::Connected) {
@@ -91,24 +92,46 @@ void MqttLink::publish(const MqttDeviceMessages &messages) {
     send(messages.state, sent.state);
 }
 
+// A name is looked up again at every attempt, in the background.
+void MqttLink::attempt() {
+    const std::string &host = settings_.broker.host;
+    if (isNumericHost(host)) return connect(host);
+    std::string why;
+    if (!resolver_.start(host, why)) return drop("cannot resolve the name: " + why);
+    state_ = State::Resolving;
+}
+
+void MqttLink::lookedUp() {
+    std::string result;
+    switch (resolver_.check(result)) {
+        case MqttResolver::Status::Pending:
+            return;
+        case MqttResolver::Status::Done:
+            return connect(result);
+        case MqttResolver::Status::Failed:
+            return drop("cannot resolve the name: " + result);
+    }
+}
+
 // A fresh client for every attempt: nothing of a failed connection (its queue,
 // its half-open socket) is carried over.
-void MqttLink::connect(int64_t nowMono) {
-    client_ = mosquitto_new(settings_.clientId.c_str(), true, this);
+void MqttLink::connect(const std::string &address) {
+    client_ = api_.mosquitto_new(settings_.clientId.c_str(), true, this);
     if (!client_) return drop("cannot create a client (out of memory)");
-    mosquitto_connect_callback_set(client_, onConnect);
-    mosquitto_disconnect_callback_set(client_, onDisconnect);
-    mosquitto_message_callback_set(client_, onMessage);
-    mosquitto_will_set(client_, std::string(kMqttStatusTopic).c_str(),
-                       static_cast<int>(kMqttOffline.size()), kMqttOffline.data(), 1, true);
+    api_.mosquitto_connect_callback_set(client_, onConnect);
+    api_.mosquitto_disconnect_callback_set(client_, onDisconnect);
+    api_.mosquitto_message_callback_set(client_, onMessage);
+    api_.mosquitto_will_set(client_, std::string(kMqttStatusTopic).c_str(),
+                            static_cast<int>(kMqttOffline.size()), kMqttOffline.data(), 1, true);
     if (!settings_.user.empty())
-        mosquitto_username_pw_set(client_, settings_.user.c_str(),
-                                  settings_.password.empty() ? nullptr : settings_.password.c_str());
-    int rc = mosquitto_connect_async(client_, settings_.broker.host.c_str(), settings_.broker.port,
-                                     kMqttKeepaliveSeconds);
-    if (rc != MOSQ_ERR_SUCCESS) return drop(describe(rc));
+        api_.mosquitto_username_pw_set(
+            client_, settings_.user.c_str(),
+            settings_.password.empty() ? nullptr : settings_.password.c_str());
+    int rc = api_.mosquitto_connect_async(client_, address.c_str(), settings_.broker.port,
+                                          kMqttKeepaliveSeconds);
+    if (rc != MOSQ_ERR_SUCCESS) return drop(describe(api_, rc));
     state_ = State::Connecting;
-    connectDeadline_ = nowMono + kMqttConnectTimeoutSeconds;
+    connectDeadline_ = nowMono_ + kMqttConnectTimeoutSeconds;
 }
 
 // Reported once until the broker answers again; the next attempt waits twice as
@@ -118,7 +141,7 @@ void MqttLink::drop(const std::string &why) {
     // connection and drops it at once is not asked every second.
     if (state_ == State::Connected && nowMono_ - connectedAt_ >= kMqttStableSeconds)
         retry_ = kMqttFirstRetrySeconds;
-    if (client_) mosquitto_destroy(client_);
+    if (client_) api_.mosquitto_destroy(client_);
     client_ = nullptr;
     state_ = State::Idle;
     connackCode_ = -1, lostConnection_ = sayOnlineAgain_ = false;
@@ -138,7 +161,8 @@ void MqttLink::connected() {
              ": connected; publishing every device for Home Assistant");
     send(kMqttStatusTopic, kMqttOnline);
     // An old connection's will may say "offline" after this; it is answered.
-    if (client_) mosquitto_subscribe(client_, nullptr, std::string(kMqttStatusTopic).c_str(), 0);
+    if (client_)
+        api_.mosquitto_subscribe(client_, nullptr, std::string(kMqttStatusTopic).c_str(), 0);
     resyncAfter_ = std::string();
 }
 
@@ -167,11 +191,12 @@ void MqttLink::send(const MqttMessage &message, size_t &sentHash) {
 // the next connect covers whatever a lost connection took with it.
 void MqttLink::send(std::string_view topic, std::string_view payload) {
     if (!client_) return;
-    int rc = mosquitto_publish(client_, nullptr, std::string(topic).c_str(),
-                               static_cast<int>(payload.size()), payload.data(), 0, true);
-    if (rc != MOSQ_ERR_SUCCESS) return drop("cannot publish: " + describe(rc));
+    int rc = api_.mosquitto_publish(client_, nullptr, std::string(topic).c_str(),
+                                    static_cast<int>(payload.size()), payload.data(), 0, true);
+    if (rc != MOSQ_ERR_SUCCESS) return drop("cannot publish: " + describe(api_, rc));
     queuedBytes_ += topic.size() + payload.size();
-    if (!mosquitto_want_write(client_)) queuedBytes_ = 0;
+    if (!api_.mosquitto_want_write(client_))
+        queuedBytes_ = 0;
     else if (queuedBytes_ > kMqttMaxQueuedBytes)
         drop("more than " + std::to_string(kMqttMaxQueuedBytes >> 10) +
              " KiB wait for the broker to read them");
@@ -179,8 +204,8 @@ void MqttLink::send(std::string_view topic, std::string_view payload) {
 
 void MqttLink::afterIo(int rc, const char *what) {
     if (!client_) return;
-    if (rc != MOSQ_ERR_SUCCESS) return drop(std::string(what) + ": " + describe(rc));
-    if (!mosquitto_want_write(client_)) queuedBytes_ = 0;
+    if (rc != MOSQ_ERR_SUCCESS) return drop(std::string(what) + ": " + describe(api_, rc));
+    if (!api_.mosquitto_want_write(client_)) queuedBytes_ = 0;
 }
 
 // The callbacks run inside libmosquitto's read and write calls: they only note

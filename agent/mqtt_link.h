@@ -16,9 +16,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include "mqtt_library.h"
 #include "mqtt_messages.h"
-
-struct mosquitto;
+#include "mqtt_resolver.h"
 
 inline constexpr int64_t kMqttFirstRetrySeconds = 1;
 inline constexpr int64_t kMqttMaxRetrySeconds = 60;
@@ -38,12 +38,12 @@ struct MqttSettings {
 };
 
 class MqttLink {
-public:
+   public:
     // The device after the one whose MAC is AFTER (empty: the first), in MAC order;
     // nullopt past the last. How a resync walks the agent's devices.
     using NextDevice = std::function<std::optional<MqttDeviceMessages>(const std::string &after)>;
 
-    MqttLink(MqttSettings settings, NextDevice next);
+    MqttLink(const MosquittoApi &api, MqttSettings settings, NextDevice next);
     // Says "offline" and disconnects when it can do so without waiting.
     ~MqttLink();
     MqttLink(const MqttLink &) = delete;
@@ -59,10 +59,12 @@ public:
     // differ from what the broker holds), else with the next resync.
     void publish(const MqttDeviceMessages &messages);
 
-private:
-    enum class State { Idle, Connecting, Connected };
+   private:
+    enum class State { Idle, Resolving, Connecting, Connected };
 
-    void connect(int64_t nowMono);
+    void attempt();
+    void lookedUp();
+    void connect(const std::string &address);
     void settle();
     void drop(const std::string &why);
     void connected();
@@ -79,16 +81,18 @@ private:
         size_t config = 0, state = 0, attributes = 0;  // payload hashes; 0: nothing yet
     };
 
+    const MosquittoApi &api_;
     MqttSettings settings_;
     NextDevice next_;
     mosquitto *client_ = nullptr;
+    MqttResolver resolver_;
     State state_ = State::Idle;
     int64_t nowMono_ = 0, nextAttempt_ = 0, connectDeadline_ = 0, connectedAt_ = 0;
     int64_t retry_ = kMqttFirstRetrySeconds;
-    int connackCode_ = -1;           // set by onConnect, acted upon after the read
-    bool lostConnection_ = false;    // set by onDisconnect
-    bool sayOnlineAgain_ = false;    // someone (an old connection's will) said offline
-    std::optional<std::string> resyncAfter_;  // the resync's position; nullopt: none running
-    size_t queuedBytes_ = 0;         // published since the socket last drained
+    int connackCode_ = -1;                        // set by onConnect, acted upon after the read
+    bool lostConnection_ = false;                 // set by onDisconnect
+    bool sayOnlineAgain_ = false;                 // someone (an old connection's will) said offline
+    std::optional<std::string> resyncAfter_;      // the resync's position; nullopt: none running
+    size_t queuedBytes_ = 0;                      // published since the socket last drained
     std::unordered_map<std::string, Sent> sent_;  // by MAC, this connection
 };

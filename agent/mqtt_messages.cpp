@@ -35,7 +35,8 @@ std::string configPayload(const Device &device, const std::string &base, int64_t
     owner.raw("connections", connections).text("name", displayName(device, now));
     if (!device.vendor.empty()) owner.text("manufacturer", device.vendor);
     JsonObject config;
-    config.raw("name", "null")  // the entity is the device's main feature: its name
+    config
+        .raw("name", "null")  // the entity is the device's main feature: its name
         .text("unique_id", objectId(device.macText))
         .text("source_type", "router")
         .text("state_topic", base + "/state")
@@ -62,8 +63,10 @@ std::string attributesPayload(const Device &device, std::string_view kernelIfNam
     attributes.boolean("randomMac", device.randomMac);
     attributes.text("interface", fieldText(r.ifName)).text("kernelInterface", kernelIfName);
     attributes.text("connection", wireless ? "wireless" : "wired");
-    if (wireless) attributes.text("ssid", fieldText(r.ssidName)).signedNumber("signal", r.rssi);
-    else attributes.number("port", r.port);
+    if (wireless)
+        attributes.text("ssid", fieldText(r.ssidName)).signedNumber("signal", r.rssi);
+    else
+        attributes.number("port", r.port);
     attributes.text("firstSeen", utcText(device.firstSeen));
     attributes.raw("linkedMacs", textArray(linkedMacs));
     return attributes.str();
@@ -80,7 +83,8 @@ std::optional<int> parsePort(std::string_view text) {
 }  // namespace
 
 std::optional<MqttBroker> parseMqttUrl(std::string_view url, std::string &why) {
-    if (url.starts_with(kScheme)) url.remove_prefix(kScheme.size());
+    if (url.starts_with(kScheme))
+        url.remove_prefix(kScheme.size());
     else if (url.find("://") != std::string_view::npos)
         return why = "only mqtt:// is supported (no TLS)", std::nullopt;
     if (url.ends_with('/')) url.remove_suffix(1);
@@ -91,7 +95,8 @@ std::optional<MqttBroker> parseMqttUrl(std::string_view url, std::string &why) {
     std::string_view port;
     if (url.starts_with('[')) {  // [IPv6]:PORT
         size_t close = url.find(']');
-        if (close == std::string_view::npos) return why = "no ']' after the IPv6 address", std::nullopt;
+        if (close == std::string_view::npos)
+            return why = "no ']' after the IPv6 address", std::nullopt;
         broker.host = url.substr(1, close - 1);
         std::string_view rest = url.substr(close + 1);
         if (!rest.empty() && (!rest.starts_with(':') || rest.size() == 1))
@@ -99,10 +104,12 @@ std::optional<MqttBroker> parseMqttUrl(std::string_view url, std::string &why) {
         if (!rest.empty()) port = rest.substr(1);
     } else {
         size_t colon = url.find(':');
-        if (colon != url.rfind(':')) return why = "write an IPv6 address as [ADDRESS]", std::nullopt;
+        if (colon != url.rfind(':'))
+            return why = "write an IPv6 address as [ADDRESS]", std::nullopt;
         broker.host = url.substr(0, colon);
         if (colon != std::string_view::npos) port = url.substr(colon + 1);
-        if (colon != std::string_view::npos && port.empty()) return why = "empty port", std::nullopt;
+        if (colon != std::string_view::npos && port.empty())
+            return why = "empty port", std::nullopt;
     }
     if (broker.host.empty()) return why = "no host", std::nullopt;
     if (!port.empty()) {

@@ -22,7 +22,7 @@ TEST(AgentMqttUrl, TakesHostPortAndBracketedIpv6Only) {
         {"mqtt://[fd00::2]", MqttBroker{"fd00::2", 1883}},
         {"mqtt://fd00::2", std::nullopt},  // ambiguous without brackets
         {"mqtts://10.0.0.2", std::nullopt},
-        {"mqtt://user:pw@10.0.0.2", std::nullopt},
+        {"mqtt://user@10.0.0.2", std::nullopt},
         {"mqtt://10.0.0.2:0", std::nullopt},
         {"mqtt://10.0.0.2:65536", std::nullopt},
         {"mqtt://10.0.0.2:", std::nullopt},
@@ -64,7 +64,8 @@ TEST(AgentMqttMessages, TopicsAndFieldsForOneDevice) {
           "\"json_attributes_topic\":\"hostrix/0a:77:00:00:00:03/attributes\"",
           "\"availability_topic\":\"hostrix/status\"", "\"name\":\"tv \\\"den\\\"\""})
         EXPECT_NE(m.config.payload.find(field), std::string::npos) << field;
-    for (const char *field : {"\"ssid\":\"home\"", "\"signal\":-52", "\"kernelInterface\":\"phy0-ap0\""})
+    for (const char *field :
+         {"\"ssid\":\"home\"", "\"signal\":-52", "\"kernelInterface\":\"phy0-ap0\""})
         EXPECT_NE(m.attributes.payload.find(field), std::string::npos) << field;
     EXPECT_EQ(deviceMessages(wirelessDevice(false), "", {}, 0).state.payload, "not_home");
 }
