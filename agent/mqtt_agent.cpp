@@ -8,6 +8,7 @@
 #include "args.h"
 #include "format.h"
 #include "log.h"
+#include "mqtt_library.h"
 
 namespace {
 

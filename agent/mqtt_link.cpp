@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "log.h"
+#include "mqtt_library.h"
 
 namespace {
 

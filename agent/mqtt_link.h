@@ -16,9 +16,12 @@
 #include <unordered_map>
 #include <vector>
 
-#include "mqtt_library.h"
 #include "mqtt_messages.h"
 #include "mqtt_resolver.h"
+
+struct mosquitto;
+struct mosquitto_message;
+struct MosquittoApi;
 
 inline constexpr int64_t kMqttFirstRetrySeconds = 1;
 inline constexpr int64_t kMqttMaxRetrySeconds = 60;
