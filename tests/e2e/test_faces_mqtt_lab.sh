@@ -20,6 +20,7 @@ BROKER_PORT=18830
 AGENT_PID="" BROKER_PID="" LIVE_PID=""
 ARRIVAL=150 # 30 s in 0.2 s tries: a lease, a discovery tick, a poll
 RECONNECT=350 # 70 s: the back-off after a failed attempt is at most 60 s
+RETAINED=60   # tries of retained_now (over 1 s each): a minute
 
 in_gw() { ip netns exec "$GW_NS" "$@"; }
 
@@ -53,7 +54,7 @@ live_subscribe() {
 # What a newcomer finds: the retained messages only, in retained.txt.
 retained_now() {
     in_gw mosquitto_sub -p "$BROKER_PORT" -t 'homeassistant/#' -t 'hostrix/#' -F '%r %t %p' \
-        --retained-only -W 2 >"$E2E_TMP/retained.txt" 2>/dev/null || true
+        --retained-only -W 1 >"$E2E_TMP/retained.txt" 2>/dev/null || true
 }
 
 # mqtt_check FILE WHAT MAC...: the messages in FILE describe each MAC as WHAT says
@@ -152,7 +153,7 @@ main() {
     check "every lab host is home, retained" wait_for 25 live_describes home "${macs[@]}"
     check "h1's attributes carry its leased address" \
         wait_for 25 live_describes "ip=$(lease_ip_of "${macs[0]}")" "${macs[0]}"
-    check "hostrix/status is online, retained" wait_for 25 status_is online
+    check "hostrix/status is online, retained" wait_for 15 status_is online
 
     check "lab sta-leave h3" lab_run sta-leave h3
     check "h3 turns not_home" wait_for "$ARRIVAL" live_describes not_home "${macs[2]}"
@@ -160,21 +161,21 @@ main() {
     stop_pid "$BROKER_PID"
     broker_start
     check "the broker is up again, empty" wait_for 50 broker_up
-    check "after the restart every config is back" wait_for "$RECONNECT" retained_describes config "${macs[@]}"
+    check "after the restart every config is back" wait_for "$RETAINED" retained_describes config "${macs[@]}"
     check "after the restart the states are back" retained_describes home "${macs[0]}" "${macs[1]}" "${macs[3]}" "${macs[4]}" "${macs[5]}"
     check "after the restart h3 is still not_home" described "$E2E_TMP/retained.txt" not_home "${macs[2]}"
     check "after the restart hostrix/status is online" status_is online
 
     in_gw mosquitto_pub -p "$BROKER_PORT" -r -t hostrix/status -m offline
-    check "a stray retained offline is answered with online" wait_for 25 status_is online
+    check "a stray retained offline is answered with online" wait_for 15 status_is online
     printf '    agent VmRSS with MQTT: %s\n' "$(awk '/VmRSS/ { print $2, $3 }' "/proc/$AGENT_PID/status")"
 
     stop_pid "$AGENT_PID"
     check "a stopped agent leaves hostrix/status offline" status_is offline
     agent_start
-    check "a new agent says online" wait_for 50 status_is online
+    check "a new agent says online" wait_for 15 status_is online
     kill -KILL "$AGENT_PID"
-    check "a killed agent's last will says offline" wait_for 25 status_is offline
+    check "a killed agent's last will says offline" wait_for 15 status_is offline
     stop_pid "$AGENT_PID"
     AGENT_PID=""
     finish
