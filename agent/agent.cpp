@@ -159,7 +159,7 @@ void Agent::servePoll(const std::vector<pollfd> &fds, size_t hubAt) {
         std::vector<MdnsAddress> records;
         if ((fds[i].revents & POLLIN) && receiveMdns(fds[i].fd, records)) mdnsHeard(records);
     }
-    if (mqtt_) mqtt_->serve(fds[4].revents, nowMono_);
+    if (mqtt_) mqtt_->serve(fds[hubAt - 1].revents, nowMono_);  // the entry before the hub's
     hub_->serve(fds, hubAt, nowMono_);
 }
 
