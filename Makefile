@@ -18,7 +18,8 @@ FUZZ_RUNS ?= 10000000
 DEPS := cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev \
         libbenchmark-dev libnftnl-dev libmnl-dev libsqlite3-dev ieee-data iproute2 dnsmasq-base \
         busybox nftables tcpdump python3 procps faketime pkg-config libmicrohttpd-dev \
-        chromium chromium-driver python3-prometheus-client scdoc
+        chromium chromium-driver python3-prometheus-client scdoc \
+        libmosquitto-dev mosquitto mosquitto-clients
 
 CMAKE_GEN := -G Ninja
 

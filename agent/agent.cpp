@@ -62,6 +62,7 @@ Agent::Agent(AgentConfig config)
 int Agent::run() {
     if (!setUp()) return 1;
     loop();
+    mqtt_.reset();  // says "offline" to Home Assistant
     flushHistory();
     unlink(agentPath(kAgentSocketBase).c_str());
     unlink(agentPath(kAgentDhcpSocketBase).c_str());
@@ -89,6 +90,7 @@ bool Agent::setUp() {
     loadHistory();
     openSideChannels();
     startWeb();
+    startMqtt();
     agentLog("serving subscribers at " + path);
     return true;
 }
@@ -135,7 +137,8 @@ void Agent::loop() {
         std::vector<pollfd> fds = {{signals_.get(), POLLIN, 0},
                                    {dhcp_.get(), POLLIN, 0},
                                    {mdns_.v4.get(), POLLIN, 0},
-                                   {mdns_.v6.get(), POLLIN, 0}};
+                                   {mdns_.v6.get(), POLLIN, 0},
+                                   mqtt_ ? mqtt_->pollEntry() : pollfd{-1, 0, 0}};
         size_t hubAt = fds.size();
         hub_->addPollFds(fds);
         if (web_) web_->addPollFds(fds);
@@ -166,6 +169,7 @@ void Agent::servePoll(const std::vector<pollfd> &fds, size_t hubAt) {
         std::vector<MdnsAddress> records;
         if ((fds[i].revents & POLLIN) && receiveMdns(fds[i].fd, records)) mdnsHeard(records);
     }
+    if (mqtt_) mqtt_->serve(fds[hubAt - 1].revents, nowMono_);  // the entry before the hub's
     hub_->serve(fds, hubAt, nowMono_);
     if (web_) web_->run();  // libmicrohttpd looks at its own descriptors
 }
@@ -189,6 +193,7 @@ void Agent::tick() {
         nextHousekeeping_ = nowMono_ + kHousekeepingSeconds;
         housekeeping();
     }
+    if (mqtt_) mqtt_->tick(nowMono_);
 }
 
 bool Agent::pollDaemon() {

@@ -17,6 +17,7 @@
 #include "event_ring.h"
 #include "history.h"
 #include "mdns_listener.h"
+#include "mqtt_link.h"
 #include "oui.h"
 #include "platform/ifname_map.h"
 #include "subscribers.h"
@@ -75,6 +76,10 @@ private:
     std::optional<std::string> deviceDetail(const std::string &mac);
     std::vector<SessionChange> sessionsOf(const std::string &mac);
     std::string metricsPage();
+    // mqtt_agent.cpp: Home Assistant over MQTT.
+    void startMqtt();
+    MqttDeviceMessages mqttMessages(const Device &device) const;
+    std::optional<MqttDeviceMessages> mqttDeviceAfter(const std::string &after);
 
     AgentConfig config_;
     int64_t now_ = 0;      // Unix seconds, set each loop turn
@@ -82,6 +87,7 @@ private:
     std::map<Mac, Device> devices_;
     EventRing ring_;
     std::unique_ptr<SubscriberHub> hub_;
+    std::unique_ptr<MqttLink> mqtt_;  // none without mqtt_url
     UniqueFd signals_, dhcp_;
     MdnsSockets mdns_;
     History history_;

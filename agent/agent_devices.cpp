@@ -196,6 +196,7 @@ void Agent::emit(std::string_view kind, Device &device) {
     ++eventCounts_[std::string(kind)];
     if (web_) web_->publish(seq, line);
     ring_.push(std::move(line));
+    if (mqtt_ && device.haveRecord) mqtt_->publish(mqttMessages(device));
 }
 
 std::vector<std::string> Agent::linkedMacs(const Device &device) const {

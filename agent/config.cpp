@@ -29,6 +29,9 @@ std::string applyKey(std::string_view key, std::string_view value, AgentConfig &
     if (key == "oui_file") return config.ouiFile = value, "";
     if (key == "mdns_interface") return config.mdnsInterface = value, "";
     if (key == "http_listen") return config.httpListen = value, "";
+    if (key == "mqtt_url") return config.mqttUrl = value, "";
+    if (key == "mqtt_user") return config.mqttUser = value, "";
+    if (key == "mqtt_password") return config.mqttPassword = value, "";
     if (key == "agent_sets")
         return parseSwitch(value, config.agentSets) ? "" : "agent_sets takes on or off";
     if (key == "mdns") return parseSwitch(value, config.mdns) ? "" : "mdns takes on or off";

@@ -18,6 +18,8 @@ struct AgentConfig {
     bool agentSets = true;      // brand and os written to the daemon where it holds OTHER
     bool mdns = true;
     std::string httpListen = "127.0.0.1:8089";  // the web page and /metrics; "off": none
+    std::string mqttUrl;        // empty: nothing is published to Home Assistant
+    std::string mqttUser, mqttPassword;
 };
 
 // Problems come as "line N: what is wrong".

@@ -1,0 +1,58 @@
+#include "mqtt_resolver.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+
+struct MqttResolver::Request {
+    std::string host;
+    addrinfo hints{};
+    gaicb block{};
+    gaicb *list[1] = {&block};
+};
+
+MqttResolver::~MqttResolver() {
+    if (!request_) return;
+    int rc = gai_cancel(&request_->block);
+    // A lookup that cannot be cancelled still writes into its request: left to it.
+    if (rc == EAI_NOTCANCELED) return;
+    if (rc == EAI_ALLDONE && request_->block.ar_result) freeaddrinfo(request_->block.ar_result);
+    delete request_;
+}
+
+bool MqttResolver::start(const std::string &host, std::string &why) {
+    if (request_) return why = "a lookup is still running", false;
+    request_ = new Request;
+    request_->host = host;
+    request_->hints.ai_family = AF_UNSPEC;
+    request_->hints.ai_socktype = SOCK_STREAM;
+    request_->block.ar_name = request_->host.c_str();
+    request_->block.ar_request = &request_->hints;
+    int rc = getaddrinfo_a(GAI_NOWAIT, request_->list, 1, nullptr);
+    if (rc == 0) return true;
+    why = gai_strerror(rc);
+    delete request_;
+    request_ = nullptr;
+    return false;
+}
+
+MqttResolver::Status MqttResolver::check(std::string &result) {
+    if (!request_) return result = "no lookup", Status::Failed;
+    int rc = gai_error(&request_->block);
+    if (rc == EAI_INPROGRESS) return Status::Pending;
+    addrinfo *found = request_->block.ar_result;
+    char text[NI_MAXHOST] = {};
+    if (rc == 0 && found)
+        rc = getnameinfo(found->ai_addr, found->ai_addrlen, text, sizeof text, nullptr, 0,
+                         NI_NUMERICHOST);
+    result = rc == 0 && found ? text : gai_strerror(rc);
+    if (found) freeaddrinfo(found);
+    delete request_;
+    request_ = nullptr;
+    return rc == 0 ? Status::Done : Status::Failed;
+}
+
+bool isNumericHost(const std::string &host) {
+    unsigned char address[16];
+    return inet_pton(AF_INET, host.c_str(), address) == 1 ||
+           inet_pton(AF_INET6, host.c_str(), address) == 1;
+}
