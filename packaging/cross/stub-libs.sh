@@ -36,4 +36,5 @@ stub mnl libmnl.so.0 mnl_ /usr/include/libmnl/libmnl.h -- "$here/libmnl_walk.c"
 stub nftnl libnftnl.so.11 nftnl_ /usr/include/libnftnl/*.h
 stub sqlite3 libsqlite3.so.0 sqlite3_ /usr/include/sqlite3.h
 stub microhttpd libmicrohttpd.so.12 MHD_ /usr/include/microhttpd.h
+stub mosquitto libmosquitto.so.1 mosquitto_ /usr/include/mosquitto.h
 echo "stubs for $triple in $out"
