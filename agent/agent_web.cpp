@@ -62,21 +62,6 @@ std::string sessionsJson(const std::vector<SessionChange> &sessions) {
     return json + "]";
 }
 
-std::string namesJson(const std::vector<DeviceName> &names) {
-    std::string json = "[";
-    for (const DeviceName &entry : names) {
-        if (json.size() > 1) json += ',';
-        json += JsonObject().text("name", entry.name).text("source", entry.source).str();
-    }
-    return json + "]";
-}
-
-std::string textArray(const std::vector<std::string> &items) {
-    std::string json = "[";
-    for (const std::string &item : items) json += (json.size() > 1 ? "," : "") + jsonQuote(item);
-    return json + "]";
-}
-
 }  // namespace
 
 void Agent::startWeb() {

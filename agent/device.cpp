@@ -5,8 +5,6 @@
 
 #include "format.h"
 
-namespace {
-
 std::string namesJson(const std::vector<DeviceName> &names) {
     std::string json = "[";
     for (const DeviceName &entry : names) {
@@ -24,6 +22,8 @@ std::string textArray(const std::vector<std::string> &items) {
     }
     return json + "]";
 }
+
+namespace {
 
 bool addName(std::vector<DeviceName> &names, std::string name, std::string_view source) {
     if (name.empty()) return false;

@@ -50,6 +50,10 @@ struct Device {
 // (from the lease or set by a client), then mDNS, which counts only while fresh.
 std::vector<DeviceName> deviceNames(const Device &device, int64_t now);
 
+// JSON arrays of names with their sources, and of texts.
+std::string namesJson(const std::vector<DeviceName> &names);
+std::string textArray(const std::vector<std::string> &items);
+
 // The host object of the subscriber protocol.
 std::string hostJson(const Device &device, std::string_view kernelIfName,
                      const std::vector<std::string> &linkedMacs, int64_t now);

@@ -23,12 +23,6 @@ std::string displayName(const Device &device, int64_t now) {
     return device.storedName.empty() ? device.macText : device.storedName;
 }
 
-std::string textArray(const std::vector<std::string> &items) {
-    std::string json = "[";
-    for (const std::string &item : items) json += (json.size() > 1 ? "," : "") + jsonQuote(item);
-    return json + "]";
-}
-
 std::string configPayload(const Device &device, const std::string &base, int64_t now) {
     std::string connections = "[[\"mac\"," + jsonQuote(device.macText) + "]]";
     JsonObject owner;

@@ -194,14 +194,14 @@ start_story() {
 show_web_page() {
     [[ -n "$AGENT_PID" ]] || return 0
     say "The connected-devices page: $WEB_URL in namespace hx-gw (http_listen in agent.conf)"
-    local tries=50 count=0
+    # Only until it answers: the watch below is to see the hosts arrive.
+    local tries=50 count=""
     while ((tries-- > 0)) && pid_alive "$AGENT_PID"; do
         count="$(ip netns exec hx-gw python3 -c 'import json, sys, urllib.request
-print(len(json.load(urllib.request.urlopen(sys.argv[1] + "api/hosts", timeout=2))["hosts"]))' "$WEB_URL" 2>/dev/null)" || count=0
-        ((count > 0)) && break
+print(len(json.load(urllib.request.urlopen(sys.argv[1] + "api/hosts", timeout=2))["hosts"]))' "$WEB_URL" 2>/dev/null)" && break
         sleep 0.2
     done
-    note "it answers: ${WEB_URL}api/hosts lists $count online devices; ${WEB_URL}metrics has their traffic"
+    note "it answers: ${WEB_URL}api/hosts lists ${count:-no} online devices so far; ${WEB_URL}metrics has their traffic"
     note "open it from this machine (socat forwards port 8089 into hx-gw), then browse $WEB_URL:"
     note "  socat TCP-LISTEN:8089,bind=127.0.0.1,fork,reuseaddr EXEC:'ip netns exec hx-gw socat STDIO TCP:127.0.0.1:8089'"
     note "or take a picture: ip netns exec hx-gw chromium --headless --no-sandbox --screenshot=/tmp/page.png $WEB_URL"

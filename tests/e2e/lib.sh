@@ -256,3 +256,18 @@ for key, want in (p.split("=", 1) for p in pairs if "=" in p):
         print(key)
 PY
 }
+
+# An mDNS answer "NAME.local is at IP" from inside host HOST (labels hold no blanks).
+announce_mdns() {
+    ip netns exec "hx-$1" /usr/bin/python3 - "$2" "$3" <<'PY'
+import socket, struct, sys
+name, ip = sys.argv[1], sys.argv[2]
+label = bytes([len(name)]) + name.encode() + b"\x05local\x00"
+packet = struct.pack("!6H", 0, 0x8400, 0, 1, 0, 0) + label
+packet += struct.pack("!HHIH", 1, 0x8001, 120, 4) + socket.inet_aton(ip)
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(ip))
+s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_TTL, 255)
+s.sendto(packet, ("224.0.0.251", 5353))
+PY
+}

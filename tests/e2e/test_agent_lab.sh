@@ -82,20 +82,6 @@ has_name() { event_field "$E2E_TMP/$1.ndjson" "$2" any names | grep -qF "$3"; }
 watched() { grep -qF "\"mac\":\"$1\"" "$E2E_TMP/watch.ndjson"; }
 agent_logged() { grep -qF -- "$1" "$AGENT_LOG"; }
 
-# An mDNS answer "NAME.local is at IP" sent from inside host HOST.
-announce_mdns() {
-    ip netns exec "hx-$1" python3 - "$2" "$3" <<'PY'
-import socket, struct, sys
-name, ip = sys.argv[1], sys.argv[2]
-label = bytes([len(name)]) + name.encode() + b"\x05local\x00"
-packet = struct.pack("!6H", 0, 0x8400, 0, 1, 0, 0) + label
-packet += struct.pack("!HHIH", 1, 0x8001, 120, 4) + socket.inet_aton(ip)
-s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(ip))
-s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_TTL, 255)
-s.sendto(packet, ("224.0.0.251", 5353))
-PY
-}
 
 # A DHCP exchange with Windows 10's parameter request list (busybox sends -O options
 # in ascending order, which is Windows 10's order too); the address is not applied.

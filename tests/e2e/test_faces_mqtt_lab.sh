@@ -15,7 +15,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 AGENT_BIN="${HOSTRIX_AGENT_BIN:-$(dirname "$HOSTRIX_BIN")/hostrix-agent}"
 AGENT_LOG="$LAB_DIR/agent.log"
-AGENT_SOCKET="$ROOT/var/run/hostrix-agent.sock"
+AGENT_SOCKET="$ROOT/var/run/hostrix-agent/agent.sock"
 BROKER_PORT=18830
 AGENT_PID="" BROKER_PID="" LIVE_PID=""
 ARRIVAL=150 # 30 s in 0.2 s tries: a lease, a discovery tick, a poll

@@ -45,21 +45,10 @@ PY
 status_of() { [[ "$(fetch "$1" "${3:-GET}" | tail -n 1)" == "$2" ]]; }
 fetched() { fetch "$1" | grep -qF -- "$2"; }
 
-# "NAME.local is at IP" over mDNS from host HOST: the markup comes from the LAN as
-# a name (mDNS labels hold no blanks, so the markup uses slashes instead).
-announce_mdns() {
-    ip netns exec "hx-$1" busybox ping -q -c 1 -W 2 10.77.0.1 >/dev/null || return 1
-    ip netns exec "hx-$1" "$SYSTEM_PYTHON" - "$2" "$3" <<'PY'
-import socket, struct, sys
-name, ip = sys.argv[1], sys.argv[2]
-label = bytes([len(name)]) + name.encode() + b"\x05local\x00"
-packet = struct.pack("!6H", 0, 0x8400, 0, 1, 0, 0) + label
-packet += struct.pack("!HHIH", 1, 0x8001, 120, 4) + socket.inet_aton(ip)
-s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(ip))
-s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_TTL, 255)
-s.sendto(packet, ("224.0.0.251", 5353))
-PY
+
+# The host answers the gateway first, so that its address is known when the name comes.
+announce_mdns_after_ping() {
+    ip netns exec "hx-$1" busybox ping -q -c 1 -W 2 10.77.0.1 >/dev/null && announce_mdns "$@"
 }
 
 # The first event of /api/events for Last-Event-ID LAST (none: no header), as
@@ -171,14 +160,16 @@ cleanup_web() {
     for pid in "$DRIVER_PID" "$AGENT_PID"; do
         if [[ -n "$pid" ]]; then kill -TERM "$pid" 2>/dev/null || true; fi
     done
-    wait_for 25 all_dead $DRIVER_PID $AGENT_PID || kill -KILL $DRIVER_PID $AGENT_PID 2>/dev/null || true
+    wait_for 25 all_dead "$DRIVER_PID" "$AGENT_PID" || kill -KILL "$DRIVER_PID" "$AGENT_PID" 2>/dev/null || true
     if [[ -s "$AGENT_LOG" ]]; then cp -- "$AGENT_LOG" "${E2E_LOG_DIR:-/tmp}/hostrix-agent-web-e2e.log" || true; fi
 }
 
 main() {
     daemon_test_setup
     [[ -x "$AGENT_BIN" ]] || skip "no agent binary at $AGENT_BIN (build it or set HOSTRIX_AGENT_BIN)"
-    command -v chromedriver >/dev/null && [[ -x /usr/bin/chromium ]] || skip "needs chromium and chromium-driver (make check installs them)"
+    if ! command -v chromedriver >/dev/null || [[ ! -x /usr/bin/chromium ]]; then
+        skip "needs chromium and chromium-driver (make check installs them)"
+    fi
     "$SYSTEM_PYTHON" -c 'import prometheus_client' 2>/dev/null || skip "needs python3-prometheus-client"
     trap 'cleanup_web; lab_down_on_exit' EXIT
 
@@ -206,7 +197,7 @@ main() {
     check "a host joins" lab_run add-host joiner eth0.5 --mac "$JOIN_MAC" --hostname joiner
     check "it appears within 4 s, without a reload" wait_for 20 row_is "$JOIN_MAC"
     check "a static host joins" lab_run add-host evil eth0.3 --static 10.77.0.61 --mac "$EVIL_MAC"
-    check "it announces markup as its mDNS name" announce_mdns evil "$EVIL_NAME" 10.77.0.61
+    check "it announces markup as its mDNS name" announce_mdns_after_ping evil "$EVIL_NAME" 10.77.0.61
     check "its name shows as text" wait_for "$ARRIVAL" name_is_text
     check "the name made no element" no_markup
     check "no script ran (no dialog open)" test -z "$(wd alert)"
