@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 
+#if defined(__GLIBC__)
 struct MqttResolver::Request {
     std::string host;
     addrinfo hints{};
@@ -50,6 +51,43 @@ MqttResolver::Status MqttResolver::check(std::string &result) {
     request_ = nullptr;
     return rc == 0 ? Status::Done : Status::Failed;
 }
+
+#else
+// C libraries without getaddrinfo_a (musl, so OpenWrt): the lookup runs at start()
+// and holds the loop while it lasts; a broker given by address needs none.
+struct MqttResolver::Request {
+    int rc = 0;
+    std::string result;
+};
+
+MqttResolver::~MqttResolver() { delete request_; }
+
+bool MqttResolver::start(const std::string &host, std::string &why) {
+    if (request_) return why = "a lookup is still running", false;
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo *found = nullptr;
+    request_ = new Request;
+    request_->rc = getaddrinfo(host.c_str(), nullptr, &hints, &found);
+    char text[NI_MAXHOST] = {};
+    if (request_->rc == 0)
+        request_->rc = getnameinfo(found->ai_addr, found->ai_addrlen, text, sizeof text, nullptr,
+                                   0, NI_NUMERICHOST);
+    request_->result = request_->rc == 0 ? text : gai_strerror(request_->rc);
+    if (found) freeaddrinfo(found);
+    return true;
+}
+
+MqttResolver::Status MqttResolver::check(std::string &result) {
+    if (!request_) return result = "no lookup", Status::Failed;
+    const bool done = request_->rc == 0;
+    result = std::move(request_->result);
+    delete request_;
+    request_ = nullptr;
+    return done ? Status::Done : Status::Failed;
+}
+#endif
 
 bool isNumericHost(const std::string &host) {
     unsigned char address[16];

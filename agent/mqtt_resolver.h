@@ -2,6 +2,7 @@
 // lookup runs in a short-lived thread of the C library, looked at once a second.
 // A name that the resolver takes seconds to answer (DNS down, an mDNS name that
 // nobody answers) then delays only the connection, never subscribers or the daemon.
+// Where the C library has no getaddrinfo_a (musl), the lookup blocks instead.
 #pragma once
 
 #include <string>
