@@ -7,44 +7,40 @@
 
 namespace {
 
-struct RequestCase {
-    const char *line;
-    bool valid;
-    std::optional<uint64_t> since;
-};
+using Lines = std::vector<std::string>;
+const std::optional<uint64_t> kNo;  // no since, or no valid request
 
 TEST(AgentRequest, AcceptsOnlyTheTwoForms) {
-    const RequestCase cases[] = {
-        {"{}", true, std::nullopt},
-        {" { } \r", true, std::nullopt},
+    const std::tuple<std::string, bool, std::optional<uint64_t>> cases[] = {
+        {"{}", true, kNo},
+        {" { } \r", true, kNo},
         {"{\"since\": 42}", true, 42},
         {"{\"since\":18446744073709551615}", true, UINT64_MAX},
-        {"{\"since\":18446744073709551616}", false, {}},  // overflow
-        {"{\"since\": -1}", false, {}},
-        {"{\"since\": }", false, {}},
-        {"{\"since\": 1} x", false, {}},
-        {"{\"until\": 1}", false, {}},
-        {"{", false, {}},
-        {"", false, {}},
-        {"GET / HTTP/1.0", false, {}},
+        {"{\"since\":18446744073709551616}", false, kNo},  // overflow
+        {"{\"since\": -1}", false, kNo},
+        {"{\"since\": }", false, kNo},
+        {"{\"since\": 1} x", false, kNo},
+        {"{\"until\": 1}", false, kNo},
+        {"{", false, kNo},
+        {"", false, kNo},
+        {"GET / HTTP/1.0", false, kNo},
+        {"{" + std::string(kMaxRequestLine, ' ') + "}", false, kNo},
     };
-    for (const RequestCase &c : cases) {
-        std::optional<SubscriberRequest> got = parseRequest(c.line);
-        EXPECT_TRUE(got ? c.valid && got->since == c.since : !c.valid) << c.line;
+    for (const auto &[line, valid, since] : cases) {
+        std::optional<SubscriberRequest> got = parseRequest(line);
+        EXPECT_EQ(got ? std::tuple(true, got->since) : std::tuple(false, kNo), std::tuple(valid, since))
+            << line;
     }
-    EXPECT_FALSE(parseRequest("{" + std::string(kMaxRequestLine, ' ') + "}"));
 }
 
 // The lines a subscriber asking since SINCE gets, or {"snapshot"}.
-std::vector<std::string> replay(const EventRing &ring, uint64_t since) {
+Lines replay(const EventRing &ring, uint64_t since) {
     auto lines = ring.after(since);
     if (!lines) return {"snapshot"};
-    std::vector<std::string> out;
+    Lines out;
     for (const std::string *line : *lines) out.push_back(*line);
     return out;
 }
-
-using Lines = std::vector<std::string>;
 
 TEST(AgentEventRing, ReplaysWhatFollowsSinceWhileItHoldsIt) {
     EventRing ring(100, 4);
@@ -55,10 +51,9 @@ TEST(AgentEventRing, ReplaysWhatFollowsSinceWhileItHoldsIt) {
     EXPECT_EQ(replay(ring, 101), (Lines{"e2", "e3", "e4", "e5"}));
     EXPECT_EQ(replay(ring, 103), (Lines{"e4", "e5"}));
     EXPECT_EQ(replay(ring, 105), Lines{});
-    EXPECT_EQ(replay(ring, 100), Lines{"snapshot"});  // 101 is lost
-    EXPECT_EQ(replay(ring, 106), Lines{"snapshot"});  // ahead: another run's number
-    EXPECT_EQ(replay(ring, UINT64_MAX), Lines{"snapshot"});
-    EXPECT_EQ(replay(ring, 0), Lines{"snapshot"});
+    // 101 is lost; 106 is ahead: another run's number.
+    for (uint64_t since : {uint64_t{100}, uint64_t{106}, UINT64_MAX, uint64_t{0}})
+        EXPECT_EQ(replay(ring, since), Lines{"snapshot"}) << since;
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 // by their start.
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 #include "history.h"
 #include "temp_dir.h"
 
@@ -12,23 +10,20 @@ namespace {
 TEST(HistoryTest, WritesComeBackAfterAReopen) {
     TempDir dir;
     const std::string path = dir.file("var/lib/hostrix/history.db");  // folders made on the way
+    const std::string mac = "0a:00:00:00:00:01";
     {
         History history;
         ASSERT_TRUE(history.open(path));
-        DeviceRow row{"0a:00:00:00:00:01", 100, 200, "", "phone", "dhcp", true, "android",
+        DeviceRow row{mac, 100, 200, "", "phone", "dhcp", true, "android",
                       "10.0.0.2", "", "eth0.2", "0a:00:00:00:00:09"};
-        FingerprintRow print{"0a:00:00:00:00:01", {}, 150};
-        print.dhcp.clientId = "ff:01";
-        print.dhcp.options = {1, 3, 6};
-        ASSERT_TRUE(history.write({row}, {print},
-                                  {{row.mac, 100, std::nullopt}, {row.mac, 100, 180},
-                                   {row.mac, 190, std::nullopt}}));
+        FingerprintRow print{mac, {{}, "", "ff:01", "", {1, 3, 6}}, 150};
+        ASSERT_TRUE(history.write({row}, {print}, {{mac, 100, {}}, {mac, 100, 180}, {mac, 190, {}}}));
         row.lastSeen = 300;
         ASSERT_TRUE(history.write({row}, {}, {}));  // a later batch replaces the row
     }
     History again;
     ASSERT_TRUE(again.open(path));
-    std::optional<DeviceRow> row = again.device("0a:00:00:00:00:01");
+    std::optional<DeviceRow> row = again.device(mac);
     ASSERT_TRUE(row);
     EXPECT_EQ(std::tuple(row->firstSeen, row->lastSeen, row->randomMac, row->linkedTo, row->vendor),
               std::tuple(100, 300, true, "0a:00:00:00:00:09", ""));

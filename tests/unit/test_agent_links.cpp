@@ -6,61 +6,43 @@
 namespace {
 
 constexpr int64_t kNow = 1700000000;
+constexpr std::array<uint8_t, 6> kNewRandom = {0x06, 1, 2, 3, 4, 5};
+const std::string kOld = "0a:09:09:09:09:09", kGroup = "0e:00:00:00:00:01";
+const std::optional<std::string> kNone;
 
 DhcpReport phone(std::array<uint8_t, 6> mac, std::string clientId, std::string hostname) {
-    DhcpReport report;
-    report.mac = mac;
-    report.clientId = std::move(clientId);
-    report.hostname = std::move(hostname);
-    report.options = {1, 3, 6, 15, 26, 28, 51, 58, 59, 43};
-    report.vendorClass = "android-dhcp-13";
-    return report;
+    return {mac, std::move(hostname), std::move(clientId), "android-dhcp-13",
+            {1, 3, 6, 15, 26, 28, 51, 58, 59, 43}};
 }
 
-KnownDevice seen(std::string mac, int64_t ago, DhcpReport dhcp, std::string linkedTo = "") {
-    return {std::move(mac), kNow - ago, std::move(linkedTo), std::move(dhcp)};
+// MAC, last seen AGO seconds back, sending the phone's report with ID and NAME.
+KnownDevice seen(std::string mac, int64_t ago, std::string id, std::string name = "",
+                 std::string linkedTo = "") {
+    return {std::move(mac), kNow - ago, std::move(linkedTo), phone({}, id, name)};
 }
-
-constexpr std::array<uint8_t, 6> kNewRandom = {0x06, 1, 2, 3, 4, 5};
-constexpr std::array<uint8_t, 6> kOldRandom = {0x0a, 9, 9, 9, 9, 9};
 
 TEST(AgentLinking, MatchesClientIdOrNameWithFingerprintWithinAWeek) {
-    DhcpReport byId = phone(kNewRandom, "ff:12:34", "");
-    DhcpReport byName = phone(kNewRandom, "", "Pixel-7");
-    struct Case {
-        const char *what;
-        DhcpReport report;
-        std::vector<KnownDevice> known;
-        std::optional<std::string> link;
-    };
-    DhcpReport otherFingerprint = phone(kOldRandom, "", "pixel-7");
-    otherFingerprint.options.pop_back();
-    const Case cases[] = {
-        {"same client id", byId, {seen("0a:09:09:09:09:09", 3600, phone(kOldRandom, "FF:12:34", ""))},
-         "0a:09:09:09:09:09"},
-        {"same name and fingerprint", byName,
-         {seen("0a:09:09:09:09:09", 3600, phone(kOldRandom, "", "pixel-7"))}, "0a:09:09:09:09:09"},
-        {"same name, other fingerprint", byName, {seen("0a:09:09:09:09:09", 3600, otherFingerprint)},
-         std::nullopt},
-        {"older than a week", byId,
-         {seen("0a:09:09:09:09:09", kLinkWindowSeconds + 1, phone(kOldRandom, "ff:12:34", ""))},
-         std::nullopt},
-        {"linked device: to its group's first MAC", byId,
-         {seen("0a:09:09:09:09:09", 60, phone(kOldRandom, "ff:12:34", ""), "0e:00:00:00:00:01")},
-         "0e:00:00:00:00:01"},
-        {"most recent of two", byId,
-         {seen("0a:00:00:00:00:01", 7200, phone(kOldRandom, "ff:12:34", "")),
-          seen("0a:00:00:00:00:02", 60, phone(kOldRandom, "ff:12:34", ""))},
-         "0a:00:00:00:00:02"},
-        {"a client id that is only the MAC", phone(kNewRandom, "01:06:01:02:03:04:05", ""),
-         {seen("0a:09:09:09:09:09", 60, phone(kOldRandom, "01:06:01:02:03:04:05", ""))},
-         std::nullopt},
-        {"itself", byId, {seen("06:01:02:03:04:05", 60, phone(kNewRandom, "ff:12:34", ""))},
-         std::nullopt},
-        {"a universal MAC is never linked", phone({0x00, 1, 2, 3, 4, 5}, "ff:12:34", ""),
-         {seen("0a:09:09:09:09:09", 60, phone(kOldRandom, "ff:12:34", ""))}, std::nullopt},
-    };
-    for (const Case &c : cases) EXPECT_EQ(findLink(c.report, kNow, c.known), c.link) << c.what;
+    DhcpReport byId = phone(kNewRandom, "ff:12:34", ""), byName = phone(kNewRandom, "", "Pixel-7");
+    DhcpReport otherPrint = byName;
+    otherPrint.options.pop_back();
+    const std::string macId = "01:06:01:02:03:04:05";
+    const std::tuple<const char *, DhcpReport, std::vector<KnownDevice>, std::optional<std::string>>
+        cases[] = {
+            {"same client id", byId, {seen(kOld, 3600, "FF:12:34")}, kOld},
+            {"same name and fingerprint", byName, {seen(kOld, 3600, "", "pixel-7")}, kOld},
+            {"same name, other fingerprint", otherPrint, {seen(kOld, 3600, "", "pixel-7")}, kNone},
+            {"older than a week", byId, {seen(kOld, kLinkWindowSeconds + 1, "ff:12:34")}, kNone},
+            {"linked: to its group's first", byId, {seen(kOld, 60, "ff:12:34", "", kGroup)}, kGroup},
+            {"most recent of two", byId,
+             {seen("0a:00:00:00:00:01", 7200, "ff:12:34"), seen(kOld, 60, "ff:12:34")}, kOld},
+            {"a client id that is only the MAC", phone(kNewRandom, macId, ""),
+             {seen(kOld, 60, macId)}, kNone},
+            {"itself", byId, {seen("06:01:02:03:04:05", 60, "ff:12:34")}, kNone},
+            {"a universal MAC is never linked", phone({0x00, 1, 2, 3, 4, 5}, "ff:12:34", ""),
+             {seen(kOld, 60, "ff:12:34")}, kNone},
+        };
+    for (const auto &[what, report, known, link] : cases)
+        EXPECT_EQ(findLink(report, kNow, known), link) << what;
 }
 
 }  // namespace

@@ -21,14 +21,15 @@ protected:
             return std::string(r.since ? "REPLAY\n" : "SNAPSHOT\n");
         });
     }
-    UniqueFd connectClient(int receiveBuffer = 0) {
+    // A subscriber that has sent REQUEST, with a receive buffer of BUFFER bytes if not 0.
+    UniqueFd subscriber(std::string_view request, int buffer = 0) {
         UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        if (receiveBuffer) setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
+        if (buffer) setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer);
+        sockaddr_un addr{AF_UNIX, {}};
         std::strcpy(addr.sun_path, path_.c_str());
         EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
         pump();  // accepted
+        EXPECT_EQ(send(fd.get(), request.data(), request.size(), MSG_NOSIGNAL), ssize_t(request.size()));
         return fd;
     }
 
@@ -40,21 +41,14 @@ protected:
         hub_->serve(fds, 0, nowMono);
     }
 
-    static void say(const UniqueFd &fd, std::string_view text) {
-        ASSERT_EQ(send(fd.get(), text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
-    }
-
     // Everything readable now; empty with closed set when the hub hung up.
     static std::string drain(const UniqueFd &fd, bool &closed) {
         std::string got;
         char chunk[65536];
-        closed = false;
-        for (;;) {
-            ssize_t n = recv(fd.get(), chunk, sizeof chunk, MSG_DONTWAIT);
-            if (n == 0) closed = true;
-            if (n <= 0) return got;
-            got.append(chunk, static_cast<size_t>(n));
-        }
+        ssize_t n;
+        while ((n = recv(fd.get(), chunk, sizeof chunk, MSG_DONTWAIT)) > 0) got.append(chunk, n);
+        closed = n == 0;
+        return got;
     }
 
     TempDir dir_;
@@ -63,12 +57,9 @@ protected:
 };
 
 TEST_F(HubTest, GreetsByRequestAndDropsBadSubscribers) {
-    UniqueFd plain = connectClient(), since = connectClient(), garbage = connectClient();
-    UniqueFd huge = connectClient(), silent = connectClient();
-    say(plain, "{}\n");
-    say(since, "{\"since\": 7}\n");
-    say(garbage, "hello\n");
-    say(huge, std::string(kMaxRequestLine + 1, '{'));
+    UniqueFd plain = subscriber("{}\n"), since = subscriber("{\"since\": 7}\n");
+    UniqueFd garbage = subscriber("hello\n"), huge = subscriber(std::string(kMaxRequestLine + 1, '{'));
+    UniqueFd silent = subscriber("");
     for (int i = 0; i < 4; ++i) pump();
     EXPECT_EQ(hub_->clients(), 3u);  // the garbage and the huge line are gone
     pump(kRequestWaitSeconds);       // the silent one has waited long enough
@@ -82,24 +73,20 @@ TEST_F(HubTest, GreetsByRequestAndDropsBadSubscribers) {
 }
 
 TEST_F(HubTest, ANonReaderIsCutOffPastTheCapWhileOthersGetEverything) {
-    UniqueFd reader = connectClient(), stuck = connectClient(4096);
-    say(reader, "{}\n");
-    say(stuck, "{}\n");
+    UniqueFd reader = subscriber("{}\n"), stuck = subscriber("{}\n", 4096);
     pump();
     const std::string line(64 * 1024, 'x');
     const size_t lines = 2 * kMaxQueuedBytes / line.size();
+    const size_t expected = std::string("SNAPSHOT\n").size() + lines * (line.size() + 1);
     size_t received = 0;
     bool closed = false;
+    auto turn = [&] { pump(), received += drain(reader, closed).size(); };
     for (size_t i = 0; i < lines; ++i) {
         hub_->broadcast(line);
-        pump();
-        received += drain(reader, closed).size();
+        turn();
     }
-    for (int i = 0; i < 50 && received < lines * (line.size() + 1) + 9; ++i) {
-        pump();
-        received += drain(reader, closed).size();
-    }
-    EXPECT_EQ(received, std::string("SNAPSHOT\n").size() + lines * (line.size() + 1));
+    for (int i = 0; i < 50 && received < expected; ++i) turn();
+    EXPECT_EQ(received, expected);
     EXPECT_EQ(hub_->clients(), 1u);
     drain(stuck, closed);
     for (int i = 0; i < 10 && !closed; ++i) drain(stuck, closed);

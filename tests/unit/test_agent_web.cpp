@@ -19,12 +19,8 @@ TEST(AgentWebEventId, OnlyPlainDecimalsThatFit) {
         {"7x", std::nullopt},
     };
     for (const auto &[text, want] : cases) EXPECT_EQ(parseLastEventId(text), want) << text;
-}
-
-TEST(AgentWebEventId, AnEventIsItsIdAndOneDataLine) {
-    EXPECT_EQ(sseMessage(42, R"({"a":1})"), "id: 42\ndata: {\"a\":1}\n\n");
     // A stray line break would end the event early and let its rest pose as a field.
-    EXPECT_EQ(sseMessage(1, "x\ndata: y\r"), "id: 1\ndata: x data: y \n\n");
+    EXPECT_EQ(sseMessage(1, "{}\ndata: y\r"), "id: 1\ndata: {} data: y \n\n");
 }
 
 TEST(AgentWebListen, NumericAddressAndPortOnly) {
@@ -45,9 +41,7 @@ TEST(AgentWebListen, NumericAddressAndPortOnly) {
 
 TEST(AgentWebMetrics, LabelValuesCannotBreakTheFormat) {
     const std::pair<std::string, std::string> cases[] = {
-        {"tv", "tv"},
-        {R"(a\b)", R"(a\\b)"},
-        {R"(say "hi")", R"(say \"hi\")"},
+        {R"(a\b "hi")", R"(a\\b \"hi\")"},
         {"two\nlines", R"(two\nlines)"},
         {"caf\xc3\xa9\x01\x7f", "caf????"},  // only ASCII: valid UTF-8 whatever came
         {std::string(100, 'n'), std::string(kMaxLabelBytes, 'n')},
@@ -57,20 +51,16 @@ TEST(AgentWebMetrics, LabelValuesCannotBreakTheFormat) {
 
 TEST(AgentWebMetrics, TrafficSeriesAreBoundedAndLabelled) {
     std::vector<HostTraffic> hosts(kMaxMetricHosts + 10, {"0a:00:00:00:00:01", "n\"x", 5, 7});
-    std::string text = metricsText(hosts.size(), hosts, {{"new", 3}}, {});
-    auto count = [&](const std::string &needle) {
+    const std::string text = metricsText(hosts.size(), hosts, {{"new", 3}}, {});
+    auto count = [&](const std::string &line) {
         size_t n = 0;
-        for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+        for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1)) ++n;
         return n;
     };
-    EXPECT_EQ(count("\nhostrix_host_receive_bytes_total{"), kMaxMetricHosts);
-    EXPECT_EQ(count("\nhostrix_host_transmit_bytes_total{"), kMaxMetricHosts);
-    EXPECT_NE(text.find("hostrix_hosts_online 266\n"), std::string::npos);
-    EXPECT_NE(text.find("hostrix_host_receive_bytes_total{mac=\"0a:00:00:00:00:01\",name=\"n\\\"x\"} 5\n"),
-              std::string::npos);
-    EXPECT_NE(text.find("hostrix_host_transmit_bytes_total{mac=\"0a:00:00:00:00:01\",name=\"n\\\"x\"} 7\n"),
-              std::string::npos);
-    EXPECT_NE(text.find("hostrix_events_total{event=\"new\"} 3\n"), std::string::npos);
+    const std::string labels = "{mac=\"0a:00:00:00:00:01\",name=\"n\\\"x\"} ";
+    EXPECT_EQ(count("\nhostrix_host_receive_bytes_total" + labels + "5\n"), kMaxMetricHosts);
+    EXPECT_EQ(count("\nhostrix_host_transmit_bytes_total" + labels + "7\n"), kMaxMetricHosts);
+    EXPECT_EQ(count("\nhostrix_hosts_online 266\n") + count("\nhostrix_events_total{event=\"new\"} 3\n"), 2u);
 }
 
 TEST(AgentWebProcess, StatFieldsCountFromTheLastParenthesis) {
@@ -80,9 +70,8 @@ TEST(AgentWebProcess, StatFieldsCountFromTheLastParenthesis) {
                        "250 50 0 0 20 0 1 0 1000 9000000 300 18446744073709551615\n";
     std::optional<ProcessFigures> got = parseProcStat(stat, 100, 4096, 1000.0);
     ASSERT_TRUE(got);
-    EXPECT_DOUBLE_EQ(got->cpuSeconds, 3.0);
-    EXPECT_EQ(got->residentBytes, 300u * 4096);
-    EXPECT_DOUBLE_EQ(got->startTimeSeconds, 1010.0);
+    EXPECT_EQ(std::tuple(got->cpuSeconds, got->residentBytes, got->startTimeSeconds),
+              std::tuple(3.0, uint64_t{300 * 4096}, 1010.0));
     EXPECT_FALSE(parseProcStat("77 (a) S 1 2 3", 100, 4096, 0));
     EXPECT_FALSE(parseProcStat("no parenthesis", 100, 4096, 0));
 }

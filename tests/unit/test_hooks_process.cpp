@@ -25,31 +25,27 @@ const Strings kStationLeft = {"phy0-ap0", "AP-STA-DISCONNECTED", "0A:77:00:00:00
 
 // A socket at PATH that queues connections; BACKLOG -1: bound, nobody listening;
 // 0: listening with its backlog already full.
-class Listener {
-   public:
+struct Listener {
     Listener(const std::string &path, int backlog) {
-        std::strncpy(addr_.sun_path, path.c_str(), sizeof addr_.sun_path - 1);
-        EXPECT_EQ(bind(fd_.get(), address(), sizeof addr_), 0);
-        EXPECT_TRUE(backlog < 0 || listen(fd_.get(), backlog) == 0);
-        EXPECT_TRUE(backlog != 0 || connect(filler_.get(), address(), sizeof addr_) == 0);
+        std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+        EXPECT_EQ(bind(fd.get(), address, sizeof addr), 0);
+        EXPECT_TRUE(backlog < 0 || listen(fd.get(), backlog) == 0);
+        EXPECT_TRUE(backlog != 0 || connect(filler.get(), address, sizeof addr) == 0);
     }
-    ~Listener() { unlink(addr_.sun_path); }
+    ~Listener() { unlink(addr.sun_path); }
     Strings received() {  // what every queued connection sent
         Strings messages;
-        for (UniqueFd conn; conn.reset(accept(fd_.get(), nullptr, nullptr)), conn.valid();) {
+        for (UniqueFd conn; conn.reset(accept(fd.get(), nullptr, nullptr)), conn.valid();) {
             char chunk[8192];
             std::string &bytes = messages.emplace_back();
-            for (ssize_t n; (n = read(conn.get(), chunk, sizeof chunk)) > 0;)
-                bytes.append(chunk, n);
+            for (ssize_t n; (n = read(conn.get(), chunk, sizeof chunk)) > 0;) bytes.append(chunk, n);
         }
         return messages;
     }
 
-   private:
-    sockaddr *address() { return reinterpret_cast<sockaddr *>(&addr_); }
-    sockaddr_un addr_{AF_UNIX, {}};
-    UniqueFd fd_{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0)};
-    UniqueFd filler_{socket(AF_UNIX, SOCK_STREAM, 0)};
+    sockaddr_un addr{AF_UNIX, {}};
+    sockaddr *address = reinterpret_cast<sockaddr *>(&addr);
+    UniqueFd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0)}, filler{socket(AF_UNIX, SOCK_STREAM, 0)};
 };
 
 class HookTest : public ::testing::Test {

@@ -28,15 +28,10 @@ TEST(CtlRequest, CarriesTheKeptTextAndPredictsWhichRequestsTheDaemonSkips) {
     }
 }
 
-lanHostInfo_t hostWithMac(uint8_t last) {
+TEST(CtlRecords, ReplyListEndsAtTheFirstZeroMacOrAfterFour) {
     lanHostInfo_t host{};
     host.mac[0] = 0x02;
-    host.mac[5] = last;
-    return host;
-}
-
-TEST(CtlRecords, ReplyListEndsAtTheFirstZeroMacOrAfterFour) {
-    const lanHostInfo_t hosts[] = {hostWithMac(1), hostWithMac(2), hostWithMac(3), hostWithMac(4)};
+    const lanHostInfo_t hosts[] = {host, host, host, host};
     ctrlMsg_t reply{};
     std::memcpy(reply.data, hosts, sizeof hosts);
     EXPECT_EQ(repliedRecords(reply).size(), 4u);

@@ -23,10 +23,6 @@ namespace {
 
 const std::string kMac = "00:11:22:33:44:01";
 
-size_t lines(const std::string &text) {
-    return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
-}
-
 // The record of host 00:11:22:33:44:LAST, named NAME.
 lanHostInfo_t host(uint8_t last, const char *name) {
     lanHostInfo_t record{};
@@ -37,49 +33,44 @@ lanHostInfo_t host(uint8_t last, const char *name) {
 }
 
 // A stand-in for the daemon's control socket, served one connection at a time.
-class FakeDaemon {
-public:
+struct FakeDaemon {
     explicit FakeDaemon(const fs::path &root) {
         fs::create_directories(root / "var/run");
         sockaddr_un addr{AF_UNIX, {}};
-        std::string path = (root / "var/run/.hostrix_msg").string();
-        std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+        std::strncpy(addr.sun_path, (root / "var/run/.hostrix_msg").c_str(), sizeof addr.sun_path - 1);
         timeval timeout{5, 0};  // bounds accept
-        setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-        EXPECT_EQ(bind(fd_.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-        EXPECT_EQ(listen(fd_.get(), 8), 0);
+        setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+        EXPECT_TRUE(bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0 &&
+                    listen(fd.get(), 8) == 0);
     }
 
     // Takes the next request (all zero if none comes) and answers as the daemon does:
     // replyTag takes the request's status, status 0, then FILL.
     ctrlMsg_t serve(const std::function<void(ctrlMsg_t &)> &fill = {}) {
         ctrlMsg_t request{};
-        UniqueFd conn(accept(fd_.get(), nullptr, nullptr));
+        UniqueFd conn(accept(fd.get(), nullptr, nullptr));
         if (!conn.valid()) return request;
         recv(conn.get(), &request, sizeof request, MSG_WAITALL);
         ctrlMsg_t reply = request;
-        reply.replyTag = request.status;
-        reply.status = kCtrlStatusOk;
+        reply.replyTag = request.status, reply.status = kCtrlStatusOk;
         if (fill) fill(reply);
         send(conn.get(), &reply, sizeof reply, MSG_NOSIGNAL);
         return request;
     }
 
-private:
-    UniqueFd fd_{socket(AF_UNIX, SOCK_STREAM, 0)};
+    UniqueFd fd{socket(AF_UNIX, SOCK_STREAM, 0)};
 };
 
 class CtlTest : public ::testing::Test {
 protected:
     TempDir dir;
     fs::path root{dir.path};
-    int runs = 0;
 
     // Runs the client to its end with MEANWHILE (given its pid) beside it: the exit
     // code, stdout and stderr.
     std::tuple<int, std::string, std::string> ctl(
         std::vector<std::string> args, const std::function<void(pid_t)> &meanwhile = [](pid_t) {}) {
-        std::string files = (root / "ctl").string() + std::to_string(runs++);
+        const std::string files = (root / "ctl").string();  // each run truncates the last's
         args.insert(args.begin(), HOSTRIXCTL_BINARY);
         pid_t pid = fork();
         if (pid == 0) {
@@ -117,7 +108,7 @@ TEST_F(CtlTest, ListAndGetNameReadTheHostFileUnderItsLock) {
         EXPECT_EQ(write(fd, hosts, 500), 500);  // a partial record, ignored
         close(fd);                              // drops the lock
     });
-    EXPECT_EQ(lines(out), 3u) << err;
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 3) << err;
     EXPECT_LT(out.find("\"first\""), out.find("\"third\""));
     std::string newest = std::get<1>(ctl({"list", "--newest"}));
     EXPECT_LT(newest.find("third"), newest.find("first")) << newest;
@@ -145,7 +136,7 @@ TEST_F(CtlTest, RequestsAndRepliesAgainstAScriptedSocket) {
             }));
     });
     EXPECT_EQ(code, 0) << err;
-    EXPECT_EQ(lines(out), 7u);
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 7);
     for (const ctrlMsg_t &request : sent)  // a failure status, so that a skipped request fails
         EXPECT_EQ(std::tie(request.cmd, request.needReply, request.status),
                   std::make_tuple(CMD_GET_NEW_DEVICE, 1u, kCtrlStatusFailed));
