@@ -8,29 +8,18 @@
 namespace {
 
 using Lines = std::vector<std::string>;
-const std::optional<uint64_t> kNo;  // no since, or no valid request
-
 TEST(AgentRequest, AcceptsOnlyTheTwoForms) {
-    const std::tuple<std::string, bool, std::optional<uint64_t>> cases[] = {
-        {"{}", true, kNo},
-        {" { } \r", true, kNo},
-        {"{\"since\": 42}", true, 42},
-        {"{\"since\":18446744073709551615}", true, UINT64_MAX},
-        {"{\"since\":18446744073709551616}", false, kNo},  // overflow
-        {"{\"since\": -1}", false, kNo},
-        {"{\"since\": }", false, kNo},
-        {"{\"since\": 1} x", false, kNo},
-        {"{\"until\": 1}", false, kNo},
-        {"{", false, kNo},
-        {"", false, kNo},
-        {"GET / HTTP/1.0", false, kNo},
-        {"{" + std::string(kMaxRequestLine, ' ') + "}", false, kNo},
-    };
-    for (const auto &[line, valid, since] : cases) {
+    const std::pair<const char *, std::optional<uint64_t>> accepted[] = {
+        {"{}", {}}, {" { } \r", {}}, {"{\"since\": 42}", 42}, {"{\"since\":18446744073709551615}", UINT64_MAX}};
+    for (const auto &[line, since] : accepted) {
         std::optional<SubscriberRequest> got = parseRequest(line);
-        EXPECT_EQ(got ? std::tuple(true, got->since) : std::tuple(false, kNo), std::tuple(valid, since))
-            << line;
+        EXPECT_TRUE(got && got->since == since) << line;
     }
+    const std::string refused[] = {
+        "{\"since\":18446744073709551616}",  // overflow
+        "{\"since\": -1}", "{\"since\": }", "{\"since\": 1} x", "{\"until\": 1}", "{", "", "GET / HTTP/1.0",
+        "{" + std::string(kMaxRequestLine, ' ') + "}"};
+    for (const std::string &line : refused) EXPECT_FALSE(parseRequest(line)) << line;
 }
 
 // The lines a subscriber asking since SINCE gets, or {"snapshot"}.

@@ -88,8 +88,7 @@ TEST_F(HubTest, ANonReaderIsCutOffPastTheCapWhileOthersGetEverything) {
     for (int i = 0; i < 50 && received < expected; ++i) turn();
     EXPECT_EQ(received, expected);
     EXPECT_EQ(hub_->clients(), 1u);
-    drain(stuck, closed);
-    for (int i = 0; i < 10 && !closed; ++i) drain(stuck, closed);
+    drain(stuck, closed);  // what it was sent before the hub hung up, then the end
     EXPECT_TRUE(closed);
 }
 

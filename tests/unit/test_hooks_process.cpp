@@ -51,8 +51,7 @@ struct Listener {
 class HookTest : public ::testing::Test {
    protected:
     void SetUp() override {
-        std::filesystem::create_directories(dir.file("var/run"));
-        std::filesystem::create_directories(dir.file("etc/hostrix"));
+        for (const char *folder : {"var/run", "etc/hostrix"}) std::filesystem::create_directories(dir.file(folder));
         std::ofstream(dir.file("etc/hostrix/mib.conf")) << "ifname.wlan0 = phy0-ap0\n";
     }
     // BINARY with ARGS to its end ("timeout" ends a hang with 124): exit code and stderr.

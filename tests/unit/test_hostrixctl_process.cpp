@@ -69,19 +69,15 @@ protected:
     // Runs the client to its end with MEANWHILE (given its pid) beside it: the exit
     // code, stdout and stderr.
     std::tuple<int, std::string, std::string> ctl(
-        std::vector<std::string> args, const std::function<void(pid_t)> &meanwhile = [](pid_t) {}) {
+        const std::vector<std::string> &args, const std::function<void(pid_t)> &meanwhile = [](pid_t) {}) {
         const std::string files = (root / "ctl").string();  // each run truncates the last's
-        args.insert(args.begin(), HOSTRIXCTL_BINARY);
+        std::string command = "HOSTRIX_ROOT=" + root.string() + " exec " HOSTRIXCTL_BINARY;
+        for (const std::string &arg : args) command += " '" + arg + "'";
         pid_t pid = fork();
         if (pid == 0) {
-            setenv("HOSTRIX_ROOT", root.c_str(), 1);
-            dup2(open((files + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), STDOUT_FILENO);
-            dup2(open((files + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644), STDERR_FILENO);
             alarm(20);  // ends a stuck client: the timer outlives exec
-            std::vector<char *> argv;
-            for (std::string &arg : args) argv.push_back(arg.data());
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
+            command += " >" + files + ".out 2>" + files + ".err";
+            execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char *>(nullptr));
             _exit(127);
         }
         std::thread beside(meanwhile, pid);
@@ -150,13 +146,11 @@ TEST_F(CtlTest, RequestsAndRepliesAgainstAScriptedSocket) {
         {{"set", "brand", kMac, std::string(63, 'b')}, CMD_SET_BRAND, ""},  // kept whole
         {{"set", "access", kMac, "0", "0x7"}, CMD_SET_ACCESS, ""},
         {{"port-down", "3"}, CMD_SET_LINK_CHANGE_PORT, ""},
-        {{"get", "access", kMac, "--json"},
-         CMD_GET_ACCESS,
+        {{"get", "access", kMac, "--json"}, CMD_GET_ACCESS,
          json + "internetAccess\":2,\"otherAccess\":1}\n"},
         {{"get", "type", kMac}, CMD_GET_DEVICE_TYPE, "2\n"},
         {{"get", "model", kMac}, CMD_GET_MODEL, "Acme\\x1b[2J\\\\\\xc3\n"},
-        {{"get", "model", kMac, "--json"},
-         CMD_GET_MODEL,
+        {{"get", "model", kMac, "--json"}, CMD_GET_MODEL,
          json + "model\":\"Acme\\u001b[2J\\\\\\u00c3\"}\n"},
     };
     const char *warning = "hostrixctl: warning: brand is 70 bytes; hostrix keeps the first 63\n";
