@@ -20,8 +20,12 @@ TEST(AgentOui, LongestPrefixWins) {
     for (const char *csv : {kLarge, "MA-M,70B3D5F,Medium Owner,x\n",
                             "MA-S,70B3D5F2F,TELEPLATFORMS,\"Polbina st., 3/1\"\n"})
         addOuiCsv(csv, rows);
+    const std::string file = buildOuiFile(rows);
+    // A router's file is built on another machine, often of the other byte order: its
+    // counts are little-endian everywhere (the MIPS run of these tests reads them so).
+    EXPECT_EQ(file.substr(8, 12), std::string("\x02\0\0\0\x01\0\0\0\x01\0\0\0", 12));
     OuiDb db;
-    ASSERT_TRUE(db.adopt(buildOuiFile(rows)));
+    ASSERT_TRUE(db.adopt(file));
     EXPECT_EQ(db.entries(), 4u);
     const std::pair<std::array<uint8_t, 6>, const char *> cases[] = {
         {{0x70, 0xb3, 0xd5, 0xf2, 0xf7, 0x01}, "TELEPLATFORMS"},
@@ -32,14 +36,6 @@ TEST(AgentOui, LongestPrefixWins) {
     };
     OuiDb moved = std::move(db);  // a short-lived owner must not leave dangling views
     for (const auto &[mac, vendor] : cases) EXPECT_EQ(moved.lookup(mac), vendor) << vendor;
-}
-
-// A router's file is built on another machine, often of the other byte order: it is
-// little-endian everywhere (the MIPS run of these tests reads it big-endian).
-TEST(AgentOui, FileIsLittleEndianWhoeverBuildsIt) {
-    OuiRows rows;
-    addOuiCsv(kLarge, rows);
-    EXPECT_EQ(buildOuiFile(rows).substr(8, 4), std::string("\x02\0\0\0", 4));  // two MA-L rows
 }
 
 TEST(AgentDhcpReport, RoundTripsAndBoundsLanText) {

@@ -25,11 +25,10 @@ bool eventually(F &&cond) {
 
 // Whether SIGNO is in the mask on the line of /proc/PID[/task/TID]/status beginning KEY.
 bool inMask(const fs::path &dir, const std::string &key, int signo) {
-    std::istringstream lines(readText(dir / "status"));
-    for (std::string line; std::getline(lines, line);)
-        if (line.starts_with(key))
-            return (std::stoull(line.substr(key.size()), nullptr, 16) >> (signo - 1)) & 1;
-    return false;
+    const std::string status = readText(dir / "status");
+    size_t at = status.find("\n" + key);
+    return at != std::string::npos &&
+           (std::stoull(status.substr(at + 1 + key.size()), nullptr, 16) >> (signo - 1)) & 1;
 }
 
 // With the sniffer flag stored the sniffer logs its progress from the start. Signals
