@@ -1,6 +1,5 @@
 // The real daemon binary in a temporary HOSTRIX_ROOT: what only the whole process shows,
 // its signal set-up. Its files, FIFO and SIGTERM are the lab's control test's.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -41,12 +40,10 @@ TEST(DaemonProcessTest, SignalsAreTheMainThreadsAndOnlySigtermEndsTheDaemon) {
     const std::string log = dir.file("daemon.log");
     fs::create_directories(dir.file("etc/hostrix"));
     std::ofstream(dir.file("etc/hostrix/mib.conf")) << "counters = off\n480 = 0x400\n";
+    const std::string command = "HOSTRIX_ROOT=" + dir.path + " exec " HOSTRIX_BINARY " >" + log + " 2>&1";
     pid_t pid = fork();
     if (pid == 0) {
-        setenv("HOSTRIX_ROOT", dir.path.c_str(), 1);
-        int out = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(out, STDOUT_FILENO), dup2(out, STDERR_FILENO);
-        execl(HOSTRIX_BINARY, HOSTRIX_BINARY, static_cast<char *>(nullptr));
+        execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char *>(nullptr));
         _exit(127);
     }
     const fs::path proc = "/proc/" + std::to_string(pid);

@@ -33,14 +33,12 @@ struct Listener {
         EXPECT_TRUE(backlog != 0 || connect(filler.get(), address, sizeof addr) == 0);
     }
     ~Listener() { unlink(addr.sun_path); }
-    Strings received() {  // what every queued connection sent
-        Strings messages;
+    void receive(Strings &messages) {  // what every queued connection sent
         for (UniqueFd conn; conn.reset(accept(fd.get(), nullptr, nullptr)), conn.valid();) {
             char chunk[8192];
             std::string &bytes = messages.emplace_back();
             for (ssize_t n; (n = read(conn.get(), chunk, sizeof chunk)) > 0;) bytes.append(chunk, n);
         }
-        return messages;
     }
 
     sockaddr_un addr{AF_UNIX, {}};
@@ -92,8 +90,8 @@ TEST_F(HookTest, ALeaseDeletionSendsOneReleaseAStationEventOneLine) {
     for (const auto &[binary, args, arrived] : cases) {
         SCOPED_TRACE(testing::PrintToString(args));
         EXPECT_EQ(run(binary, args), std::pair(0, std::string()));
-        Strings got = daemon.received(), lines = authenticator.received();
-        got.insert(got.end(), lines.begin(), lines.end());
+        Strings got;
+        daemon.receive(got), authenticator.receive(got);
         EXPECT_EQ(got, arrived);
     }
 }
