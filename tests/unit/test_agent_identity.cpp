@@ -26,7 +26,6 @@ TEST(AgentOui, LongestPrefixWins) {
     EXPECT_EQ(file.substr(8, 12), std::string("\x02\0\0\0\x01\0\0\0\x01\0\0\0", 12));
     OuiDb db;
     ASSERT_TRUE(db.adopt(file));
-    EXPECT_EQ(db.entries(), 4u);
     const std::pair<std::array<uint8_t, 6>, const char *> cases[] = {
         {{0x70, 0xb3, 0xd5, 0xf2, 0xf7, 0x01}, "TELEPLATFORMS"},
         {{0x70, 0xb3, 0xd5, 0xf3, 0x00, 0x00}, "Medium Owner"},

@@ -28,11 +28,14 @@ std::vector<MdnsAddress> parse(const Bytes &packet, bool expectOk = true) {
     return out;
 }
 
-TEST(AgentMdns, LearnsAAndAaaaWithACompressedName) {
+TEST(AgentMdns, LearnsAAndAaaaWithCompressedNamesUpToTheRecordBound) {
     const std::vector<MdnsAddress> expected = {
         {"laptop", false, {10, 77, 0, 5}, 120},
         {"laptop", true, {0xfd, 0x77, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5}, 120}};
     EXPECT_EQ(parse(response(2, {kLaptopLocal, kARecordTail, kSameName, kAaaaTail})), expected);
+    std::vector<Bytes> records = {kLaptopLocal, kARecordTail};
+    for (size_t i = 1; i < kMaxMdnsRecords + 10; ++i) records.insert(records.end(), {kSameName, kARecordTail});
+    EXPECT_EQ(parse(response(0xff, records)).size(), kMaxMdnsRecords);
 }
 
 TEST(AgentMdns, DropsMalformedPackets) {
@@ -51,12 +54,6 @@ TEST(AgentMdns, DropsMalformedPackets) {
         {"too long", response(0, {Bytes(kMaxMdnsPacket + 1 - 12, 0)})},
     };
     for (const auto &[what, packet] : cases) EXPECT_TRUE(parse(packet, false).empty()) << what;
-}
-
-TEST(AgentMdns, ReadsAtMostABoundedNumberOfRecords) {
-    std::vector<Bytes> records = {kLaptopLocal, kARecordTail};
-    for (size_t i = 1; i < kMaxMdnsRecords + 10; ++i) records.insert(records.end(), {kSameName, kARecordTail});
-    EXPECT_EQ(parse(response(0xff, records)).size(), kMaxMdnsRecords);
 }
 
 }  // namespace

@@ -13,14 +13,7 @@ namespace {
 
 class HubTest : public testing::Test {
 protected:
-    void SetUp() override {
-        std::string why;
-        UniqueFd listener = listenUnix(path_, "", why);
-        ASSERT_TRUE(listener.valid()) << why;
-        hub_ = std::make_unique<SubscriberHub>(std::move(listener), [](const SubscriberRequest &r) {
-            return std::string(r.since ? "REPLAY\n" : "SNAPSHOT\n");
-        });
-    }
+    void SetUp() override { ASSERT_TRUE(why_.empty()) << why_; }  // the hub listens
     // A subscriber that has sent REQUEST, with a receive buffer of BUFFER bytes if not 0.
     UniqueFd subscriber(std::string_view request, int buffer = 0) {
         UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -36,9 +29,9 @@ protected:
     // One turn of the agent's loop for the hub.
     void pump(int64_t nowMono = 0) {
         std::vector<pollfd> fds;
-        hub_->addPollFds(fds);
+        hub_.addPollFds(fds);
         poll(fds.data(), fds.size(), 20);
-        hub_->serve(fds, 0, nowMono);
+        hub_.serve(fds, 0, nowMono);
     }
 
     // Everything readable now; empty with closed set when the hub hung up.
@@ -53,7 +46,10 @@ protected:
 
     TempDir dir_;
     const std::string path_ = dir_.file("agent.sock");
-    std::unique_ptr<SubscriberHub> hub_;
+    std::string why_;
+    SubscriberHub hub_{listenUnix(path_, "", why_), [](const SubscriberRequest &r) {
+                           return std::string(r.since ? "REPLAY\n" : "SNAPSHOT\n");
+                       }};
 };
 
 TEST_F(HubTest, GreetsByRequestAndDropsBadSubscribers) {
@@ -61,10 +57,10 @@ TEST_F(HubTest, GreetsByRequestAndDropsBadSubscribers) {
     UniqueFd garbage = subscriber("hello\n"), huge = subscriber(std::string(kMaxRequestLine + 1, '{'));
     UniqueFd silent = subscriber("");
     for (int i = 0; i < 4; ++i) pump();
-    EXPECT_EQ(hub_->clients(), 3u);  // the garbage and the huge line are gone
+    EXPECT_EQ(hub_.clients(), 3u);  // the garbage and the huge line are gone
     pump(kRequestWaitSeconds);       // the silent one has waited long enough
-    EXPECT_EQ(hub_->clients(), 2u);
-    hub_->broadcast("{\"seq\":1}");
+    EXPECT_EQ(hub_.clients(), 2u);
+    hub_.broadcast("{\"seq\":1}");
     bool closed = false;
     EXPECT_EQ(drain(plain, closed) + drain(since, closed),
               "SNAPSHOT\n{\"seq\":1}\nREPLAY\n{\"seq\":1}\n");
@@ -82,12 +78,12 @@ TEST_F(HubTest, ANonReaderIsCutOffPastTheCapWhileOthersGetEverything) {
     bool closed = false;
     auto turn = [&] { pump(), received += drain(reader, closed).size(); };
     for (size_t i = 0; i < lines; ++i) {
-        hub_->broadcast(line);
+        hub_.broadcast(line);
         turn();
     }
     for (int i = 0; i < 50 && received < expected; ++i) turn();
     EXPECT_EQ(received, expected);
-    EXPECT_EQ(hub_->clients(), 1u);
+    EXPECT_EQ(hub_.clients(), 1u);
     drain(stuck, closed);  // what it was sent before the hub hung up, then the end
     EXPECT_TRUE(closed);
 }

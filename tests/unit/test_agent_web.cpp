@@ -53,7 +53,6 @@ TEST(AgentWebMetrics, TrafficSeriesAreBoundedAndLabelled) {
     const std::string labels = "{mac=\"0a:00:00:00:00:01\",name=\"n\\\"x\"} ";
     EXPECT_EQ(count("\nhostrix_host_receive_bytes_total" + labels + "5\n"), kMaxMetricHosts);
     EXPECT_EQ(count("\nhostrix_host_transmit_bytes_total" + labels + "7\n"), kMaxMetricHosts);
-    EXPECT_EQ(count("\nhostrix_events_total{event=\"new\"} 3\n"), 1u);
 }
 
 TEST(AgentWebProcess, StatFieldsCountFromTheLastParenthesis) {

@@ -129,8 +129,7 @@ TEST_F(CtlTest, RequestsAndRepliesAgainstAScriptedSocket) {
                     reply.data[i * kLanHostInfoSize + kMacLen - 1] = static_cast<uint8_t>(count * 10 + i);
             }));
     });
-    EXPECT_EQ(code, 0) << err;
-    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 7);
+    EXPECT_EQ(std::tuple(code, std::count(out.begin(), out.end(), '\n')), std::tuple(0, 7)) << err;
     for (const ctrlMsg_t &request : sent)  // a failure status, so that a skipped request fails
         EXPECT_EQ(std::tie(request.cmd, request.needReply, request.status),
                   std::make_tuple(CMD_GET_NEW_DEVICE, 1u, kCtrlStatusFailed));
