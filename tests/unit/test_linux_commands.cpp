@@ -51,19 +51,6 @@ TEST(Commands, ResultAndOneLineMessage) {
     }
 }
 
-// The detached command writes into a pipe we hold: its end of file proves that the
-// command ran and finished, without any waiting on time.
-TEST(Commands, DetachedCommandRunsAndLeavesNoChild) {
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);  // inherited on purpose
-    UniqueFd readEnd(fds[0]), writeEnd(fds[1]);
-    const std::string line = "echo ran >&" + std::to_string(writeEnd.get());
-    ASSERT_EQ(va_cmd("/bin/sh", 2, 0, "-c", line.c_str()), 0);
-    EXPECT_TRUE(noChildLeft());
-    writeEnd.reset();
-    EXPECT_EQ(readText("/proc/self/fd/" + std::to_string(readEnd.get())), "ran\n");
-}
-
 // At most 32 arguments, all of them real: 33 would not fit the argument vector.
 TEST(Commands, BadArgumentListsRefused) {
 #define EIGHT "a", "a", "a", "a", "a", "a", "a", "a"

@@ -1,14 +1,13 @@
 // Interface address, MAC and flags through ioctl, on the loopback interface that every
-// Linux network namespace has, and the failures on names that cannot be asked about;
-// the refusals of the neighbour solicitation, and the port ids of the backend's
-// netlink sockets, which must leave the process id to the sniffer.
+// Linux network namespace has, and the failures on names that cannot be asked about; and
+// the port ids of the backend's netlink sockets, which must leave the process id to the
+// sniffer.
 #include <linux/netlink.h>
 #include <net/if.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "linux_test_support.h"
-#include "platform/linux/neigh_solicit.h"
 #include "platform/linux/netlink_socket.h"
 #include "platform/zvt.h"
 
@@ -43,14 +42,6 @@ TEST(NetInterface, BadNamesFailLeavingBuffersAlone) {
         EXPECT_EQ(buffer, untouched);
         EXPECT_EQ(flags, 0x5a);
     }
-}
-
-// Solicitations that cannot go out: the frame itself is checked in the lab.
-TEST(NeighSolicit, RefusesWhatCannotBeSent) {
-    const uint8_t target[kIpv6AddressBytes] = {0x20, 0x01, 0x0d, 0xb8};
-    EXPECT_EQ(zvt_ipv6_send_neigh_solicit(nullptr, target), -1);
-    EXPECT_EQ(zvt_ipv6_send_neigh_solicit("hx-no-such0", target), -1);
-    EXPECT_EQ(zvt_ipv6_send_neigh_solicit("lo", nullptr), -1);
 }
 
 uint32_t portIdOf(const UniqueFd &sock) {

@@ -6,12 +6,7 @@
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
 
-#include <array>
-#include <cstring>
-#include <cstdlib>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "linux_test_support.h"
 #include "netlink_bytes.h"
@@ -63,17 +58,6 @@ Bytes done(uint32_t seq = kSeq) {
     return message(NLMSG_DONE, seq, raw(0), NLM_F_MULTI);
 }
 
-struct Decoded {
-    RouteDumpStatus status;
-    std::vector<NftCounter> counters;
-};
-
-Decoded decode(std::span<const uint8_t> bytes, uint32_t seq = kSeq) {
-    std::vector<NftSetElement> elements;
-    const RouteDumpStatus status = decodeNftElementDump(bytes, seq, elements);
-    return {status, mergeNftElements(std::move(elements))};
-}
-
 NftCounter counter(const NftMac &mac, std::optional<uint64_t> tx, std::optional<uint64_t> rx) {
     return {mac, tx.value_or(0), rx.value_or(0), tx.has_value(), rx.has_value()};
 }
@@ -118,9 +102,9 @@ TEST(NftDump, CraftedDatagrams) {
          {counter(kHostA, 1, {})}},
     };
     for (const auto &c : cases) {
-        const Decoded got = decode(c.bytes);
-        EXPECT_EQ(got.status, c.status) << c.what;
-        EXPECT_EQ(got.counters, c.expected) << c.what;
+        std::vector<NftSetElement> elements;
+        EXPECT_EQ(decodeNftElementDump(c.bytes, kSeq, elements), c.status) << c.what;
+        EXPECT_EQ(mergeNftElements(std::move(elements)), c.expected) << c.what;
     }
 }
 
@@ -223,8 +207,9 @@ int update(NftMac host, int on) {
     return zvt_update_lan_hpc_for_mib(host.data(), on);
 }
 
-size_t lineCount(const std::string &text) {
-    return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+// Whether TEXT is one line holding WHAT.
+bool oneLineWith(const std::string &text, const char *what) {
+    return std::count(text.begin(), text.end(), '\n') == 1 && text.find(what) != std::string::npos;
 }
 
 class NftCountersKernel : public HostrixRootTest {
@@ -254,14 +239,11 @@ TEST_F(NftCountersKernel, RegisterSampleUnregisterAndLoseTheTable) {
         StderrCapture capture;
         NETNS_CHECK(update(kHostA, 1) == 0 && zvt_commit_lan_hpc() == -1);
         NETNS_CHECK(zvt_commit_lan_hpc() == -1 && sample()[0] == -1);
-        const std::string failed = capture.text();
-        NETNS_CHECK(lineCount(failed) == 1 && failed.find("No such file") != std::string::npos);
+        NETNS_CHECK(oneLineWith(capture.text(), "No such file"));
         NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0);  // the table is back
         StderrCapture again;
         NETNS_CHECK(zvt_commit_lan_hpc() == 0 && sample()[0] == 0);
-        const std::string recovered = again.text();
-        NETNS_CHECK(lineCount(recovered) == 1 &&
-                    recovered.find("answers again") != std::string::npos);
+        NETNS_CHECK(oneLineWith(again.text(), "answers again"));
         NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0 && sample()[0] == -1);
         return kNetnsPassed;
     });

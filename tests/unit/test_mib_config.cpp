@@ -1,15 +1,10 @@
 // The linux configuration store: the pure parser first, then the store over a file in
 // a temporary HOSTRIX_ROOT (loading, reporting, the records it lays out).
-#include <map>
-#include <optional>
-
 #include "linux_test_support.h"
 #include "platform/linux/mib_config.h"
 #include "platform/os.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 // Parses TEXT over the defaults; SKIPPED gets "LINE: REASON\n" for each line skipped.
 MibConfig parse(std::string_view text, std::string *skipped = nullptr) {
@@ -25,23 +20,19 @@ TEST(ParseMibConfig, MalformedLineSkippedAlone) {
     const std::pair<const char *, std::vector<std::string>> cases[] = {
         {"bad number \"0xZZ\" for setting 480", {"480 = 0xZZ"}},
         {"bad number", {"480 = 4294967296", "480 = -1", "480 = 08", "480 = 1 2"}},
-        {"bad setting id", {"2147483648 = 1"}},
-        {"missing '='", {"480 1"}},
-        {"empty key", {" = 5"}},
-        {"unknown key \"colour\"", {"colour = red"}},
+        {"bad setting id", {"2147483648 = 1"}}, {"missing '='", {"480 1"}},
+        {"empty key", {" = 5"}}, {"unknown key \"colour\"", {"colour = red"}},
         {"unknown chain \"3005\"", {"chain.3005 = enable=1"}},
         {"bad attribute", {"chain.3004 = enable=1 colour=red"}},
         {"bad value", {"chain.3004 = ports", "chain.3004 = mode=256"}},
         {"more than", {"lan_ports = a b c d e", "wlan_roots = a b c"}},
         {"bad interface name", {"lan_ports = eth0/2", "lan_ports = abcdefghijklmnop", "wlan_roots = .."}},
         {"longer than 32", {"ssid.wlan0 = " + std::string(33, 's')}},
-        {"bad port id", {"phy.eth0.2 = 2147483648"}},
+        {"bad port id", {"phy.eth0.2 = 2147483648"}}, {"bad command mode", {"commands = busybox"}},
         {"source", {"stations = dir:", "counters = on"}},
-        {"bad command mode", {"commands = busybox"}},
         {"bad kernel interface name", {"ifname.br0 = br lan", "ifname.br0 ="}},
-        {"absolute path", {"lease_file = leases"}},
+        {"absolute path", {"lease_file = leases"}}, {"NUL byte", {std::string("480 = 1\0", 8)}},
         {"bad group name", {"socket_group = -x", "socket_group = a:b"}},
-        {"NUL byte", {std::string("480 = 1\0", 8)}},
         {"longer than 1024", {"480 = 1 #" + std::string(kMibMaxLineBytes, 'x')}}};
     const MibConfig good = parse("478 = 1\n479 = 2\n");
     for (const auto &[reason, lines] : cases)
@@ -66,14 +57,6 @@ TEST(ParseMibConfig, MalformedLineSkippedAlone) {
 // ---- the store over a file ----
 
 class MibStore : public HostrixRootTest {};
-
-constexpr std::optional<uint32_t> kUnset;
-
-std::optional<uint32_t> setting(int id) {
-    uint32_t value = 0;
-    if (mib_get_s(id, &value, 4) != 1) return std::nullopt;
-    return value;
-}
 
 // Malformed lines are reported once per load, as is a value too wide for one byte.
 TEST_F(MibStore, WidthsAndReportsWithPathAndLine) {
@@ -131,14 +114,6 @@ TEST_F(MibStore, RecordsAtTheReadersOffsets) {
     std::memcpy(&ssid[220], ssid32.data(), ssid32.size());
     ASSERT_EQ(mib_chain_get_wlan("wlan0", wlan.data(), &index), 0);
     EXPECT_EQ(std::tuple(index, wlan), std::tuple(0, ssid));
-}
-
-TEST_F(MibStore, OversizedFileKeepsWholeLinesWithinTheLimit) {
-    // The comment ends 7 bytes short of the limit, which falls between the "2" and the "3".
-    writeConfig("480 = 1\n#" + std::string(64 * 1024 - 17, '-') + "\n481 = 23\n");
-    StderrCapture capture;
-    EXPECT_EQ(std::pair(setting(480), setting(481)), std::pair(std::optional(1u), kUnset));
-    EXPECT_NE(capture.text().find("larger than 65536 bytes"), std::string::npos);
 }
 
 }  // namespace
