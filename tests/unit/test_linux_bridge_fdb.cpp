@@ -1,5 +1,5 @@
 // The bridge forwarding database: the neighbour-dump and brforward decoders on crafted
-// bytes, then the sysfs source against a real bridge in a private network namespace.
+// bytes. The netlink source against a real bridge is the lab's to check.
 #include <linux/neighbour.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -9,7 +9,6 @@
 
 #include "linux_test_support.h"
 #include "netlink_bytes.h"
-#include "netns_child.h"
 #include "platform/linux/bridge_fdb.h"
 
 namespace {
@@ -88,41 +87,6 @@ TEST(BridgeFdbDecode, BrforwardRecords) {
     ASSERT_EQ(records.size(), 2u);
     EXPECT_EQ(fieldsOf(records[0]), std::tuple(kHostA, 0, false, 10000u, 0, 0x102u));
     EXPECT_EQ(fieldsOf(records[1]), std::tuple(kHostB, 0, true, 0u, 0, 1u));
-}
-
-// The list's node with MAC on IFNAME of br0, or nullptr; a group address anywhere fails.
-const fdb *findOn(const fdb *head, const Mac &mac, const char *ifname, bool local) {
-    const fdb *found = nullptr;
-    for (; head; head = head->next) {
-        if (head->mac[0] & 1) return nullptr;
-        if (std::equal(mac.begin(), mac.end(), head->mac)) found = head;
-    }
-    const bool on = found && std::strcmp(found->ifname, ifname) == 0 && found->is_local == local &&
-                    std::strcmp(found->brname, "br0") == 0;
-    return on ? found : nullptr;
-}
-
-// Runs in the child, in its own network namespace. The netlink source is what the
-// daemon reads in the lab; the sysfs one, its fallback, is read only here.
-int checkSysfs() {
-    fdb *head = nullptr;
-    NETNS_CHECK(collectBridgeFdbFromSysfs(&head) <= 0 && head == nullptr);  // no br0 yet
-    if (!netnsMakeBridge() ||
-        std::system("bridge fdb add 0a:77:00:00:00:01 dev d0 master static && "
-                    "bridge fdb add 0a:77:00:00:00:02 dev d0 master dynamic") != 0)
-        return kNetnsNoSetup;
-    NETNS_CHECK(collectBridgeFdbFromSysfs(&head) >= 3);  // the bridge's own entry is not there
-    const fdb *staticHost = findOn(head, kHostA, "d0", false);
-    const fdb *dynamicHost = findOn(head, kHostB, "d0", false);
-    NETNS_CHECK(staticHost && staticHost->port_no == 1 && !staticHost->port_hi);
-    NETNS_CHECK(dynamicHost && dynamicHost->ageing_timer_value < 1000);
-    NETNS_CHECK(findOn(head, {0x0a, 0x77, 0, 0, 0, 0xd0}, "d0", true));
-    free_bridge_fdb(&head);
-    return kNetnsPassed;
-}
-
-TEST(BridgeFdbKernel, RealBridgeThroughSysfs) {
-    expectPassesInPrivateNetns(checkSysfs);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Wi-Fi stations: station-file lines, the directory source behind getWlStaInfo and the
 // mode lookup that answers from its last read, the per-interface cache, and the
-// nl80211 decoders on crafted netlink bytes.
+// nl80211 station decoders on crafted netlink bytes.
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
 #include <linux/nl80211.h>
@@ -195,36 +195,6 @@ TEST(Nl80211Station, ModeFromTheNegotiatedRatesAndTheBand) {
             join({attrOf(NL80211_ATTR_MAC, kMacA), attr(NL80211_ATTR_STA_INFO, info)});
         ASSERT_TRUE(nl80211DecodeStation(attributes, mhz, s)) << mode << " at " << mhz;
         EXPECT_STREQ(s.mode, mode) << mhz << " MHz";
-    }
-}
-
-Bytes interfaceAnswer(const Bytes &attributes, uint32_t seq = kSeq) {
-    return message(kFamily, seq, genl(NL80211_CMD_NEW_INTERFACE, attributes));
-}
-
-Bytes ssid(std::string_view text) {
-    return attr(NL80211_ATTR_SSID, Bytes(text.begin(), text.end()));
-}
-
-TEST(Nl80211Interface, SsidAndFrequencyOfTheAnswerToOurRequest) {
-    const Bytes freq = attrOf(NL80211_ATTR_WIPHY_FREQ, 2437u);
-    const Bytes cut = interfaceAnswer(join({ssid("home"), freq}));
-    const std::string longSsid(40, 'x');
-    const std::tuple<Bytes, int, std::string, uint32_t> cases[] = {
-        {interfaceAnswer(join({attrOf(NL80211_ATTR_IFINDEX, 3u), ssid("home"), freq})), 1,
-         "home", 2437},
-        {join({interfaceAnswer(ssid("other"), kSeq + 1), interfaceAnswer(ssid(longSsid))}), 1,
-         longSsid.substr(0, 32), 0},
-        {interfaceAnswer(freq), 1, "", 2437},              // not beaconing: no SSID
-        {interfaceAnswer(ssid("x"), kSeq + 1), 0, "", 0},  // not ours
-        {message(NLMSG_ERROR, kSeq, raw(-ENODEV)), -1, "", 0},
-        {interfaceAnswer(raw(nlattr{0x40, NL80211_ATTR_SSID})), -1, "", 0},  // claims too much
-        {Bytes(cut.begin(), cut.end() - 2), -1, "", 0},                      // message cut
-    };
-    for (const auto &[bytes, verdict, text, mhz] : cases) {
-        Nl80211Interface iface;
-        EXPECT_EQ(nl80211DecodeInterfaceReply(bytes, kSeq, kFamily, iface), verdict) << text;
-        EXPECT_EQ(std::pair(std::string(iface.ssid), iface.frequencyMhz), std::pair(text, mhz));
     }
 }
 

@@ -34,11 +34,12 @@ TEST(ParseMibConfig, MalformedLineSkippedAlone) {
         {"absolute path", {"lease_file = leases"}}, {"NUL byte", {std::string("480 = 1\0", 8)}},
         {"bad group name", {"socket_group = -x", "socket_group = a:b"}},
         {"longer than 1024", {"480 = 1 #" + std::string(kMibMaxLineBytes, 'x')}}};
-    const MibConfig good = parse("478 = 1\n479 = 2\n");
+    const MibConfig good = parse("478 = 1\nphy.eth0.2 = 5\n");
+    ASSERT_EQ(good.phyIds, (std::map<std::string, int, std::less<>>{{"eth0.2", 5}}));
     for (const auto &[reason, lines] : cases)
         for (const std::string &line : lines) {
             std::string skipped;
-            EXPECT_TRUE(parse("478 = 1\n" + line + "\n479 = 2\n", &skipped) == good &&
+            EXPECT_TRUE(parse("478 = 1\n" + line + "\nphy.eth0.2 = 5\n", &skipped) == good &&
                         skipped.starts_with("2: ") && skipped.find(reason) != std::string::npos &&
                         skipped.find('\n') == skipped.size() - 1)
                 << line << " => " << skipped;
