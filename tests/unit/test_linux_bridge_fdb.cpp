@@ -1,7 +1,6 @@
 // The bridge forwarding database: the neighbour-dump and brforward decoders on crafted
 // bytes. The netlink source against a real bridge is the lab's to check.
 #include <linux/neighbour.h>
-#include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 

@@ -34,10 +34,8 @@ TEST(Commands, ResultAndOneLineMessage) {
                  {"/bin/sh", "exit 3", 0, nullptr},  // not waited for: its status is not ours
                  {"/nonexistent/prog", "x", 0, "No such file or directory"}};
     for (const auto &c : cases) {
-        SCOPED_TRACE(std::string(c.program) + " -c '" + c.script +
-                     "' wait=" + (c.wait ? "1" : "0"));
         StderrCapture capture;
-        EXPECT_EQ(va_cmd(c.program, 2, c.wait, "-c", c.script), c.problem ? -1 : 0);
+        EXPECT_EQ(va_cmd(c.program, 2, c.wait, "-c", c.script), c.problem ? -1 : 0) << c.script;
         const std::string said = capture.text();  // one line, or none on success
         EXPECT_TRUE(c.problem ? said.starts_with("hostrix: command \"") &&
                                     said.find(c.problem) != std::string::npos &&

@@ -6,9 +6,7 @@
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 
-#include <cerrno>
 #include <cstddef>
 
 #include "linux_test_support.h"

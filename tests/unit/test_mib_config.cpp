@@ -1,8 +1,6 @@
 // The linux configuration store: the pure parser first, then the store over a file in
 // a temporary HOSTRIX_ROOT (loading, reporting, the records it lays out).
 #include "linux_test_support.h"
-#include "platform/linux/mib_config.h"
-#include "platform/os.h"
 
 namespace {
 
