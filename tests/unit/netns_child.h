@@ -14,10 +14,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-inline constexpr int kNetnsPassed = 0;
-inline constexpr int kNetnsCheckFailed = 1;
-inline constexpr int kNetnsNoNamespace = 101;
-inline constexpr int kNetnsNoSetup = 102;
+inline constexpr int kNetnsPassed = 0, kNetnsCheckFailed = 1, kNetnsNoNamespace = 101,
+                     kNetnsNoSetup = 102;
 
 // In the child: a failed check prints where it is and ends the child's body.
 #define NETNS_CHECK(condition)                                                                 \
