@@ -21,29 +21,27 @@ TEST(Commands, WaitedCommandFromPathGetsItsArgumentsUnsplit) {
     EXPECT_TRUE(noChildLeft());
 }
 
+// Program, script, whether waited for, and what the message says (nullptr: success).
 TEST(Commands, ResultAndOneLineMessage) {
-    const struct {
-        const char *program, *script;
-        int wait;
-        const char *problem;  // in the message; nullptr when the command succeeds
-    } cases[] = {{"/bin/sh", "exit 0", 1, nullptr},
-                 {"/bin/sh", "true\nexit 3", 1, "exited with status 3"},
-                 {"/bin/sh", "kill -9 $$", 1, "killed by signal 9"},
-                 {"/nonexistent/prog", "x", 1, "No such file or directory"},
-                 {"hostrix-no-such-program", "x", 1, "program not found"},
-                 {"/bin/sh", "exit 3", 0, nullptr},  // not waited for: its status is not ours
-                 {"/nonexistent/prog", "x", 0, "No such file or directory"}};
-    for (const auto &c : cases) {
+    const std::tuple<const char *, const char *, int, const char *> cases[] = {
+        {"/bin/sh", "exit 0", 1, nullptr},
+        {"/bin/sh", "true\nexit 3", 1, "exited with status 3"},
+        {"/bin/sh", "kill -9 $$", 1, "killed by signal 9"},
+        {"/nonexistent/prog", "x", 1, "No such file or directory"},
+        {"hostrix-no-such-program", "x", 1, "program not found"},
+        {"/bin/sh", "exit 3", 0, nullptr},  // not waited for: its status is not ours
+        {"/nonexistent/prog", "x", 0, "No such file or directory"}};
+    for (const auto &[program, script, wait, problem] : cases) {
         StderrCapture capture;
-        EXPECT_EQ(va_cmd(c.program, 2, c.wait, "-c", c.script), c.problem ? -1 : 0) << c.script;
+        EXPECT_EQ(va_cmd(program, 2, wait, "-c", script), problem ? -1 : 0) << script;
         const std::string said = capture.text();  // one line, or none on success
-        EXPECT_TRUE(c.problem ? said.starts_with("hostrix: command \"") &&
-                                    said.find(c.problem) != std::string::npos &&
-                                    said.find('\n') == said.size() - 1
-                              : said.empty())
+        EXPECT_TRUE(problem ? said.starts_with("hostrix: command \"") &&
+                                  said.find(problem) != std::string::npos &&
+                                  said.find('\n') == said.size() - 1
+                            : said.empty())
             << said;
         StderrCapture quiet;
-        EXPECT_EQ(va_cmd_no_error(c.program, 2, c.wait, "-c", c.script), c.problem ? -1 : 0);
+        EXPECT_EQ(va_cmd_no_error(program, 2, wait, "-c", script), problem ? -1 : 0);
         EXPECT_EQ(quiet.text(), "");
         EXPECT_TRUE(noChildLeft());
     }
