@@ -130,20 +130,19 @@ int checkNeighbours() {
     NETNS_CHECK(fromIp.find("fd77::1 dev br0 lladdr 0a:77:00:00:00:01 REACHABLE") !=
                 std::string::npos);
     setCommands("native");
-    NETNS_CHECK(forbidExec());
-    NETNS_CHECK(readCommand("ip -6 neigh") == fromIp);
-    NETNS_CHECK(os_system("/bin/ip -6 neigh del fd77::1 dev br0") == 0);
-    NETNS_CHECK(readCommand("ip -6 neigh").find("fd77::1 ") == std::string::npos);
+    NETNS_CHECK(forbidExec() && readCommand("ip -6 neigh") == fromIp);
+    NETNS_CHECK(os_system("/bin/ip -6 neigh del fd77::1 dev br0") == 0 &&
+                readCommand("ip -6 neigh").find("fd77::1 ") == std::string::npos);
     NETNS_CHECK(os_system("/bin/ip -6 neigh del fd77::1 dev br0") == 0);  // gone already: done
-    NETNS_CHECK(hasArpEntry("10.7.0.9"));
-    NETNS_CHECK(os_system("/bin/arp -d 10.7.0.9\n") == 0);  // from both bridges
-    NETNS_CHECK(!hasArpEntry("10.7.0.9"));
+    NETNS_CHECK(hasArpEntry("10.7.0.9") && os_system("/bin/arp -d 10.7.0.9\n") == 0 &&
+                !hasArpEntry("10.7.0.9"));  // from both bridges
     NETNS_CHECK(va_cmd("/bin/sh", 2, 1, "-c", "arp -d 10.7.0.9") == 0);  // nothing left: done
-    NETNS_CHECK(hasFdbEntry("\x0a\x77\x00\x00\x00\x0a"));
-    NETNS_CHECK(os_system("bridge fdb del 0a:77:00:00:00:0a dev d0 vlan 1 master") == 0);
-    NETNS_CHECK(!hasFdbEntry("\x0a\x77\x00\x00\x00\x0a"));
-    NETNS_CHECK(os_system("/bin/ip -6 neigh del fd77::5 dev nosuch0") != 0);
-    NETNS_CHECK(readCommand(kFuncoff) == "");
+    const char kHost[] = "\x0a\x77\x00\x00\x00\x0a";
+    NETNS_CHECK(hasFdbEntry(kHost) &&
+                os_system("bridge fdb del 0a:77:00:00:00:0a dev d0 vlan 1 master") == 0 &&
+                !hasFdbEntry(kHost));
+    NETNS_CHECK(os_system("/bin/ip -6 neigh del fd77::5 dev nosuch0") != 0 &&
+                readCommand(kFuncoff).empty());
     // The shell is still there for the rest, and for everything under "commands = shell".
     NETNS_CHECK(os_system("true") != 0);
     setCommands("shell");

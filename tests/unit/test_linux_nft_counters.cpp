@@ -213,8 +213,8 @@ class NftCountersKernel : public HostrixRootTest {
 // available, the hosts kept until the table is back.
 TEST_F(NftCountersKernel, RegisterSampleUnregisterAndLoseTheTable) {
     expectPassesInPrivateNetns([] {
-        NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0 && tablePresent());
-        NETNS_CHECK(sample() == -1);                                           // not registered
+        NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0 && tablePresent() &&
+                    sample() == -1);  // not registered
         NETNS_CHECK(update(kHostA, 1) == 0 && !listedInTx("0a:77:00:00:00:01"));  // queued
         NETNS_CHECK(zvt_commit_lan_hpc() == 0 && listedInTx("0a:77:00:00:00:01"));
         NETNS_CHECK(sample() == 0 && sample(kHostB) == -1);
@@ -229,8 +229,8 @@ TEST_F(NftCountersKernel, RegisterSampleUnregisterAndLoseTheTable) {
         NETNS_CHECK(oneLineWith(capture.text(), "No such file"));
         NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0);  // the table is back
         StderrCapture again;
-        NETNS_CHECK(zvt_commit_lan_hpc() == 0 && sample() == 0);
-        NETNS_CHECK(oneLineWith(again.text(), "answers again"));
+        NETNS_CHECK(zvt_commit_lan_hpc() == 0 && sample() == 0 &&
+                    oneLineWith(again.text(), "answers again"));
         NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0 && sample() == -1);
         return kNetnsPassed;
     });
