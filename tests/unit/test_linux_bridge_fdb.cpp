@@ -20,14 +20,10 @@ constexpr uint32_t kSeq = 7;
 constexpr Mac kHostA{0x0a, 0x77, 0, 0, 0, 0x01};
 constexpr Mac kHostB{0x0a, 0x77, 0, 0, 0, 0x02};
 
-Bytes message(uint16_t type, const Bytes &payload, uint32_t seq = kSeq) {
-    return nlbytes::message(type, seq, payload, NLM_F_MULTI);
-}
-
 Bytes neigh(int ifindex, uint16_t state, uint8_t flags, const Bytes &attributes,
             uint8_t family = AF_BRIDGE, uint32_t seq = kSeq) {
     const ndmsg body{family, 0, 0, ifindex, state, flags, 0};
-    return message(RTM_NEWNEIGH, join({raw(body), attributes}), seq);
+    return message(RTM_NEWNEIGH, seq, join({raw(body), attributes}), NLM_F_MULTI);
 }
 
 Bytes underMaster(const Mac &mac, uint32_t master = kBridge) {
@@ -58,8 +54,9 @@ TEST(BridgeFdbDecode, KeepsOnlyHostsOfTheBridgeWithVlanAndAge) {
         neigh(6, NUD_REACHABLE, 0, underMaster(kHostA), AF_BRIDGE, kSeq + 1),  // an older dump
     });
     std::vector<FdbRecord> records;
-    EXPECT_EQ(decodeBridgeFdbMessages(message(NLMSG_ERROR, raw(-EBUSY)), kBridge, kSeq, records),
-              FdbDumpStatus::Failed);
+    EXPECT_EQ(
+        decodeBridgeFdbMessages(message(NLMSG_ERROR, kSeq, raw(-EBUSY)), kBridge, kSeq, records),
+        FdbDumpStatus::Failed);
     EXPECT_EQ(decodeBridgeFdbMessages(dump, kBridge, kSeq, records),
               FdbDumpStatus::More);  // no end of dump yet
     ASSERT_EQ(records.size(), 2u);

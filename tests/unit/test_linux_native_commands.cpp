@@ -58,14 +58,12 @@ TEST(NativeCommands, RecognisesExactShapesOnly) {
 }
 
 TEST(NativeCommands, GrepWithTheLineAfter) {
-    const struct {
-        const char *text, *expected;
-    } cases[] = {
+    const std::pair<const char *, const char *> cases[] = {
         {"MAC 1\nidle 3\nb\nc\nMAC 2\nidle 4", "MAC 1\nidle 3\n--\nMAC 2\nidle 4\n"},
         {"MAC 1\nMAC 2\nidle 4\nMAC 3\n", "MAC 1\nMAC 2\nidle 4\nMAC 3\n"},  // groups that touch
         {"a\nMAC", "MAC\n"},
     };
-    for (const auto &c : cases) EXPECT_EQ(grepWithNextLine(c.text, "MAC"), c.expected) << c.text;
+    for (const auto &[text, expected] : cases) EXPECT_EQ(grepWithNextLine(text, "MAC"), expected);
 }
 
 // ------------------------------------------------------------- against the kernel

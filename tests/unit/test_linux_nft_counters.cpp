@@ -63,12 +63,7 @@ NftCounter counter(const NftMac &mac, std::optional<uint64_t> tx, std::optional<
 TEST(NftDump, CraftedDatagrams) {
     const Bytes shortKey{0x0a, 0x77, 0, 0, 0};
     const Bytes cut = set("hostrix", "rx", {elem(kHostB, 1)});
-    const struct {
-        const char *what;
-        Bytes bytes;
-        RouteDumpStatus status;
-        std::vector<NftCounter> expected;
-    } cases[] = {
+    const std::tuple<const char *, Bytes, RouteDumpStatus, std::vector<NftCounter>> cases[] = {
         {"both sets, sorted by MAC, counts in network order",
          join({set("hostrix", "tx", {elem(kHostB, 300), elem(kHostA, UINT64_MAX)}),
                set("hostrix", "rx", {elem(kHostA, 200), elem(kHostB, 0x0102030405060708)}),
@@ -99,10 +94,10 @@ TEST(NftDump, CraftedDatagrams) {
          RouteDumpStatus::Failed,
          {counter(kHostA, 1, {})}},
     };
-    for (const auto &c : cases) {
+    for (const auto &[what, bytes, status, expected] : cases) {
         std::vector<NftSetElement> elements;
-        EXPECT_EQ(decodeNftElementDump(c.bytes, kSeq, elements), c.status) << c.what;
-        EXPECT_EQ(mergeNftElements(std::move(elements)), c.expected) << c.what;
+        EXPECT_EQ(decodeNftElementDump(bytes, kSeq, elements), status) << what;
+        EXPECT_EQ(mergeNftElements(std::move(elements)), expected) << what;
     }
 }
 

@@ -157,12 +157,9 @@ TEST(Nl80211Station, ModeFromTheNegotiatedRatesAndTheBand) {
         {mcs(kRx, NL80211_RATE_INFO_VHT_MCS), 5180, "ac"},  // rx alone is enough
         {join({legacy(kRx), mcs(kTx, NL80211_RATE_INFO_MCS)}), 2412, "n"},
         {mcs(kTx, NL80211_RATE_INFO_EHT_MCS), 6115, "be"},
-        {legacy(kTx), 2412, "g"},
-        {legacy(kTx), 5180, "a"},
-        {legacy(kRx), 5955, "a"},  // 6 GHz
-        {legacy(kTx), 0, ""},      // the band is not known
-        {signal(-40), 2412, ""},  // no rate at all
-    };
+        // Legacy rates at 2.4, 5 and 6 GHz and where the band is not known; no rate at all.
+        {legacy(kTx), 2412, "g"}, {legacy(kTx), 5180, "a"}, {legacy(kRx), 5955, "a"},
+        {legacy(kTx), 0, ""}, {signal(-40), 2412, ""}};
     for (const auto &[info, mhz, mode] : cases) {
         wlStaInfo s{};
         const Bytes attributes =

@@ -68,16 +68,14 @@ TEST_F(MibStore, WidthsAndReportsWithPathAndLine) {
         std::memcpy(&buffer, &value, 1);
         return buffer;
     };
-    const struct {
-        int id, width, result;
-        uint32_t written;  // the buffer after the call
-    } cases[] = {{474, 1, 1, firstByte(7)},   {474, 4, 1, 7},          {475, 1, 0, kUntouched},
+    // Setting, width, result, and the buffer after the call.
+    const std::tuple<int, int, int, uint32_t> cases[] = {{474, 1, 1, firstByte(7)},   {474, 4, 1, 7},          {475, 1, 0, kUntouched},
                  {475, 1, 0, kUntouched},     {476, 1, 1, firstByte(0xff)}, {474, 2, 0, kUntouched},
                  {481, 4, 0, kUntouched}};
-    for (const auto &c : cases) {
+    for (const auto &[id, width, result, written] : cases) {
         uint32_t buffer = kUntouched;
-        EXPECT_EQ(mib_get_s(c.id, &buffer, c.width), c.result) << c.id << " width " << c.width;
-        EXPECT_EQ(buffer, c.written) << c.id << " width " << c.width;
+        EXPECT_EQ(mib_get_s(id, &buffer, width), result) << id << " width " << width;
+        EXPECT_EQ(buffer, written) << id << " width " << width;
     }
     writeConfig("475 = 3000\n");
     uint8_t byte = 0;
