@@ -90,12 +90,12 @@ TEST_F(MibStore, WidthsAndReportsWithPathAndLine) {
 TEST_F(MibStore, RecordsAtTheReadersOffsets) {
     const std::string ssid32(kMibMaxSsidBytes, 'L');
     writeConfig("chain.3004 = enable=1 mode=7 ports=0x04030201\nssid.wlan0 = " + ssid32);
-    EXPECT_EQ(std::tuple(mib_chain_total(kChainWanConnections), mib_chain_total(3005)),
-              std::tuple(1, 0));
     std::array<uint8_t, 1060> chain, expected{};
     chain.fill(0xaa);
-    EXPECT_EQ(mib_chain_get(kChainWanConnections, 1, chain.data()), 0);
-    EXPECT_EQ(mib_chain_get(3005, 0, chain.data()), 0);
+    EXPECT_EQ(std::tuple(mib_chain_total(kChainWanConnections), mib_chain_total(3005),
+                         mib_chain_get(kChainWanConnections, 1, chain.data()),
+                         mib_chain_get(3005, 0, chain.data())),
+              std::tuple(1, 0, 0, 0));
     expected[239] = 1;                                   // enable
     expected[22] = 7;                                    // mode
     std::memcpy(&expected[261], "\x01\x02\x03\x04", 4);  // ports: little-endian, unaligned
@@ -105,9 +105,9 @@ TEST_F(MibStore, RecordsAtTheReadersOffsets) {
     std::array<char, kWlanConfigSize> wlan, ssid{};
     wlan.fill('\xaa');
     int index = 7;
-    EXPECT_EQ(mib_chain_get_wlan("wlan0-vap0", wlan.data(), &index), -1);
-    EXPECT_EQ(mib_chain_get_wlan(nullptr, wlan.data(), &index), -1);
-    EXPECT_EQ(index, 7);
+    EXPECT_EQ((std::tuple{mib_chain_get_wlan("wlan0-vap0", wlan.data(), &index),
+                          mib_chain_get_wlan(nullptr, wlan.data(), &index), index}),
+              std::tuple(-1, -1, 7));
     std::memcpy(&ssid[220], ssid32.data(), ssid32.size());
     ASSERT_EQ(mib_chain_get_wlan("wlan0", wlan.data(), &index), 0);
     EXPECT_EQ(std::tuple(index, wlan), std::tuple(0, ssid));
