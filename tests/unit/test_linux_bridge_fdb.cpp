@@ -36,9 +36,7 @@ Bytes entry(int ifindex, const Mac &mac, const Bytes &more = {}) {
 }
 
 auto fieldsOf(const FdbRecord &r) {
-    Mac mac;
-    std::copy(r.mac, r.mac + mac.size(), mac.begin());
-    return std::tuple(mac, r.ifindex, r.isLocal, r.ageing, +r.vid, r.portNo);
+    return std::tuple(std::to_array(r.mac), r.ifindex, r.isLocal, r.ageing, +r.vid, r.portNo);
 }
 
 // Each entry after the first two breaks one rule; a rule left out lets its entry through.

@@ -115,8 +115,8 @@ TEST_F(LeaseFile, RecordsWithTimeLeftCappedAtTheLimit) {
     dhcp_lease *array = nullptr;
     ASSERT_EQ(read(array), static_cast<int>(kMaxDhcpLeases));
     std::unique_ptr<dhcp_lease, decltype(&std::free)> owned(array, &std::free);
-    EXPECT_STREQ(array[kMaxDhcpLeases - 1].hostname, "h1022");
-    EXPECT_EQ(ntohl(array[0].leaseTime), 600u);
+    EXPECT_EQ(std::pair(std::string(array[kMaxDhcpLeases - 1].hostname), ntohl(array[0].leaseTime)),
+              std::pair(std::string("h1022"), 600u));
     EXPECT_NEAR(ntohl(array[1].leaseTime), 3550, 50);
 }
 
