@@ -1,6 +1,6 @@
-// Wi-Fi stations: station-file lines, the directory source behind getWlStaInfo and the
-// mode lookup that answers from its last read, the per-interface cache, and the
-// nl80211 station decoders on crafted netlink bytes.
+// Wi-Fi stations: the directory source behind getWlStaInfo (the line parser's odd inputs
+// are the fuzz target's) and the mode lookup that answers from its last read, the
+// per-interface cache, and the nl80211 station decoders on crafted netlink bytes.
 #include <linux/genetlink.h>
 #include <linux/nl80211.h>
 
