@@ -6,20 +6,13 @@
 #include <sys/mman.h>
 
 #include <array>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "core/paths.h"
-#include "temp_dir.h"
 #include "core/unique_fd.h"
 #include "platform/linux/mib_store.h"
 #include "platform/mib.h"
+#include "temp_dir.h"
 
 
 // Standard error redirected into memory until text() or the end of the object.
@@ -44,8 +37,6 @@ class StderrCapture {
     UniqueFd file_{memfd_create("stderr", MFD_CLOEXEC)}, saved_{dup(STDERR_FILENO)};
 };
 
-// A fresh directory under /tmp, removed with its contents when the object goes.
-
 // Each test gets its own HOSTRIX_ROOT, and so its own configuration file.
 class HostrixRootTest : public ::testing::Test {
    protected:
@@ -58,12 +49,11 @@ class HostrixRootTest : public ::testing::Test {
         unsetenv("HOSTRIX_ROOT");
         pathsReset();
     }
-    static void writeConfig(const std::string &text, const TempDir &root) {
-        std::filesystem::create_directories(root.file("etc/hostrix"));
-        std::ofstream(root.file("etc/hostrix/mib.conf"), std::ios::trunc) << text;
+    void writeConfig(const std::string &text) const {
+        std::filesystem::create_directories(root_.file("etc/hostrix"));
+        std::ofstream(configPath(), std::ios::trunc) << text;
         mib_refresh();
     }
-    void writeConfig(const std::string &text) const { writeConfig(text, root_); }
     std::string configPath() const { return root_.file("etc/hostrix/mib.conf"); }
 
     TempDir root_;

@@ -14,10 +14,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-inline constexpr int kNetnsPassed = 0;
-inline constexpr int kNetnsCheckFailed = 1;
-inline constexpr int kNetnsNoNamespace = 101;
-inline constexpr int kNetnsNoSetup = 102;
+inline constexpr int kNetnsPassed = 0, kNetnsCheckFailed = 1, kNetnsNoNamespace = 101,
+                     kNetnsNoSetup = 102;
 
 // In the child: a failed check prints where it is and ends the child's body.
 #define NETNS_CHECK(condition)                                                                 \
@@ -47,25 +45,19 @@ inline bool netnsEnter() {
     return mount("sysfs", "/sys", "sysfs", 0, nullptr) == 0;
 }
 
-// BODY's result from a child in fresh namespaces, one of the kNetns codes or -1.
-inline int runInPrivateNetns(int (*body)()) {
-    (void)std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid < 0) return -1;
-    if (pid == 0) _exit(netnsEnter() ? body() : kNetnsNoNamespace);
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0)
-        if (errno != EINTR) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// The running test passes when BODY does in the child, and is skipped where the child
-// cannot have its namespaces or its bridge.
+// The running test passes when BODY does in a child in fresh namespaces, and is skipped
+// where the child cannot have its namespaces or its bridge.
 inline void expectPassesInPrivateNetns(int (*body)()) {
     // Under qemu-user (the cross runs) the kernel's replies reach the test through
     // qemu's own translation and timing, which says nothing of the daemon on a box.
     if (std::getenv("HOSTRIX_NO_NETNS")) GTEST_SKIP() << "kernel checks are off (HOSTRIX_NO_NETNS)";
-    const int status = runInPrivateNetns(body);
+    (void)std::fflush(nullptr);
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) _exit(netnsEnter() ? body() : kNetnsNoNamespace);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0) ASSERT_EQ(errno, EINTR);
+    status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     if (status == kNetnsNoNamespace)
         GTEST_SKIP() << "no private network and mount namespace could be made (root is needed)";
     if (status == kNetnsNoSetup) GTEST_SKIP() << "the bridge br0 and its port could not be made";

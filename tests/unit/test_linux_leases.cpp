@@ -46,12 +46,11 @@ TEST(DnsmasqLeaseLine, BothEndFormsGiveTheWholeRecordOtherLinesAreSkipped) {
         LeaseLine lease;
         std::memset(lease.record.hostname, 'x', sizeof lease.record.hostname);  // written whole
         ASSERT_TRUE(parseDnsmasqLeaseLine(line, lease)) << line;
-        EXPECT_EQ(
-            std::tuple(+lease.record.mac[5], lease.record.ip, std::string(lease.record.hostname)),
-            std::tuple(1, htonl(0xc0a8010a), hostname))  // 192.168.1.10
-            << line;
         LeaseAnchors fresh;
-        EXPECT_EQ(read(fresh, line, kNow, kMono), Left{leaseTime}) << line;
+        EXPECT_EQ(std::tuple(+lease.record.mac[5], lease.record.ip,
+                             std::string(lease.record.hostname), read(fresh, line, kNow, kMono)),
+                  std::tuple(1, htonl(0xc0a8010a), hostname, Left{leaseTime}))  // 192.168.1.10
+            << line;
     }
     const std::string bad[] = {
         "duid 00:01:00:01:2c:5e:aa:bb:02:00:00:00:00:01",
@@ -116,31 +115,28 @@ TEST_F(LeaseFile, RecordsWithTimeLeftCappedAtTheLimit) {
     dhcp_lease *array = nullptr;
     ASSERT_EQ(read(array), static_cast<int>(kMaxDhcpLeases));
     std::unique_ptr<dhcp_lease, decltype(&std::free)> owned(array, &std::free);
-    EXPECT_STREQ(array[kMaxDhcpLeases - 1].hostname, "h1022");
-    EXPECT_EQ(ntohl(array[0].leaseTime), 600u);
-    EXPECT_GT(ntohl(array[1].leaseTime), 3500u);
-    EXPECT_LE(ntohl(array[1].leaseTime), 3600u);
+    EXPECT_EQ(std::pair(std::string(array[kMaxDhcpLeases - 1].hostname), ntohl(array[0].leaseTime)),
+              std::pair(std::string("h1022"), 600u));
+    EXPECT_NEAR(ntohl(array[1].leaseTime), 3550, 50);
 }
 
 // Changed means: since the last read, the file came, went or was rewritten. A missing
 // or leaseless file gives no array.
 TEST_F(LeaseFile, ChangeIsTheFileSinceTheLastRead) {
-    dhcp_lease *array = nullptr;
-    EXPECT_EQ(read(array), 0);
-    EXPECT_EQ(array, nullptr);
-    EXPECT_EQ(isDhcpClientLeasesDBChanged(), 0);
+    // Whether the file changed, what a read then gives and leaves, and the change after it.
+    auto changedReadChanged = [this] {
+        const int before = isDhcpClientLeasesDBChanged();
+        dhcp_lease *array = nullptr;
+        const int count = read(array);
+        return std::tuple(before, count, array, isDhcpClientLeasesDBChanged());
+    };
+    EXPECT_EQ(changedReadChanged(), std::tuple(1, 0, nullptr, 0));  // never read
     std::ofstream(root_.file("leases")) << "duid 00:01\n";
-    EXPECT_EQ(isDhcpClientLeasesDBChanged(), 1);
-    EXPECT_EQ(read(array), 0);
-    EXPECT_EQ(array, nullptr);
-    EXPECT_EQ(isDhcpClientLeasesDBChanged(), 0);
+    EXPECT_EQ(changedReadChanged(), std::tuple(1, 0, nullptr, 0));
     std::ofstream(root_.file("leases"), std::ios::app) << "# more\n";
-    EXPECT_EQ(isDhcpClientLeasesDBChanged(), 1);
-    EXPECT_EQ(read(array), 0);
+    EXPECT_EQ(changedReadChanged(), std::tuple(1, 0, nullptr, 0));
     std::remove(root_.file("leases").c_str());
-    EXPECT_EQ(isDhcpClientLeasesDBChanged(), 1);
-    EXPECT_EQ(read(array), 0);
-    EXPECT_EQ(isDhcpClientLeasesDBChanged(), 0);
+    EXPECT_EQ(changedReadChanged(), std::tuple(1, 0, nullptr, 0));
 }
 
 }  // namespace

@@ -6,12 +6,7 @@
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
 
-#include <array>
-#include <cstring>
-#include <cstdlib>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "linux_test_support.h"
 #include "netlink_bytes.h"
@@ -30,7 +25,8 @@ constexpr uint32_t kSeq = 7;
 using namespace nlbytes;
 
 // An element of KEY with a counter named EXPR at BYTES, or without a counter.
-Bytes elem(const Bytes &key, std::optional<uint64_t> bytes, const char *expr = "counter") {
+Bytes elem(std::span<const uint8_t> key, std::optional<uint64_t> bytes,
+           const char *expr = "counter") {
     Bytes counter;
     if (bytes)
         counter = nest(NFTA_SET_ELEM_EXPR,
@@ -39,11 +35,8 @@ Bytes elem(const Bytes &key, std::optional<uint64_t> bytes, const char *expr = "
                                   join({attrOf(NFTA_COUNTER_BYTES, htobe64(*bytes)),
                                         attrOf(NFTA_COUNTER_PACKETS, htobe64(1))}))}));
     return nest(NFTA_LIST_ELEM,
-                join({nest(NFTA_SET_ELEM_KEY, attr(NFTA_DATA_VALUE, key)), counter}));
-}
-
-Bytes elem(const NftMac &mac, uint64_t bytes) {
-    return elem(Bytes(mac.begin(), mac.end()), bytes);
+                join({nest(NFTA_SET_ELEM_KEY, attr(NFTA_DATA_VALUE, Bytes(key.begin(), key.end()))),
+                      counter}));
 }
 
 Bytes set(const char *table, const char *name, const std::vector<Bytes> &elems,
@@ -63,30 +56,14 @@ Bytes done(uint32_t seq = kSeq) {
     return message(NLMSG_DONE, seq, raw(0), NLM_F_MULTI);
 }
 
-struct Decoded {
-    RouteDumpStatus status;
-    std::vector<NftCounter> counters;
-};
-
-Decoded decode(std::span<const uint8_t> bytes, uint32_t seq = kSeq) {
-    std::vector<NftSetElement> elements;
-    const RouteDumpStatus status = decodeNftElementDump(bytes, seq, elements);
-    return {status, mergeNftElements(std::move(elements))};
-}
-
 NftCounter counter(const NftMac &mac, std::optional<uint64_t> tx, std::optional<uint64_t> rx) {
     return {mac, tx.value_or(0), rx.value_or(0), tx.has_value(), rx.has_value()};
 }
 
 TEST(NftDump, CraftedDatagrams) {
-    const Bytes shortKey{0x0a, 0x77, 0, 0, 0}, keyA(kHostA.begin(), kHostA.end());
+    const Bytes shortKey{0x0a, 0x77, 0, 0, 0};
     const Bytes cut = set("hostrix", "rx", {elem(kHostB, 1)});
-    const struct {
-        const char *what;
-        Bytes bytes;
-        RouteDumpStatus status;
-        std::vector<NftCounter> expected;
-    } cases[] = {
+    const std::tuple<const char *, Bytes, RouteDumpStatus, std::vector<NftCounter>> cases[] = {
         {"both sets, sorted by MAC, counts in network order",
          join({set("hostrix", "tx", {elem(kHostB, 300), elem(kHostA, UINT64_MAX)}),
                set("hostrix", "rx", {elem(kHostA, 200), elem(kHostB, 0x0102030405060708)}),
@@ -98,8 +75,8 @@ TEST(NftDump, CraftedDatagrams) {
          RouteDumpStatus::More,
          {counter(kHostA, 5, {})}},
         {"elements without a MAC key or a counter are left out",
-         join({set("hostrix", "rx", {elem(shortKey, 1), elem(kHostB, 2), elem(keyA, {})}),
-               set("hostrix", "tx", {elem(keyA, 3, "limit")})}),
+         join({set("hostrix", "rx", {elem(shortKey, 1), elem(kHostB, 2), elem(kHostA, {})}),
+               set("hostrix", "tx", {elem(kHostA, 3, "limit")})}),
          RouteDumpStatus::More,
          {counter(kHostB, {}, 2)}},
         {"other tables, sets and requests are ignored",
@@ -117,10 +94,10 @@ TEST(NftDump, CraftedDatagrams) {
          RouteDumpStatus::Failed,
          {counter(kHostA, 1, {})}},
     };
-    for (const auto &c : cases) {
-        const Decoded got = decode(c.bytes);
-        EXPECT_EQ(got.status, c.status) << c.what;
-        EXPECT_EQ(got.counters, c.expected) << c.what;
+    for (const auto &[what, bytes, status, expected] : cases) {
+        std::vector<NftSetElement> elements;
+        EXPECT_EQ(decodeNftElementDump(bytes, kSeq, elements), status) << what;
+        EXPECT_EQ(mergeNftElements(std::move(elements)), expected) << what;
     }
 }
 
@@ -144,53 +121,45 @@ TEST(NftDump, ElementsCapped) {
     EXPECT_EQ(elements.size(), kMaxNftElements);
 }
 
-// A sender that records each transaction and answers as told.
-struct Sender {
-    bool accept = true;
-    std::vector<std::vector<NftHostOp>> sent;
-    NftHostQueue::Send callback() {
-        return [this](std::span<const NftHostOp> ops) {
-            sent.emplace_back(ops.begin(), ops.end());
-            return accept;
-        };
-    }
-};
-
 // A refused transaction stays queued whole for the next cycle's retry.
 TEST(NftHostQueue, OneTransactionLastOpWinsKeptWhenRefused) {
     NftHostQueue queue;
-    Sender sender;
-    EXPECT_TRUE(queue.flush(sender.callback()));
-    EXPECT_TRUE(sender.sent.empty());  // nothing pending: the kernel is not asked
+    bool accept = true;
+    std::vector<std::vector<NftHostOp>> sent;  // each transaction, answered as ACCEPT says
+    const auto send = [&](std::span<const NftHostOp> ops) {
+        sent.emplace_back(ops.begin(), ops.end());
+        return accept;
+    };
+    EXPECT_TRUE(queue.flush(send));
+    EXPECT_TRUE(sent.empty());  // nothing pending: the kernel is not asked
     std::vector<NftHostOp> expected;
     for (unsigned i = 0; i < 100; ++i) {
         queue.push({macOf(i), true});
         if (i != 3) expected.push_back({macOf(i), true});
     }
     queue.push({macOf(3), false});
-    sender.accept = false;
-    EXPECT_FALSE(queue.flush(sender.callback()));
-    EXPECT_FALSE(queue.flush(sender.callback()));
+    accept = false;
+    EXPECT_FALSE(queue.flush(send));
+    EXPECT_FALSE(queue.flush(send));
     queue.push({macOf(3), true});
     queue.push({macOf(3), false});
     expected.push_back({macOf(3), false});
-    sender.accept = true;
-    EXPECT_TRUE(queue.flush(sender.callback()));
-    ASSERT_EQ(sender.sent.size(), 3u);
-    EXPECT_EQ(sender.sent[2], expected);
+    accept = true;
+    EXPECT_TRUE(queue.flush(send));
+    ASSERT_EQ(sent.size(), 3u);
+    EXPECT_EQ(sent[2], expected);
     EXPECT_TRUE(queue.pending().empty());
 }
 
 TEST(NftHostQueue, FullQueueDropsTheOldestAndSaysSoOnce) {
     NftHostQueue queue(3);
-    Sender sender;
     std::vector<bool> said;
     for (unsigned i = 0; i < 5; ++i) said.push_back(queue.push({macOf(i), true}));
     EXPECT_EQ(said, (std::vector<bool>{false, false, false, true, false}));
     const std::vector<NftHostOp> newest{{macOf(2), true}, {macOf(3), true}, {macOf(4), true}};
     EXPECT_EQ(std::vector<NftHostOp>(queue.pending().begin(), queue.pending().end()), newest);
     EXPECT_FALSE(queue.push({macOf(4), false}));  // a replacement takes no room
-    EXPECT_TRUE(queue.flush(sender.callback()));
+    EXPECT_TRUE(queue.flush([](std::span<const NftHostOp>) { return true; }));
     for (unsigned i = 0; i < 3; ++i) EXPECT_FALSE(queue.push({macOf(i), true}));
     EXPECT_TRUE(queue.push({macOf(9), true}));  // a new episode is reported again
 }
@@ -202,29 +171,27 @@ bool tablePresent() {
 }
 
 // Whether the nft program lists HOST in set tx.
-bool listedInTx(const char *host) {
-    const std::string command =
-        std::string("nft list set bridge hostrix tx 2>/dev/null | grep -q ") + host;
-    return std::system(command.c_str()) == 0;
+bool listedInTx(const std::string &host) {
+    return std::system(("nft list set bridge hostrix tx | grep -q " + host).c_str()) == 0;
 }
 
-// The plain set's pair for ENTRY in one sampling pass; -1 in [0] when not answered.
-std::array<int64_t, 2> sample(NftMac entry = kHostA) {
+// The plain set's transmit count for ENTRY in one sampling pass; -1 when not answered.
+int64_t sample(NftMac entry = kHostA) {
     uint64_t pair[2] = {};
     zvt_host_police_control_mib_counter_get_begin();
-    int answer = zvt_host_police_control_mib_counter_get(entry.data(), pair);
-    int fc = zvt_fc_host_police_control_mib_counter_get(entry.data(), pair);
+    const int answer = zvt_host_police_control_mib_counter_get(entry.data(), pair);
+    const int fc = zvt_fc_host_police_control_mib_counter_get(entry.data(), pair);
     zvt_host_police_control_mib_counter_get_end();
-    if (answer != 0 || fc != -1) return {-1, -1};
-    return {static_cast<int64_t>(pair[0]), static_cast<int64_t>(pair[1])};
+    return answer == 0 && fc == -1 ? static_cast<int64_t>(pair[0]) : -1;
 }
 
 int update(NftMac host, int on) {
     return zvt_update_lan_hpc_for_mib(host.data(), on);
 }
 
-size_t lineCount(const std::string &text) {
-    return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+// Whether TEXT is one line holding WHAT.
+bool oneLineWith(const std::string &text, const char *what) {
+    return std::count(text.begin(), text.end(), '\n') == 1 && text.find(what) != std::string::npos;
 }
 
 class NftCountersKernel : public HostrixRootTest {
@@ -241,28 +208,25 @@ class NftCountersKernel : public HostrixRootTest {
 // available, the hosts kept until the table is back.
 TEST_F(NftCountersKernel, RegisterSampleUnregisterAndLoseTheTable) {
     expectPassesInPrivateNetns([] {
-        NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0 && tablePresent());
-        NETNS_CHECK(sample()[0] == -1);                                           // not registered
+        NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0 && tablePresent() &&
+                    sample() == -1);  // not registered
         NETNS_CHECK(update(kHostA, 1) == 0 && !listedInTx("0a:77:00:00:00:01"));  // queued
         NETNS_CHECK(zvt_commit_lan_hpc() == 0 && listedInTx("0a:77:00:00:00:01"));
-        NETNS_CHECK(sample()[0] == 0 && sample(kHostB)[0] == -1);
+        NETNS_CHECK(sample() == 0 && sample(kHostB) == -1);
         NETNS_CHECK(std::system("nft delete element bridge hostrix rx '{ 0a:77:00:00:00:01 }'") == 0 &&
-                    sample()[0] == -1);  // in one set only: no pair
-        NETNS_CHECK(update(kHostA, 0) == 0 && sample()[0] == -1);  // sent before the listing
+                    sample() == -1);  // in one set only: no pair
+        NETNS_CHECK(update(kHostA, 0) == 0 && sample() == -1);  // sent before the listing
         NETNS_CHECK(update(kHostA, 0) == 0 && zvt_commit_lan_hpc() == 0);  // gone: no error
         NETNS_CHECK(std::system("nft delete table bridge hostrix") == 0);
         StderrCapture capture;
         NETNS_CHECK(update(kHostA, 1) == 0 && zvt_commit_lan_hpc() == -1);
-        NETNS_CHECK(zvt_commit_lan_hpc() == -1 && sample()[0] == -1);
-        const std::string failed = capture.text();
-        NETNS_CHECK(lineCount(failed) == 1 && failed.find("No such file") != std::string::npos);
+        NETNS_CHECK(zvt_commit_lan_hpc() == -1 && sample() == -1);
+        NETNS_CHECK(oneLineWith(capture.text(), "No such file"));
         NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0);  // the table is back
         StderrCapture again;
-        NETNS_CHECK(zvt_commit_lan_hpc() == 0 && sample()[0] == 0);
-        const std::string recovered = again.text();
-        NETNS_CHECK(lineCount(recovered) == 1 &&
-                    recovered.find("answers again") != std::string::npos);
-        NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0 && sample()[0] == -1);
+        NETNS_CHECK(zvt_commit_lan_hpc() == 0 && sample() == 0 &&
+                    oneLineWith(again.text(), "answers again"));
+        NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0 && sample() == -1);
         return kNetnsPassed;
     });
 }
@@ -272,7 +236,7 @@ TEST_F(NftCountersKernel, OffInTheConfiguration) {
     writeConfig("counters = off\n");
     expectPassesInPrivateNetns([] {
         NETNS_CHECK(zvt_fc_host_police_control_mib_counter_init() == 0 && !tablePresent());
-        NETNS_CHECK(update(kHostA, 1) == -1 && zvt_commit_lan_hpc() == -1 && sample()[0] == -1);
+        NETNS_CHECK(update(kHostA, 1) == -1 && zvt_commit_lan_hpc() == -1 && sample() == -1);
         return kNetnsPassed;
     });
 }

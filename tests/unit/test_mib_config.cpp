@@ -1,15 +1,8 @@
 // The linux configuration store: the pure parser first, then the store over a file in
 // a temporary HOSTRIX_ROOT (loading, reporting, the records it lays out).
-#include <map>
-#include <optional>
-
 #include "linux_test_support.h"
-#include "platform/linux/mib_config.h"
-#include "platform/os.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 // Parses TEXT over the defaults; SKIPPED gets "LINE: REASON\n" for each line skipped.
 MibConfig parse(std::string_view text, std::string *skipped = nullptr) {
@@ -25,29 +18,26 @@ TEST(ParseMibConfig, MalformedLineSkippedAlone) {
     const std::pair<const char *, std::vector<std::string>> cases[] = {
         {"bad number \"0xZZ\" for setting 480", {"480 = 0xZZ"}},
         {"bad number", {"480 = 4294967296", "480 = -1", "480 = 08", "480 = 1 2"}},
-        {"bad setting id", {"2147483648 = 1"}},
-        {"missing '='", {"480 1"}},
-        {"empty key", {" = 5"}},
-        {"unknown key \"colour\"", {"colour = red"}},
+        {"bad setting id", {"2147483648 = 1"}}, {"missing '='", {"480 1"}},
+        {"empty key", {" = 5"}}, {"unknown key \"colour\"", {"colour = red"}},
         {"unknown chain \"3005\"", {"chain.3005 = enable=1"}},
         {"bad attribute", {"chain.3004 = enable=1 colour=red"}},
         {"bad value", {"chain.3004 = ports", "chain.3004 = mode=256"}},
         {"more than", {"lan_ports = a b c d e", "wlan_roots = a b c"}},
         {"bad interface name", {"lan_ports = eth0/2", "lan_ports = abcdefghijklmnop", "wlan_roots = .."}},
         {"longer than 32", {"ssid.wlan0 = " + std::string(33, 's')}},
-        {"bad port id", {"phy.eth0.2 = 2147483648"}},
+        {"bad port id", {"phy.eth0.2 = 2147483648"}}, {"bad command mode", {"commands = busybox"}},
         {"source", {"stations = dir:", "counters = on"}},
-        {"bad command mode", {"commands = busybox"}},
         {"bad kernel interface name", {"ifname.br0 = br lan", "ifname.br0 ="}},
-        {"absolute path", {"lease_file = leases"}},
+        {"absolute path", {"lease_file = leases"}}, {"NUL byte", {std::string("480 = 1\0", 8)}},
         {"bad group name", {"socket_group = -x", "socket_group = a:b"}},
-        {"NUL byte", {std::string("480 = 1\0", 8)}},
         {"longer than 1024", {"480 = 1 #" + std::string(kMibMaxLineBytes, 'x')}}};
-    const MibConfig good = parse("478 = 1\n479 = 2\n");
+    const MibConfig good = parse("478 = 1\nphy.eth0.2 = 5\n");
+    ASSERT_EQ(good.phyIds, (std::map<std::string, int, std::less<>>{{"eth0.2", 5}}));
     for (const auto &[reason, lines] : cases)
         for (const std::string &line : lines) {
             std::string skipped;
-            EXPECT_TRUE(parse("478 = 1\n" + line + "\n479 = 2\n", &skipped) == good &&
+            EXPECT_TRUE(parse("478 = 1\n" + line + "\nphy.eth0.2 = 5\n", &skipped) == good &&
                         skipped.starts_with("2: ") && skipped.find(reason) != std::string::npos &&
                         skipped.find('\n') == skipped.size() - 1)
                 << line << " => " << skipped;
@@ -67,14 +57,6 @@ TEST(ParseMibConfig, MalformedLineSkippedAlone) {
 
 class MibStore : public HostrixRootTest {};
 
-constexpr std::optional<uint32_t> kUnset;
-
-std::optional<uint32_t> setting(int id) {
-    uint32_t value = 0;
-    if (mib_get_s(id, &value, 4) != 1) return std::nullopt;
-    return value;
-}
-
 // Malformed lines are reported once per load, as is a value too wide for one byte.
 TEST_F(MibStore, WidthsAndReportsWithPathAndLine) {
     writeConfig("474 = 7\n475 = 300\n\n480x = 2\n476 = 255\n");
@@ -86,16 +68,14 @@ TEST_F(MibStore, WidthsAndReportsWithPathAndLine) {
         std::memcpy(&buffer, &value, 1);
         return buffer;
     };
-    const struct {
-        int id, width, result;
-        uint32_t written;  // the buffer after the call
-    } cases[] = {{474, 1, 1, firstByte(7)},   {474, 4, 1, 7},          {475, 1, 0, kUntouched},
+    // Setting, width, result, and the buffer after the call.
+    const std::tuple<int, int, int, uint32_t> cases[] = {{474, 1, 1, firstByte(7)},   {474, 4, 1, 7},          {475, 1, 0, kUntouched},
                  {475, 1, 0, kUntouched},     {476, 1, 1, firstByte(0xff)}, {474, 2, 0, kUntouched},
                  {481, 4, 0, kUntouched}};
-    for (const auto &c : cases) {
+    for (const auto &[id, width, result, written] : cases) {
         uint32_t buffer = kUntouched;
-        EXPECT_EQ(mib_get_s(c.id, &buffer, c.width), c.result) << c.id << " width " << c.width;
-        EXPECT_EQ(buffer, c.written) << c.id << " width " << c.width;
+        EXPECT_EQ(mib_get_s(id, &buffer, width), result) << id << " width " << width;
+        EXPECT_EQ(buffer, written) << id << " width " << width;
     }
     writeConfig("475 = 3000\n");
     uint8_t byte = 0;
@@ -110,12 +90,12 @@ TEST_F(MibStore, WidthsAndReportsWithPathAndLine) {
 TEST_F(MibStore, RecordsAtTheReadersOffsets) {
     const std::string ssid32(kMibMaxSsidBytes, 'L');
     writeConfig("chain.3004 = enable=1 mode=7 ports=0x04030201\nssid.wlan0 = " + ssid32);
-    EXPECT_EQ(std::tuple(mib_chain_total(kChainWanConnections), mib_chain_total(3005)),
-              std::tuple(1, 0));
     std::array<uint8_t, 1060> chain, expected{};
     chain.fill(0xaa);
-    EXPECT_EQ(mib_chain_get(kChainWanConnections, 1, chain.data()), 0);
-    EXPECT_EQ(mib_chain_get(3005, 0, chain.data()), 0);
+    EXPECT_EQ(std::tuple(mib_chain_total(kChainWanConnections), mib_chain_total(3005),
+                         mib_chain_get(kChainWanConnections, 1, chain.data()),
+                         mib_chain_get(3005, 0, chain.data())),
+              std::tuple(1, 0, 0, 0));
     expected[239] = 1;                                   // enable
     expected[22] = 7;                                    // mode
     std::memcpy(&expected[261], "\x01\x02\x03\x04", 4);  // ports: little-endian, unaligned
@@ -125,20 +105,12 @@ TEST_F(MibStore, RecordsAtTheReadersOffsets) {
     std::array<char, kWlanConfigSize> wlan, ssid{};
     wlan.fill('\xaa');
     int index = 7;
-    EXPECT_EQ(mib_chain_get_wlan("wlan0-vap0", wlan.data(), &index), -1);
-    EXPECT_EQ(mib_chain_get_wlan(nullptr, wlan.data(), &index), -1);
-    EXPECT_EQ(index, 7);
+    EXPECT_EQ((std::tuple{mib_chain_get_wlan("wlan0-vap0", wlan.data(), &index),
+                          mib_chain_get_wlan(nullptr, wlan.data(), &index), index}),
+              std::tuple(-1, -1, 7));
     std::memcpy(&ssid[220], ssid32.data(), ssid32.size());
     ASSERT_EQ(mib_chain_get_wlan("wlan0", wlan.data(), &index), 0);
     EXPECT_EQ(std::tuple(index, wlan), std::tuple(0, ssid));
-}
-
-TEST_F(MibStore, OversizedFileKeepsWholeLinesWithinTheLimit) {
-    // The comment ends 7 bytes short of the limit, which falls between the "2" and the "3".
-    writeConfig("480 = 1\n#" + std::string(64 * 1024 - 17, '-') + "\n481 = 23\n");
-    StderrCapture capture;
-    EXPECT_EQ(std::pair(setting(480), setting(481)), std::pair(std::optional(1u), kUnset));
-    EXPECT_NE(capture.text().find("larger than 65536 bytes"), std::string::npos);
 }
 
 }  // namespace
