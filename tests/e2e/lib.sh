@@ -237,9 +237,8 @@ PY
 announce_mdns() {
     ip netns exec "hx-$1" /usr/bin/python3 - "$2" "$3" <<'PY'
 import socket, struct, sys
-name, ip = sys.argv[1], sys.argv[2]
-label = bytes([len(name)]) + name.encode() + b"\x05local\x00"
-packet = struct.pack("!6H", 0, 0x8400, 0, 1, 0, 0) + label
+name, ip = sys.argv[1:]
+packet = struct.pack("!6H", 0, 0x8400, 0, 1, 0, 0) + bytes([len(name)]) + name.encode() + b"\x05local\x00"
 packet += struct.pack("!HHIH", 1, 0x8001, 120, 4) + socket.inet_aton(ip)
 s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(ip))

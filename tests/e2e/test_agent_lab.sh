@@ -24,14 +24,10 @@ agent_up() { [[ -S "$AGENT_SOCKET" ]]; }
 
 # subscribe NAME [REQUEST]: a subscriber whose lines go to $E2E_TMP/NAME.ndjson.
 subscribe() {
-    python3 - "$AGENT_SOCKET" "${2:-{\}}" >"$E2E_TMP/$1.ndjson" 2>&1 <<'PY' &
-import socket, sys
-s = socket.socket(socket.AF_UNIX)
-s.connect(sys.argv[1])
-s.sendall(sys.argv[2].encode() + b"\n")
-for data in iter(lambda: s.recv(65536), b""):
-    sys.stdout.buffer.write(data), sys.stdout.flush()
-PY
+    python3 -c 'import socket, sys
+s = socket.socket(socket.AF_UNIX); s.connect(sys.argv[1]); s.sendall(sys.argv[2].encode() + b"\n")
+for data in iter(lambda: s.recv(65536), b""): sys.stdout.buffer.write(data), sys.stdout.flush()' \
+        "$AGENT_SOCKET" "${2:-{\}}" >"$E2E_TMP/$1.ndjson" 2>&1 &
     SUBSCRIBERS+=($!)
 }
 
@@ -45,9 +41,7 @@ for line in open(path):
     try: record = json.loads(line)
     except ValueError: continue
     hosts = record.get("hosts", []) if record.get("type") == "snapshot" else [record.get("host", {})]
-    for host in hosts:
-        if host.get("mac") == mac and (event == "any" or record.get("event") == event):
-            value = host.get(field)
+    value = next((h.get(field) for h in hosts if h.get("mac") == mac and event in ("any", record.get("event"))), value)
 print(json.dumps(value) if value is not None else "")
 PY
 }
@@ -64,17 +58,12 @@ windows_dhcp() {
     in_ns hx-win busybox udhcpc -i eth0 -n -q -t 3 -T 1 -o "${args[@]}" -x hostname:win-pc -s /bin/true >/dev/null 2>&1
 }
 
+# One sends garbage, the other a 10 MiB line without an end.
 bad_subscribers() {
-    python3 - "$AGENT_SOCKET" <<'PY'
-import socket, sys
+    python3 -c 'import contextlib, socket, sys
 garbage, huge = socket.socket(socket.AF_UNIX), socket.socket(socket.AF_UNIX)
-garbage.connect(sys.argv[1]), huge.connect(sys.argv[1])
-garbage.sendall(b"hello agent\n")
-try:
-    huge.sendall(b"{" * (10 * 1024 * 1024))
-except OSError:
-    pass
-PY
+garbage.connect(sys.argv[1]), huge.connect(sys.argv[1]), garbage.sendall(b"hello agent\n")
+with contextlib.suppress(OSError): huge.sendall(b"{" * (10 * 1024 * 1024))' "$AGENT_SOCKET"
 }
 
 stop_subscribers() {

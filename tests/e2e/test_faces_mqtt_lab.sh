@@ -92,7 +92,6 @@ main() {
 
     start_daemon_in_lab
     for name in "${LAB_HOSTS[@]}"; do macs+=("$(host_mac "$name")"); done
-    mkdir -p "$ROOT/etc/hostrix"
     printf 'mqtt_url = mqtt://127.0.0.1:%s\n' "$BROKER_PORT" >"$ROOT/etc/hostrix/agent.conf"
 
     agent_start

@@ -81,24 +81,24 @@ file_stamp() { stat -c %y "$HOST_FILE" 2>/dev/null; }
 stamp_changed() { kill -USR2 "$DAEMON_PID"; [[ "$(file_stamp)" != "$1" ]]; }
 
 fault_lock_held() {
-    local holder stamp
+    local stamp
     kill -USR2 "$DAEMON_PID"
     wait_for "$ONE_TICK" test -s "$HOST_FILE" || true
     python3 -c 'import fcntl, sys, time; f = open(sys.argv[1], "rb"); fcntl.lockf(f, fcntl.LOCK_SH)
 open(sys.argv[2], "w").close(); time.sleep(float(sys.argv[3]))' "$HOST_FILE" "$E2E_TMP/locked" "$LOCK_HOLD_S" &
-    holder=$!
     wait_for 25 test -e "$E2E_TMP/locked" || true
     stamp="$(file_stamp)"
     kill -USR2 "$DAEMON_PID"  # a rewrite now, besides the ones the loop makes
-    wait "$holder" || true
+    wait "$!" || true # the reader
     probe_stop "lock held ${LOCK_HOLD_S} s"
     check "lock: the host file is rewritten once the reader lets go" wait_for "$ONE_TICK" stamp_changed "$stamp"
 }
 
 # One connection per event line: most name MACs not in the table, every tenth is
-# random bytes, control characters and all. Prints how many lines went out.
-silent_clients_and_events() {
-    python3 -c 'import random, socket, sys, time
+# random bytes, control characters and all.
+fault_silent_clients_and_events() {
+    local sent
+    sent="$(python3 -c 'import random, socket, sys, time
 def unix(path):
     s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM); s.connect(path); return s
 held = [unix(sys.argv[1]) for _ in range(int(sys.argv[2]))]
@@ -109,12 +109,7 @@ while sent < int(sys.argv[4]) and time.monotonic() < deadline:
     with unix(sys.argv[3]) as s: s.sendall(line + b"\n")
     sent += 1
 time.sleep(3)  # the silent clients stay a while after the flood too
-print(sent)' "$ROOT/var/run/.hostrix_msg" "$SILENT_CLIENTS" "$ROOT/var/run/.hostapd_action_sock" "$EVENT_LINES"
-}
-
-fault_silent_clients_and_events() {
-    local sent
-    sent="$(silent_clients_and_events)"
+print(sent)' "$ROOT/var/run/.hostrix_msg" "$SILENT_CLIENTS" "$ROOT/var/run/.hostapd_action_sock" "$EVENT_LINES")"
     probe_stop "$SILENT_CLIENTS silent control clients and $EVENT_LINES event lines"
     check "events: all $EVENT_LINES lines delivered ($sent)" test "$sent" -eq "$EVENT_LINES"
 }

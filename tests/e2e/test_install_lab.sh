@@ -33,8 +33,7 @@ units_verify() {
     local unit
     mkdir -p "$E2E_TMP/units"
     for unit in hostrix hostrix-agent; do
-        sed "s|^ExecStart=|ExecStart=$DEST|" "$DEST$PREFIX/lib/systemd/system/$unit.service" \
-            >"$E2E_TMP/units/$unit.service"
+        sed "s|^ExecStart=|ExecStart=$DEST|" "$DEST$PREFIX/lib/systemd/system/$unit.service" >"$E2E_TMP/units/$unit.service"
     done
     MANPATH="$DEST$PREFIX/share/man" systemd-analyze verify "$E2E_TMP"/units/*.service
 }

@@ -41,9 +41,8 @@ sniffer_dump() {
     local before
     before="$(log_lines '====> [Sniffer Information] <====')"
     kill -HUP "$DAEMON_PID"
-    wait_for 25 test "$(log_lines '====> [Sniffer Information] <====')" -gt "$before" || return 1
-    wait_for 25 last_dump_block >/dev/null || return 1
-    last_dump_block
+    wait_for 25 eval '(($(log_lines "====> [Sniffer Information] <====") > before))' || return 1
+    wait_for 25 last_dump_block >/dev/null && last_dump_block
 }
 # Both fail when no whole dump came out.
 dump_has() { local block; block="$(sniffer_dump)" && grep -qE -- "$1" <<<"$block"; }
