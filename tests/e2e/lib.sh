@@ -21,10 +21,7 @@ CHECKS=0
 skip() { printf 'SKIP: %s\n' "$*"; exit 77; }
 
 # require_tools TOOL...: skips unless each is on PATH.
-require_tools() {
-    local tool
-    for tool; do command -v "$tool" >/dev/null 2>&1 || skip "'$tool' is not installed (make check installs it)"; done
-}
+require_tools() { local tool; for tool; do command -v "$tool" >/dev/null || skip "'$tool' is not installed (make check installs it)"; done; }
 
 # Root, the tools, and a kernel that lets us make namespaces, veths and bridges.
 require_lab_env() {
@@ -118,14 +115,8 @@ dnsmasq_pid() { tr -dc '0-9' <"$LAB_DIR/dnsmasq.pid" 2>/dev/null; }
 
 alive() { [[ -e "/proc/$1" && "$(awk '{ print $3 }' "/proc/$1/stat" 2>/dev/null)" != Z ]]; }
 all_dead() { local pid; for pid; do ! alive "$pid" || return 1; done; }
-# Pids of processes whose command line names LAB_DIR (dnsmasq, udhcpc).
-lab_dir_pids() {
-    local f pid
-    for f in /proc/[0-9]*/cmdline; do
-        pid="${f#/proc/}" && pid="${pid%/cmdline}"
-        if { tr '\0' '\n' <"$f"; } 2>/dev/null | grep -qF "$LAB_DIR/" && alive "$pid"; then echo "$pid"; fi
-    done
-}
+# Pids of processes whose command line names LAB_DIR (dnsmasq, udhcpc), live or not.
+lab_dir_pids() { grep -lsaF "$LAB_DIR/" /proc/[0-9]*/cmdline | cut -d/ -f3; }
 
 # What the lab leaves behind: hx- namespaces, veths in the root namespace beyond
 # ROOT_VETHS_BEFORE (from the caller), live processes of PIDS or naming LAB_DIR,
@@ -150,8 +141,7 @@ DAEMON_PID=""
 # Runs the daemon in the gateway namespace the way lab/demo.sh does, with NAME=VALUE
 # words added to its environment, e.g. HOSTRIX_ROOT=... PATH= (no program can start).
 daemon_start_env() {
-    setsid ip netns exec "$GW_NS" env "$@" "$HOSTRIX_BIN" \
-        </dev/null >>"$DAEMON_LOG" 2>&1 &
+    setsid ip netns exec "$GW_NS" env "$@" "$HOSTRIX_BIN" </dev/null >>"$DAEMON_LOG" 2>&1 &
     DAEMON_PID=$!
     printf '%s\n' "$DAEMON_PID" >"$LAB_DIR/hostrix.daemon.pid"
 }

@@ -149,10 +149,7 @@ fault_arp_flood() {
     check "flood: the Sniffer is idle again within 5 s (${last}% < ${IDLE_CPU_MAX_PCT}%)" test "$last" -lt "$IDLE_CPU_MAX_PCT"
 }
 
-dnsmasq_start() {
-    in_ns "$GW_NS" env HOSTRIX_ROOT="$ROOT" dnsmasq --conf-file="$LAB_DIR/dnsmasq.conf" \
-        </dev/null >>"$LAB_DIR/dnsmasq.out" 2>&1
-}
+dnsmasq_start() { in_ns "$GW_NS" env HOSTRIX_ROOT="$ROOT" dnsmasq --conf-file="$LAB_DIR/dnsmasq.conf" </dev/null >>"$LAB_DIR/dnsmasq.out" 2>&1; }
 dnsmasq_runs() { local pid; pid="$(dnsmasq_pid)" && [[ -n "$pid" ]] && kill -0 "$pid" 2>/dev/null; }
 
 fault_dnsmasq_restart() {
