@@ -18,18 +18,16 @@ PORTS=(eth0.2 eth0.3 eth0.4 eth0.5 wlan0 wlan0-vap0 wlan1 nas0_0)
 FAILURES=0
 CHECKS=0
 
-skip() {
-    printf 'SKIP: %s\n' "$*"
-    exit 77
-}
+skip() { printf 'SKIP: %s\n' "$*"; exit 77; }
+
+# require_tools TOOL...: skips unless each is on PATH.
+require_tools() { local tool; for tool; do command -v "$tool" >/dev/null || skip "'$tool' is not installed (make check installs it)"; done; }
 
 # Root, the tools, and a kernel that lets us make namespaces, veths and bridges.
 require_lab_env() {
-    local tool probe="hx-e2e-probe" made=0
+    local probe="hx-e2e-probe" made=0
     [[ "$(id -u)" -eq 0 ]] || skip "needs root to create network namespaces"
-    for tool in ip bridge dnsmasq busybox flock setsid; do
-        command -v "$tool" >/dev/null 2>&1 || skip "'$tool' is not installed (make check installs it)"
-    done
+    require_tools ip bridge dnsmasq busybox flock setsid
     [[ -e /proc/net/if_inet6 ]] || skip "IPv6 is disabled on this kernel"
     ip netns del "$probe" 2>/dev/null || true
     ip netns add "$probe" 2>/dev/null || skip "cannot create network namespaces here"
@@ -48,31 +46,24 @@ check() {
 # asynchronously (leases, FDB learning), never a check on how long it took.
 wait_for() {
     local tries="$1"
-    shift
-    while ((tries-- > 0)); do
-        if "$@"; then return 0; fi
-        sleep 0.2
-    done
+    while ((tries-- > 0)); do "${@:2}" && return 0; sleep 0.2; done
     return 1
 }
 
-finish() {
-    printf '%d checks, %d failed\n' "$CHECKS" "$FAILURES"
-    exit $((FAILURES > 0))
-}
+finish() { printf '%d checks, %d failed\n' "$CHECKS" "$FAILURES"; exit $((FAILURES > 0)); }
 
 E2E_TMP=""
 
 # A failed test leaves the daemon's log behind for a look (E2E_LOG_DIR, default /tmp).
 keep_daemon_log() {
-    local kept
-    [[ -s "$DAEMON_LOG" ]] || return 0
-    kept="${E2E_LOG_DIR:-/tmp}/hostrix-e2e-$(basename "$0" .sh)-$LAB_PROFILE.log"
-    cp -- "$DAEMON_LOG" "$kept" 2>/dev/null && printf 'daemon log kept in %s\n' "$kept"
+    local test="${0##*/}" kept
+    kept="${E2E_LOG_DIR:-/tmp}/hostrix-e2e-${test%.sh}-$LAB_PROFILE.log"
+    [[ ! -s "$DAEMON_LOG" ]] || { cp -- "$DAEMON_LOG" "$kept" 2>/dev/null && echo "daemon log kept in $kept"; }
 }
 
+# lab_down_on_exit [RC]: RC defaults to the status the script is ending with.
 lab_down_on_exit() {
-    local rc=$?
+    local rc=${1:-$?}
     if ((rc != 0)); then keep_daemon_log || true; fi
     "$LAB" down >/dev/null 2>&1 || true
     if [[ -n "$E2E_TMP" ]]; then rm -rf -- "$E2E_TMP"; fi
@@ -89,11 +80,7 @@ lab_test_setup() {
 }
 
 # Quiet on success; the lab's own messages on failure.
-lab_run() {
-    if "$LAB" "$@" >"$E2E_TMP/lab.out" 2>&1; then return 0; fi
-    sed 's/^/    /' "$E2E_TMP/lab.out" >&2
-    return 1
-}
+lab_run() { "$LAB" "$@" >"$E2E_TMP/lab.out" 2>&1 || ! sed 's/^/    /' "$E2E_TMP/lab.out" >&2; }
 
 # --- facts about the running lab (interfaces named as the gateway names them) ---
 
@@ -111,15 +98,14 @@ lease_name_of() { awk -v m="$1" '$2 == m { print $4 }' "$LAB_DIR/dnsmasq.leases"
 br0_ports() {
     local port
     for port in $(ip -n "$GW_NS" -o link show master "$BR_KERNEL" 2>/dev/null | awk -F': ' '{ sub(/@.*/, "", $2); print $2 }'); do
-        gwif "$port"
-        printf '\n'
+        gwif "$port" && echo
     done | sort
 }
 port_carrier() { [[ "$(ip netns exec "$GW_NS" cat "/sys/class/net/$(kif "$1")/carrier" 2>/dev/null)" == 1 ]]; }
 fdb_port_of() {
     local port
     port="$(bridge -n "$GW_NS" fdb show br "$BR_KERNEL" 2>/dev/null | awk -v m="$1" '$1 == m && $2 == "dev" { print $3; exit }')"
-    if [[ -n "$port" ]]; then gwif "$port"; fi
+    [[ -z "$port" ]] || gwif "$port"
 }
 fdb_has() { [[ "$(fdb_port_of "$1")" == "$2" ]]; }
 no_carrier() { ! port_carrier "$1"; }
@@ -128,18 +114,9 @@ not_listed() { ! station_listed "$1" "$2"; }
 dnsmasq_pid() { tr -dc '0-9' <"$LAB_DIR/dnsmasq.pid" 2>/dev/null; }
 
 alive() { [[ -e "/proc/$1" && "$(awk '{ print $3 }' "/proc/$1/stat" 2>/dev/null)" != Z ]]; }
-all_dead() {
-    local pid
-    for pid in "$@"; do if alive "$pid"; then return 1; fi; done
-}
-# Pids of processes whose command line names LAB_DIR (dnsmasq, udhcpc).
-lab_dir_pids() {
-    local f pid
-    for f in /proc/[0-9]*/cmdline; do
-        pid="${f#/proc/}" && pid="${pid%/cmdline}"
-        if { tr '\0' '\n' <"$f"; } 2>/dev/null | grep -qF "$LAB_DIR/" && alive "$pid"; then printf '%s\n' "$pid"; fi
-    done
-}
+all_dead() { local pid; for pid; do ! alive "$pid" || return 1; done; }
+# Pids of processes whose command line names LAB_DIR (dnsmasq, udhcpc), live or not.
+lab_dir_pids() { grep -lsaF "$LAB_DIR/" /proc/[0-9]*/cmdline | cut -d/ -f3; }
 
 # What the lab leaves behind: hx- namespaces, veths in the root namespace beyond
 # ROOT_VETHS_BEFORE (from the caller), live processes of PIDS or naming LAB_DIR,
@@ -151,11 +128,7 @@ leftovers() {
     for pid in "$@" $(lab_dir_pids); do if alive "$pid"; then printf 'pid %s\n' "$pid"; fi; done
     ls -d "$LAB_DIR" "$LAB_DIR.lock" 2>/dev/null || true
 }
-nothing_left() {
-    local left
-    left="$(leftovers "$@")"
-    [[ -z "$left" ]] || { printf '    left: %s\n' "${left//$'\n'/, }" >&2; return 1; }
-}
+nothing_left() { local left; left="$(leftovers "$@")"; [[ -z "$left" ]] || ! echo "    left: ${left//$'\n'/, }" >&2; }
 # check_nothing_left LABEL PID...: one check for every kind of leftover.
 check_nothing_left() { check "$1: no namespace, veth, process, $LAB_DIR or lock left" nothing_left "${@:2}"; }
 
@@ -168,22 +141,22 @@ DAEMON_PID=""
 # Runs the daemon in the gateway namespace the way lab/demo.sh does, with NAME=VALUE
 # words added to its environment, e.g. HOSTRIX_ROOT=... PATH= (no program can start).
 daemon_start_env() {
-    setsid ip netns exec "$GW_NS" env "$@" "$HOSTRIX_BIN" \
-        </dev/null >>"$DAEMON_LOG" 2>&1 &
+    setsid ip netns exec "$GW_NS" env "$@" "$HOSTRIX_BIN" </dev/null >>"$DAEMON_LOG" 2>&1 &
     DAEMON_PID=$!
     printf '%s\n' "$DAEMON_PID" >"$LAB_DIR/hostrix.daemon.pid"
 }
 
-# SIGTERM, then SIGKILL if it is still there after 3 s; returns its exit status.
-daemon_stop() {
+# stop_pid PID [TRIES]: SIGTERM, then SIGKILL if it is still there after TRIES
+# (default 25) tries; returns its exit status.
+stop_pid() {
     local rc=0
-    [[ -n "$DAEMON_PID" ]] || return 0
-    kill -TERM "$DAEMON_PID" 2>/dev/null || true
-    if ! wait_for 15 all_dead "$DAEMON_PID"; then kill -KILL "$DAEMON_PID" 2>/dev/null || true; fi
-    wait "$DAEMON_PID" 2>/dev/null || rc=$?
-    DAEMON_PID=""
+    [[ -n "$1" ]] || return 0
+    kill -TERM "$1" 2>/dev/null || true
+    wait_for "${2:-25}" all_dead "$1" || kill -KILL "$1" 2>/dev/null || true
+    wait "$1" 2>/dev/null || rc=$?
     return "$rc"
 }
+daemon_stop() { local pid="$DAEMON_PID"; DAEMON_PID=""; stop_pid "$pid" 15; }
 
 ROOT="$LAB_DIR/root"
 HOSTRIXCTL_BIN="${HOSTRIXCTL_BIN:-$REPO_DIR/build/bin/hostrixctl}"
@@ -220,10 +193,7 @@ gw_ping() { in_ns "$GW_NS" busybox ping -c 1 -W 2 "$1" >/dev/null 2>&1 || true; 
 # Every report a query returns is appended to its log, so none is lost between checks.
 poll() { ctl "$1" --json >>"$E2E_TMP/$1.json" 2>/dev/null || true; }
 reported() { poll "$1"; grep -qF "\"mac\":\"$2\"" "$E2E_TMP/$1.json"; }
-lab_hosts_reported() {
-    local name
-    for name in "${LAB_HOSTS[@]}"; do reported new "$(host_mac "$name")" || return 1; done
-}
+lab_hosts_reported() { local name; for name in "${LAB_HOSTS[@]}"; do reported new "$(host_mac "$name")" || return 1; done; }
 # The static host answers only when asked; the others arrive by their leases.
 check_lab_hosts_arrive() {
     gw_ping 10.77.0.50
@@ -236,24 +206,20 @@ nft_table_present() { in_ns "$GW_NS" nft list table bridge hostrix >/dev/null 2>
 # The host file after SIGUSR2 (rates sampled, file rewritten), as JSON lines in list.json.
 refresh() { kill -USR2 "$DAEMON_PID"; sleep 0.3; ctl list --json >"$E2E_TMP/list.json" 2>/dev/null; }
 in_host_file() { refresh && grep -qF "\"mac\":\"$1\"" "$E2E_TMP/list.json"; }
-listed_field() { field_in "$E2E_TMP/list.json" "$1" "$2"; }
+listed_field() { record_check "$E2E_TMP/list.json" "$1" "$2"; }
 # listed_with MAC FIELD=VALUE...: the refreshed host file's record of MAC holds them all.
 listed_with() { refresh && record_has "$E2E_TMP/list.json" "$@"; }
 
-# FIELD of the first record of MAC in the JSON lines of FILE.
-field_in() { record_check "$1" "$2" "$3"; }
 # record_has FILE MAC FIELD=VALUE...: MAC's first record there holds every pair.
 record_has() { [[ -z "$(record_check "$@")" ]]; }
+# record_check FILE MAC FIELD: that field of MAC's first record in the JSON lines of FILE.
 record_check() {
     python3 - "$@" <<'PY'
 import json, sys
 path, mac, *pairs = sys.argv[1:]
 record = next((r for r in map(json.loads, filter(str.strip, open(path))) if r.get("mac") == mac), {})
-if len(pairs) == 1 and "=" not in pairs[0]:
-    print(record.get(pairs[0], ""))
-for key, want in (p.split("=", 1) for p in pairs if "=" in p):
-    if str(record.get(key, "")) != want:
-        print(key)
+if len(pairs) == 1 and "=" not in pairs[0]: print(record.get(pairs[0], ""))
+else: print(*(key for key, want in (p.split("=", 1) for p in pairs) if str(record.get(key, "")) != want))
 PY
 }
 
@@ -261,13 +227,37 @@ PY
 announce_mdns() {
     ip netns exec "hx-$1" /usr/bin/python3 - "$2" "$3" <<'PY'
 import socket, struct, sys
-name, ip = sys.argv[1], sys.argv[2]
-label = bytes([len(name)]) + name.encode() + b"\x05local\x00"
-packet = struct.pack("!6H", 0, 0x8400, 0, 1, 0, 0) + label
+name, ip = sys.argv[1:]
+packet = struct.pack("!6H", 0, 0x8400, 0, 1, 0, 0) + bytes([len(name)]) + name.encode() + b"\x05local\x00"
 packet += struct.pack("!HHIH", 1, 0x8001, 120, 4) + socket.inet_aton(ip)
 s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(ip))
 s.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_TTL, 255)
 s.sendto(packet, ("224.0.0.251", 5353))
 PY
+}
+
+# --- hostrix-agent beside the daemon ---
+
+AGENT_BIN="${HOSTRIX_AGENT_BIN:-$(dirname "$HOSTRIX_BIN")/hostrix-agent}"
+AGENT_LOG="$LAB_DIR/agent.log"
+AGENT_SOCKET="$ROOT/var/run/hostrix-agent/agent.sock"
+AGENT_PID="" E2E_RC=0
+in_gw() { ip netns exec "$GW_NS" "$@"; }
+agent_start() {
+    setsid ip netns exec "$GW_NS" env HOSTRIX_ROOT="$ROOT" "$AGENT_BIN" </dev/null >>"$AGENT_LOG" 2>&1 &
+    AGENT_PID=$!
+}
+agent_logged() { grep -qF -- "$1" "$AGENT_LOG" 2>/dev/null; }
+# agent_test_setup NAME CLEANUP: daemon_test_setup, a skip without the agent; on exit
+# CLEANUP runs, the agent stops and its log is kept as hostrix-agent-NAME-e2e.log.
+agent_test_setup() {
+    daemon_test_setup
+    [[ -x "$AGENT_BIN" ]] || skip "no agent binary at $AGENT_BIN (build it or set HOSTRIX_AGENT_BIN)"
+    AGENT_TEST="$1"
+    trap 'E2E_RC=$?; '"$2"'; agent_down; lab_down_on_exit "$E2E_RC"' EXIT
+}
+agent_down() {
+    stop_pid "$AGENT_PID" || true
+    if [[ -s "$AGENT_LOG" ]]; then cp -- "$AGENT_LOG" "${E2E_LOG_DIR:-/tmp}/hostrix-agent-$AGENT_TEST-e2e.log" || true; fi
 }

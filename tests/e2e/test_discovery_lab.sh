@@ -21,8 +21,7 @@ not_in_host_file() { refresh && ! grep -qF "\"mac\":\"$1\"" "$E2E_TMP/list.json"
 check_new_device() {
     check "add-host h7 on eth0.5 with DHCP" lab_run add-host h7 eth0.5
     local mac ip
-    mac="$(host_mac h7)"
-    ip="$(lease_ip_of "$mac")"
+    mac="$(host_mac h7)" ip="$(lease_ip_of "$(host_mac h7)")"
     check "new reports h7 within two ticks" wait_for "$TICKS_2" reported new "$mac"
     check "with its lease's IPv4 and name, wired, on LAN port 4 (eth0.5), brand/model/os OTHER" \
         record_has "$E2E_TMP/new.json" "$mac" ip="$ip" devName=hx-h7 connectionType=0 port=4 ifName=eth0.5 \
@@ -34,17 +33,14 @@ check_new_device() {
 
 check_static_host() {
     local mac
-    mac="$(host_mac h5)"
-    gw_ping 10.77.0.50
+    mac="$(host_mac h5)" && gw_ping 10.77.0.50
     check "static h5 is reported" wait_for "$TICKS_2" reported new "$mac"
     check "at 10.77.0.50 from the ARP table" wait_for 20 listed_with "$mac" ip=10.77.0.50 ipSource=1
 }
 
 check_ipv6_only_host() {
     local mac addr
-    mac="$(host_mac h6)"
-    addr="$(host_v6 h6)"
-    addr="${addr%/*}"
+    mac="$(host_mac h6)" addr="$(host_v6 h6)" && addr="${addr%/*}"
     # The gateway pings it until the lab goes down: without IPv4 it cannot be probed
     # by ARP, and a real device would talk now and then anyway.
     in_ns "$GW_NS" busybox ping -6 -q -i 1 "$addr" >/dev/null 2>&1 &
@@ -60,8 +56,7 @@ arp_requests_for() {
 
 check_silent_host() {
     local mac ip
-    mac="$(host_mac h2)"
-    ip="$(lease_ip_of "$mac")"
+    mac="$(host_mac h2)" ip="$(lease_ip_of "$(host_mac h2)")"
     check "h2 is reported first" wait_for "$TICKS_2" reported new "$mac"
     ip -n hx-h2 link set eth0 down
     check "silent h2 is reported gone" wait_for 300 reported left "$mac"
@@ -114,19 +109,16 @@ check_bridge_bound_port() {
     kill -USR1 "$DAEMON_PID"
     wait_for 20 logged "bridge_bind_logic_port_mask = 8" || true
     check "add-host h8 on eth0.5 with DHCP" lab_run add-host h8 eth0.5
-    mac="$(host_mac h8)"
-    ip="$(lease_ip_of "$mac")"
-    gw_ping "$ip"
+    mac="$(host_mac h8)" ip="$(lease_ip_of "$(host_mac h8)")" && gw_ping "$ip"
     check "h8 on the bridge-bound port takes its leased $ip from the sniffer" \
         wait_for 30 listed_with "$mac" ipSource=3 ip="$ip"
 }
 
 main() {
     daemon_test_setup
-    command -v tcpdump >/dev/null 2>&1 || skip "'tcpdump' is not installed (make check installs it)"
+    require_tools tcpdump
     start_daemon_in_lab
-    BR_MAC="$(ip -n "$GW_NS" -o link show "$BR_KERNEL" | grep -o 'link/ether [0-9a-f:]*' | awk '{ print $2 }')"
-    CAPTURE="$E2E_TMP/br0.pcap"
+    BR_MAC="$(ip -n "$GW_NS" -o link show "$BR_KERNEL" | grep -o 'link/ether [0-9a-f:]*' | cut -c12-)" CAPTURE="$E2E_TMP/br0.pcap"
     ip netns exec "$GW_NS" tcpdump -i "$BR_KERNEL" -U -n -w "$CAPTURE" 'arp or icmp6' >/dev/null 2>&1 &
     check_new_device
     check_static_host

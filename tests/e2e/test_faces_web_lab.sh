@@ -8,15 +8,11 @@
 # docs/connected-devices.png). /metrics parses with the Prometheus client's text
 # parser and agrees with the lab; bad requests get 400, 404 and 405.
 # e2e-profiles: openwrt
-# shellcheck disable=SC2317 # predicates are called through check()
-# shellcheck source-path=SCRIPTDIR
 set -euo pipefail
 LAB_PROFILE=openwrt
 # shellcheck source=lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-AGENT_BIN="${HOSTRIX_AGENT_BIN:-$(dirname "$HOSTRIX_BIN")/hostrix-agent}"
-AGENT_LOG="$LAB_DIR/agent.log"
 PAGE="http://127.0.0.1:8089"
 DRIVER_PORT=9515
 SYSTEM_PYTHON=/usr/bin/python3  # Debian's, with python3-prometheus-client
@@ -27,13 +23,11 @@ EVIL_MAC="0a:77:00:00:00:41"
 JOIN_MAC="0a:77:00:00:00:42"
 LEAVER_MAC="0a:77:00:00:00:04"  # h4, a station on wlan0-vap0
 ARRIVAL=150                      # 30 s in 0.2 s tries: a lease, a discovery tick, a poll
-AGENT_PID="" DRIVER_PID="" SESSION=""
-
-in_gw() { ip netns exec "$GW_NS" "$@"; }
+DRIVER_PID="" SESSION=""
 
 # fetch PATH: the body, and the status on the last line, from inside the gateway.
 fetch() {
-    in_gw "$SYSTEM_PYTHON" - "$PAGE$1" "${2:-GET}" <<'PY'
+    in_gw "$SYSTEM_PYTHON" - "$PAGE$1" "${2:-GET}" 2>/dev/null <<'PY'
 import sys, urllib.request, urllib.error
 try:
     with urllib.request.urlopen(urllib.request.Request(sys.argv[1], method=sys.argv[2]), timeout=5) as r:
@@ -45,12 +39,6 @@ PY
 status_of() { [[ "$(fetch "$1" "${3:-GET}" | tail -n 1)" == "$2" ]]; }
 fetched() { fetch "$1" | grep -qF -- "$2"; }
 
-
-# The host answers the gateway first, so that its address is known when the name comes.
-announce_mdns_after_ping() {
-    ip netns exec "hx-$1" busybox ping -q -c 1 -W 2 10.77.0.1 >/dev/null && announce_mdns "$@"
-}
-
 # The first event of /api/events for Last-Event-ID LAST (none: no header), as
 # "ID TYPE SEQ": the SSE id, then the type and seq of its JSON.
 first_event() {
@@ -59,9 +47,8 @@ import json, sys, urllib.request
 request = urllib.request.Request(sys.argv[1], headers={"Last-Event-ID": sys.argv[2]} if sys.argv[2] else {})
 event = {}
 with urllib.request.urlopen(request, timeout=5) as stream:
-    for line in stream:
-        field, _, value = line.decode().rstrip("\n").partition(": ")
-        if field in ("id", "data"): event[field] = value
+    for field, _, value in (line.decode().rstrip("\n").partition(": ") for line in stream):
+        event[field] = value
         if field == "data": break
 data = json.loads(event["data"])
 print(event["id"], data["type"], data["seq"])
@@ -81,27 +68,23 @@ import base64, json, sys, urllib.request, urllib.error
 port, session, command, *args = sys.argv[1:]
 def call(method, path, body=None):
     request = urllib.request.Request(f"http://127.0.0.1:{port}/session{path}", method=method,
-        data=None if body is None else json.dumps(body).encode(),
-        headers={"Content-Type": "application/json"})
+        data=None if body is None else json.dumps(body).encode(), headers={"Content-Type": "application/json"})
     try:
-        with urllib.request.urlopen(request, timeout=60) as reply:
-            return json.load(reply)["value"]
-    except urllib.error.HTTPError as e:
-        return {"error": json.load(e)["value"].get("error")}
+        with urllib.request.urlopen(request, timeout=60) as reply: return json.load(reply)["value"]
+    except urllib.error.HTTPError as e: return {"error": json.load(e)["value"].get("error")}
 if command == "start":  # start URL PROFILE_DIR: prints the session id
-    flags = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
-             "--disable-background-networking", "--disable-component-update", "--disable-sync",
-             "--window-size=1200,640", "--user-data-dir=" + args[1]]
+    flags = ("--headless --no-sandbox --disable-gpu --disable-quic --no-first-run --disable-background-networking"
+             " --disable-component-update --disable-sync --window-size=1200,640 --user-data-dir=" + args[1]).split()
     value = call("POST", "", {"capabilities": {"alwaysMatch": {"browserName": "chrome",
         "unhandledPromptBehavior": "ignore",
         "goog:chromeOptions": {"binary": "/usr/bin/chromium", "args": flags}}}})
     print(value["sessionId"])
     call("POST", f"/{value['sessionId']}/url", {"url": args[0]})
-elif command == "js":  # js SCRIPT: the script's value as JSON
-    print(json.dumps(call("POST", f"/{session}/execute/sync", {"script": args[0], "args": []})))
+elif command == "js":  # js SCRIPT: the script's value, a string as it is, anything else as JSON
+    value = call("POST", f"/{session}/execute/sync", {"script": args[0], "args": []})
+    print(value if isinstance(value, str) else json.dumps(value))
 elif command == "alert":  # the text of an open dialog, or nothing
-    value = call("GET", f"/{session}/alert/text")
-    print(value if isinstance(value, str) else "")
+    print(value if isinstance(value := call("GET", f"/{session}/alert/text"), str) else "")
 elif command == "shot":
     open(args[0], "wb").write(base64.b64decode(call("GET", f"/{session}/screenshot")))
 elif command == "stop":
@@ -110,14 +93,11 @@ PY
 }
 
 # Rows of the table: "MAC" or "MAC gone", one a line.
-rows() { wd js "return [...document.querySelectorAll('tbody tr')].map(r => r.dataset.mac + (r.classList.contains('gone') ? ' gone' : '')).join('\n')" | "$SYSTEM_PYTHON" -c 'import json,sys; print(json.load(sys.stdin))'; }
+rows() { wd js "return [...document.querySelectorAll('tbody tr')].map(r => r.dataset.mac + (r.classList.contains('gone') ? ' gone' : '')).join('\n')"; }
 row_is() { rows | grep -qx "$1"; }
-lab_rows_shown() {
-    local mac
-    for mac in 0a:77:00:00:00:0{1,2,3,4,5}; do row_is "$mac" || return 1; done
-}
+lab_rows_shown() { [[ "$(rows | grep -cxE '0a:77:00:00:00:0[1-5]')" == 5 ]]; }
 name_cell() { wd js "const td = document.querySelector('tr[data-mac=\"$1\"] td'); return td ? td.firstChild.textContent : ''"; }
-name_is_text() { [[ "$(name_cell "$EVIL_MAC")" == "$("$SYSTEM_PYTHON" -c 'import json,sys; print(json.dumps(sys.argv[1]))' "$EVIL_NAME")" ]]; }
+name_is_text() { [[ "$(name_cell "$EVIL_MAC")" == "$EVIL_NAME" ]]; }
 no_markup() { [[ "$(wd js "return document.querySelectorAll('tbody img').length")" == 0 ]]; }
 not_reloaded() { [[ "$(wd js "return window.hxMarker === 1")" == true ]]; }
 
@@ -133,76 +113,60 @@ families = {f.name: f for f in text_string_to_metric_families(urllib.request.url
 def samples(name):  # a counter's family drops the _total of its samples
     family = families.get(name.removesuffix("_total"))
     return [s for s in family.samples if s.name == name] if family else []
-problems = []
-if [s.value for s in samples("hostrix_hosts_online")] != [len(online)]: problems.append("hosts_online != /api/hosts")
+problems = ["hosts_online != /api/hosts"] * ([s.value for s in samples("hostrix_hosts_online")] != [len(online)])
 for family in ("hostrix_host_receive_bytes", "hostrix_host_transmit_bytes"):
     macs = {s.labels["mac"] for s in samples(family + "_total")}
     if macs != online: problems.append(f"{family} macs {sorted(macs ^ online)} differ from the online hosts")
     if gone in macs: problems.append(f"{family} has the departed host")
 events = {s.labels["event"]: s.value for s in samples("hostrix_events_total")}
 if events.get("new", 0) < len(online) or events.get("left", 0) < 1: problems.append(f"events {events}")
-for name in ("process_cpu_seconds_total", "process_resident_memory_bytes", "process_open_fds", "process_start_time_seconds"):
-    if not samples(name): problems.append("no " + name)
+problems += ["no " + name for name in ("process_cpu_seconds_total", "process_resident_memory_bytes",
+             "process_open_fds", "process_start_time_seconds") if not samples(name)]
 if not {"0a:77:00:00:00:01", "0a:77:00:00:00:05"} <= online: problems.append("lab hosts missing")
 print("; ".join(problems))
 PY
 }
-metrics_agree() {
-    local problems
-    problems="$(metrics_problems 2>&1)"
-    [[ -z "$problems" ]] || { printf '    %s\n' "$problems" >&2; return 1; }
-}
+metrics_agree() { local problems; problems="$(metrics_problems 2>&1)"; [[ -z "$problems" ]] || ! echo "    $problems" >&2; }
 
 agent_rss_kb() { awk '/^VmRSS/ { print $2 }' "/proc/$AGENT_PID/status"; }
 
-cleanup_web() {
-    if [[ -n "$SESSION" ]]; then wd stop >/dev/null 2>&1 || true; fi
-    for pid in "$DRIVER_PID" "$AGENT_PID"; do
-        if [[ -n "$pid" ]]; then kill -TERM "$pid" 2>/dev/null || true; fi
-    done
-    wait_for 25 all_dead "$DRIVER_PID" "$AGENT_PID" || kill -KILL "$DRIVER_PID" "$AGENT_PID" 2>/dev/null || true
-    if [[ -s "$AGENT_LOG" ]]; then cp -- "$AGENT_LOG" "${E2E_LOG_DIR:-/tmp}/hostrix-agent-web-e2e.log" || true; fi
-}
+stop_browser() { [[ -z "$SESSION" ]] || wd stop >/dev/null 2>&1 || true; stop_pid "$DRIVER_PID" || true; }
 
 main() {
-    daemon_test_setup
-    [[ -x "$AGENT_BIN" ]] || skip "no agent binary at $AGENT_BIN (build it or set HOSTRIX_AGENT_BIN)"
-    if ! command -v chromedriver >/dev/null || [[ ! -x /usr/bin/chromium ]]; then
-        skip "needs chromium and chromium-driver (make check installs them)"
-    fi
+    agent_test_setup web stop_browser
+    [[ -x /usr/bin/chromium ]] || skip "needs chromium and chromium-driver (make check installs them)"
+    require_tools chromedriver
     "$SYSTEM_PYTHON" -c 'import prometheus_client' 2>/dev/null || skip "needs python3-prometheus-client"
-    trap 'cleanup_web; lab_down_on_exit' EXIT
 
     start_daemon_in_lab
-    setsid ip netns exec "$GW_NS" env HOSTRIX_ROOT="$ROOT" "$AGENT_BIN" </dev/null >>"$AGENT_LOG" 2>&1 &
-    AGENT_PID=$!
+    agent_start
     check "the agent serves the page" wait_for 50 status_of / 200
     check "the lab's hosts are in /api/hosts" wait_for "$ARRIVAL" fetched /api/hosts 0a:77:00:00:00:05
-    check "a bad MAC gets 400" status_of /api/history/not-a-mac 400
-    check "an unknown device gets 404" status_of /api/history/0a:77:00:00:09:99 404
-    check "an unknown path gets 404" status_of /nothing-here 404
-    check "POST gets 405" status_of /api/hosts 405 POST
-    check "a lab host has a detail with its open session" fetched /api/history/0A-77-00-00-00-01 '"until":null}' 
+    check "a bad MAC gets 400, an unknown device or path 404, POST 405" eval 'status_of /api/history/not-a-mac 400 &&
+        status_of /api/history/0a:77:00:00:09:99 404 && status_of /nothing-here 404 && status_of /api/hosts 405 POST'
+    check "a lab host has a detail with its open session" wait_for 25 fetched /api/history/0A-77-00-00-00-01 '"until":null}' 
     local rss_before
     rss_before="$(agent_rss_kb)"
 
     setsid ip netns exec "$GW_NS" chromedriver --port="$DRIVER_PORT" </dev/null >"$E2E_TMP/chromedriver.log" 2>&1 &
     DRIVER_PID=$!
-    wait_for 50 sh -c "ip netns exec $GW_NS $SYSTEM_PYTHON -c 'import urllib.request; urllib.request.urlopen(\"http://127.0.0.1:$DRIVER_PORT/status\")'" 2>/dev/null || true
+    wait_for 50 in_gw "$SYSTEM_PYTHON" -c 'import urllib.request, sys; urllib.request.urlopen(sys.argv[1])' \
+        "http://127.0.0.1:$DRIVER_PORT/status" 2>/dev/null || true
     SESSION="$(wd start "$PAGE/" "$E2E_TMP/chromium")"
     check "Chromium opened the page" test -n "$SESSION"
     check "the lab's hosts are rows" wait_for 50 lab_rows_shown
     wd js "window.hxMarker = 1" >/dev/null
 
-    check "a host joins" lab_run add-host joiner eth0.5 --mac "$JOIN_MAC" --hostname joiner
-    check "it appears within 4 s, without a reload" wait_for 20 row_is "$JOIN_MAC"
+    check "a host joins; it appears within 4 s, without a reload" \
+        eval 'lab_run add-host joiner eth0.5 --mac "$JOIN_MAC" --hostname joiner && wait_for 20 row_is "$JOIN_MAC"'
     check "a static host joins" lab_run add-host evil eth0.3 --static 10.77.0.61 --mac "$EVIL_MAC"
-    check "it announces markup as its mDNS name" announce_mdns_after_ping evil "$EVIL_NAME" 10.77.0.61
+    # It answers the gateway first, so that its address is known when the name comes.
+    check "it announces markup as its mDNS name" \
+        eval 'in_ns hx-evil busybox ping -q -c 1 -W 2 10.77.0.1 >/dev/null && announce_mdns evil "$EVIL_NAME" 10.77.0.61'
     check "its name shows as text" wait_for "$ARRIVAL" name_is_text
     check "the name made no element" no_markup
     check "no script ran (no dialog open)" test -z "$(wd alert)"
-    check "a station leaves" lab_run sta-leave h4
-    check "it greys out" wait_for "$ARRIVAL" row_is "$LEAVER_MAC gone"
+    check "a station leaves; it greys out" eval 'lab_run sta-leave h4 && wait_for "$ARRIVAL" row_is "$LEAVER_MAC gone"'
     check "the page was never reloaded" not_reloaded
     wd shot "$SCREENSHOT"
     check "a screenshot is saved" test -s "$SCREENSHOT"

@@ -18,7 +18,7 @@ IDLE_CPU_MAX_PCT=5
 CHURN_HOSTS=300
 TABLE_LIMIT=256
 SANITIZER_REPORT='ERROR: AddressSanitizer|LeakSanitizer|runtime error:'
-declare -A MAC_OF=()
+LAB_MACS=()
 
 info() { printf 'info - %s\n' "$*"; }
 timed() { local started=$SECONDS; "$@"; info "$1 took $((SECONDS - started)) s"; }
@@ -32,11 +32,10 @@ probe_loop() {
     while [[ ! -e "$E2E_TMP/probe.stop" ]] && kill -0 "$$" 2>/dev/null; do
         t0="$(now_ms)"
         timeout 10 "$HOSTRIXCTL_BIN" get max-hosts >/dev/null 2>&1 || failed=$((failed + 1))
-        dt=$(($(now_ms) - t0)) count=$((count + 1))
-        if ((dt > worst)); then worst=$dt; fi
+        dt=$(($(now_ms) - t0)) count=$((count + 1)) worst=$((dt > worst ? dt : worst))
         sleep 0.1
     done
-    printf '%d %d %d\n' "$worst" "$count" "$failed" >"$E2E_TMP/probe.out"
+    echo "$worst $count $failed" >"$E2E_TMP/probe.out"
 }
 probe_start() {
     rm -f "$E2E_TMP/probe.stop" "$E2E_TMP/probe.out"
@@ -44,7 +43,7 @@ probe_start() {
     PROBE_PID=$!
 }
 
-# probe_stop FAULT: checks the requests made since probe_start.
+# probe_stop FAULT: checks the requests made since probe_start (main starts it before each fault).
 probe_stop() {
     local worst=99999 count=0 failed=1
     : >"$E2E_TMP/probe.stop"
@@ -55,17 +54,14 @@ probe_stop() {
 }
 
 # How many of the lab hosts' MACs the JSON lines of FILE name.
-lab_macs_in() {
-    local mac n=0
-    for mac in "${MAC_OF[@]}"; do if grep -qF "\"mac\":\"$mac\"" "$1" 2>/dev/null; then n=$((n + 1)); fi; done
-    echo "$n"
-}
+lab_macs_in() { grep -ohF -f <(printf '"mac":"%s"\n' "${LAB_MACS[@]}") "$1" 2>/dev/null | sort -u | wc -l; }
 # The daemon is up (SIGUSR2 reaches it) and the host file lists every lab host.
 listed_all() { kill -USR2 "$DAEMON_PID" && ctl list --json >"$E2E_TMP/list.json" 2>/dev/null && (($(lab_macs_in "$E2E_TMP/list.json") == 6)); }
 none_left() { poll left; (($(lab_macs_in "$E2E_TMP/left.json") == 0)); }
 no_sanitizer_report() { ! grep -qE "$SANITIZER_REPORT" "$DAEMON_LOG"; }
 
-# Sanitizer errors abort the daemon (see start_suite): a listing then fails here.
+# Sanitizer errors abort the daemon (see start_suite): a listing then fails here. Main
+# checks it after each fault.
 hosts_kept() {
     check "$1: the daemon runs and lists the six lab hosts" wait_for "$ONE_TICK" listed_all
     check "$1: none of them was reported left" none_left
@@ -77,7 +73,7 @@ start_suite() {
     # Leaks and overflows abort the daemon; UBSan's reports are found in its log.
     start_daemon_in_lab ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:halt_on_error=1 \
         UBSAN_OPTIONS=print_stacktrace=1
-    for name in "${LAB_HOSTS[@]}"; do MAC_OF[$name]="$(host_mac "$name")"; done
+    for name in "${LAB_HOSTS[@]}"; do LAB_MACS+=("$(host_mac "$name")"); done
     check_lab_hosts_arrive
 }
 
@@ -85,64 +81,41 @@ file_stamp() { stat -c %y "$HOST_FILE" 2>/dev/null; }
 stamp_changed() { kill -USR2 "$DAEMON_PID"; [[ "$(file_stamp)" != "$1" ]]; }
 
 fault_lock_held() {
-    local holder stamp
+    local stamp
     kill -USR2 "$DAEMON_PID"
     wait_for "$ONE_TICK" test -s "$HOST_FILE" || true
-    probe_start
-    python3 -c 'import fcntl, sys, time
-f = open(sys.argv[1], "rb")
-fcntl.lockf(f, fcntl.LOCK_SH)
-open(sys.argv[2], "w").close()
-time.sleep(float(sys.argv[3]))' "$HOST_FILE" "$E2E_TMP/locked" "$LOCK_HOLD_S" &
-    holder=$!
+    python3 -c 'import fcntl, sys, time; f = open(sys.argv[1], "rb"); fcntl.lockf(f, fcntl.LOCK_SH)
+open(sys.argv[2], "w").close(); time.sleep(float(sys.argv[3]))' "$HOST_FILE" "$E2E_TMP/locked" "$LOCK_HOLD_S" &
     wait_for 25 test -e "$E2E_TMP/locked" || true
     stamp="$(file_stamp)"
     kill -USR2 "$DAEMON_PID"  # a rewrite now, besides the ones the loop makes
-    wait "$holder" || true
+    wait "$!" || true # the reader
     probe_stop "lock held ${LOCK_HOLD_S} s"
     check "lock: the host file is rewritten once the reader lets go" wait_for "$ONE_TICK" stamp_changed "$stamp"
-    hosts_kept "lock"
 }
 
 # One connection per event line: most name MACs not in the table, every tenth is
-# random bytes, control characters and all. Prints how many lines went out.
-silent_clients_and_events() {
-    python3 -c 'import random, socket, sys, time
-def unix(path):
-    s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    s.connect(path)
-    return s
-held = [unix(sys.argv[1]) for _ in range(int(sys.argv[2]))]
-rng, sent, deadline = random.Random(2), 0, time.monotonic() + 90
-for i in range(int(sys.argv[4])):
-    if time.monotonic() > deadline:
-        break
-    line = (bytes(rng.randrange(256) for _ in range(rng.randrange(1, 200))) if i % 10 == 9
-            else b"wlan0: AP-STA-DISCONNECTED 0a:79:00:00:%02x:%02x" % (i >> 8 & 0xff, i & 0xff))
-    s = unix(sys.argv[3])
-    s.sendall(line + b"\n")
-    s.close()
-    sent += 1
-time.sleep(3)  # the silent clients stay a while after the flood too
-print(sent)' "$ROOT/var/run/.hostrix_msg" "$SILENT_CLIENTS" "$ROOT/var/run/.hostapd_action_sock" "$EVENT_LINES"
-}
-
+# random bytes, control characters and all.
 fault_silent_clients_and_events() {
     local sent
-    probe_start
-    sent="$(silent_clients_and_events)"
+    sent="$(python3 -c 'import random, socket, sys, time
+def unix(path):
+    s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM); s.connect(path); return s
+held = [unix(sys.argv[1]) for _ in range(int(sys.argv[2]))]
+rng, sent, deadline = random.Random(2), 0, time.monotonic() + 90
+while sent < int(sys.argv[4]) and time.monotonic() < deadline:
+    line = (bytes(rng.randrange(256) for _ in range(rng.randrange(1, 200))) if sent % 10 == 9
+            else b"wlan0: AP-STA-DISCONNECTED 0a:79:00:00:%02x:%02x" % (sent >> 8 & 0xff, sent & 0xff))
+    with unix(sys.argv[3]) as s: s.sendall(line + b"\n")
+    sent += 1
+time.sleep(3)  # the silent clients stay a while after the flood too
+print(sent)' "$ROOT/var/run/.hostrix_msg" "$SILENT_CLIENTS" "$ROOT/var/run/.hostapd_action_sock" "$EVENT_LINES")"
     probe_stop "$SILENT_CLIENTS silent control clients and $EVENT_LINES event lines"
     check "events: all $EVENT_LINES lines delivered ($sent)" test "$sent" -eq "$EVENT_LINES"
-    hosts_kept "silent clients and events"
 }
 
 status_kb() { awk -v k="$1:" '$1 == k { print $2 }' "/proc/$DAEMON_PID/status"; }
-sniffer_tid() {
-    local task
-    for task in /proc/"$DAEMON_PID"/task/*; do
-        if [[ "$(cat "$task/comm" 2>/dev/null)" == Sniffer ]]; then basename "$task"; fi
-    done
-}
+sniffer_tid() { grep -lx Sniffer /proc/"$DAEMON_PID"/task/*/comm 2>/dev/null | awk -F/ '{ print $5 }' || true; }
 # utime + stime of the thread, in clock ticks.
 thread_ticks() { awk '{ print $14 + $15 }' "/proc/$DAEMON_PID/task/$1/stat"; }
 now_ms() { date +%s%3N; }
@@ -156,12 +129,10 @@ fault_arp_flood() {
     local tid q0 tq0 tq1 rss0 hwm0 rss1 hwm1 c4 c5 t0 t1 t4 t5 last drift net
     tid="$(sniffer_tid)"
     check "flood: the Sniffer thread is found" test -n "$tid"
-    [[ -n "$tid" ]] || return 0
+    [[ -n "$tid" ]] || { probe_stop "ARP flood"; return 0; }
     q0="$(status_kb VmRSS)" tq0="$(now_ms)"
     sleep 8 # a quiet window about as long as the flood and the 5 s after it
-    rss0="$(status_kb VmRSS)" hwm0="$(status_kb VmHWM)" tq1="$(now_ms)"
-    probe_start
-    t0="$(now_ms)"
+    rss0="$(status_kb VmRSS)" hwm0="$(status_kb VmHWM)" tq1="$(now_ms)" t0="$(now_ms)"
     traffic h1 arp-replies eth0 "$FLOOD_FRAMES" "$FLOOD_RATE" random
     t1="$(now_ms)"
     sleep 4
@@ -176,19 +147,14 @@ fault_arp_flood() {
     info "ARP flood: $FLOOD_FRAMES frames in $((t1 - t0)) ms; VmRSS ${q0} -> ${rss0} kB quiet, -> ${rss1} kB after (${drift} kB drift expected), VmHWM ${hwm0} -> ${hwm1} kB"
     check "flood: RSS grew by less than 1 MiB beyond the quiet drift (${net} kB)" test "$net" -lt 1024
     check "flood: the Sniffer is idle again within 5 s (${last}% < ${IDLE_CPU_MAX_PCT}%)" test "$last" -lt "$IDLE_CPU_MAX_PCT"
-    hosts_kept "flood"
 }
 
-dnsmasq_start() {
-    in_ns "$GW_NS" env HOSTRIX_ROOT="$ROOT" dnsmasq --conf-file="$LAB_DIR/dnsmasq.conf" \
-        </dev/null >>"$LAB_DIR/dnsmasq.out" 2>&1
-}
+dnsmasq_start() { in_ns "$GW_NS" env HOSTRIX_ROOT="$ROOT" dnsmasq --conf-file="$LAB_DIR/dnsmasq.conf" </dev/null >>"$LAB_DIR/dnsmasq.out" 2>&1; }
 dnsmasq_runs() { local pid; pid="$(dnsmasq_pid)" && [[ -n "$pid" ]] && kill -0 "$pid" 2>/dev/null; }
 
 fault_dnsmasq_restart() {
     local old
     old="$(dnsmasq_pid)"
-    probe_start
     kill -TERM "$old"
     wait_for 25 all_dead "$old" || true
     rm -f "$LAB_DIR/dnsmasq.leases"
@@ -196,7 +162,6 @@ fault_dnsmasq_restart() {
     check "dnsmasq: started again" eval 'dnsmasq_start && wait_for 25 dnsmasq_runs'
     sleep 4
     probe_stop "dnsmasq restart"
-    hosts_kept "dnsmasq restart"
 }
 
 port_delete() { ip -n "$GW_NS" link del "$(kif "$1")"; }
@@ -213,7 +178,6 @@ port_recreate() {
 has_port() { br0_ports | grep -qx "$1"; }
 
 fault_ports_recreated() {
-    probe_start
     check "ports: eth0.5 and nas0_0 deleted" eval 'port_delete eth0.5 && port_delete nas0_0'
     sleep 4 # a tick without them
     check "ports: both made again" eval 'port_recreate eth0.5 4 && port_recreate nas0_0 8 &&
@@ -222,36 +186,30 @@ fault_ports_recreated() {
     check "ports: add-host h7 on the new eth0.5" lab_run add-host h7 eth0.5 --static 10.77.0.60
     gw_ping 10.77.0.60
     check "ports: h7 is reported" wait_for "$TICKS_2" reported new "$(host_mac h7)"
-    hosts_kept "ports"
 }
 
 fault_garbage_config() {
     local mib="$ROOT/etc/hostrix/mib.conf"
     cp -- "$mib" "$E2E_TMP/mib.conf"
-    python3 -c 'import random, sys
-open(sys.argv[1], "wb").write(random.Random(6).randbytes(1 << 20))' "$mib"
-    probe_start
+    python3 -c 'import random, sys; open(sys.argv[1], "wb").write(random.Random(6).randbytes(1 << 20))' "$mib"
     kill -USR1 "$DAEMON_PID"
     sleep 4
     probe_stop "1 MiB of random mib.conf"
     cp -- "$E2E_TMP/mib.conf" "$mib"
     kill -USR1 "$DAEMON_PID"
-    hosts_kept "garbage mib.conf, then restored"
 }
 
 fault_table_churn() {
     local i n most=0
-    probe_start
     for i in {0..23}; do
         if ((i % 8 == 0)); then traffic h1 arp-hosts eth0 "$CHURN_HOSTS"; fi
         n="$(ctl get hosts 2>/dev/null | tr -dc '0-9')" # unanswered: the probe reports it
-        if ((${n:-0} > most)); then most=$n; fi
+        most=$((${n:-0} > most ? n : most))
         sleep 0.5
     done
     probe_stop "$CHURN_HOSTS made-up hosts"
     check "churn: the table filled up and never held more than $TABLE_LIMIT (at most $most)" \
         test "$most" -ge $((TABLE_LIMIT - 10)) -a "$most" -le "$TABLE_LIMIT"
-    hosts_kept "churn"
 }
 
 finish_suite() {
@@ -269,10 +227,12 @@ main() {
     [[ -x "$ASAN_BIN" ]] || skip "no ASan+UBSan daemon at $ASAN_BIN (make asan builds it, or set HOSTRIX_ASAN_BIN)"
     HOSTRIX_BIN="$ASAN_BIN"
     daemon_test_setup
-    local step
-    for step in start_suite fault_lock_held fault_silent_clients_and_events fault_arp_flood \
-        fault_dnsmasq_restart fault_ports_recreated fault_garbage_config fault_table_churn; do
-        timed "$step"
+    local fault
+    timed start_suite
+    for fault in lock_held silent_clients_and_events arp_flood dnsmasq_restart ports_recreated garbage_config table_churn; do
+        probe_start
+        timed "fault_$fault"
+        hosts_kept "${fault//_/ }"
     done
     finish_suite
     finish

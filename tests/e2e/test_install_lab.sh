@@ -24,8 +24,7 @@ check_installed() {
         [[ -e "$DEST$PREFIX/$file" ]] || missing+=" $file"
     done
     [[ -f "$DEST/etc/hostrix/mib.conf" && -f "$DEST/etc/hostrix/agent.conf" ]] || missing+=" etc/hostrix"
-    [[ -z "$missing" ]] || printf '    missing:%s\n' "$missing"
-    [[ -z "$missing" ]]
+    [[ -z "$missing" ]] || ! echo "    missing:$missing"
 }
 
 # systemd-analyze checks the units' syntax, dependencies, man pages and that each
@@ -34,8 +33,7 @@ units_verify() {
     local unit
     mkdir -p "$E2E_TMP/units"
     for unit in hostrix hostrix-agent; do
-        sed "s|^ExecStart=|ExecStart=$DEST|" "$DEST$PREFIX/lib/systemd/system/$unit.service" \
-            >"$E2E_TMP/units/$unit.service"
+        sed "s|^ExecStart=|ExecStart=$DEST|" "$DEST$PREFIX/lib/systemd/system/$unit.service" >"$E2E_TMP/units/$unit.service"
     done
     MANPATH="$DEST$PREFIX/share/man" systemd-analyze verify "$E2E_TMP"/units/*.service
 }
@@ -50,16 +48,13 @@ example_settings_read() {
 }
 
 agent_found_its_files() {
+    local found=1
     cp "$DEST/etc/hostrix/agent.conf" "$ROOT/etc/hostrix/agent.conf"
-    setsid ip netns exec "$GW_NS" env HOSTRIX_ROOT="$ROOT" "$DEST$PREFIX/sbin/hostrix-agent" \
-        </dev/null >"$E2E_TMP/agent.log" 2>&1 &
-    local pid=$! found=1
-    wait_for 50 grep -qF "prefixes from $DEST$PREFIX/sbin/../share/hostrix/hostrix-oui.bin" \
-        "$E2E_TMP/agent.log" && ! grep -F "agent.conf" "$E2E_TMP/agent.log" | grep -vF "group" || found=0
-    kill -TERM "$pid" 2>/dev/null || true
-    wait "$pid" 2>/dev/null || true
-    ((found)) || sed 's/^/    /' "$E2E_TMP/agent.log" >&2
-    ((found))
+    agent_start
+    wait_for 50 agent_logged "prefixes from $DEST$PREFIX/sbin/../share/hostrix/hostrix-oui.bin" &&
+        ! grep -F "agent.conf" "$AGENT_LOG" | grep -vF "group" || found=0
+    stop_pid "$AGENT_PID" || true
+    ((found)) || ! sed 's/^/    /' "$AGENT_LOG" >&2
 }
 
 uninstall_leaves_nothing() {
@@ -75,12 +70,9 @@ main() {
     check "programs, vendor file, man pages, units and settings are installed" check_installed
     check "the OpenWrt package lints against what was installed" \
         python3 "$REPO_DIR/packaging/openwrt/lint.py" "$DEST" "$PREFIX"
-    if command -v systemd-analyze >/dev/null; then
-        check "systemd-analyze verify accepts both units" units_verify
-    else
-        printf 'skip - no systemd-analyze here: the units are not verified\n'
-    fi
-    HOSTRIX_BIN="$DEST$PREFIX/sbin/hostrix" HOSTRIXCTL_BIN="$DEST$PREFIX/bin/hostrixctl"
+    if command -v systemd-analyze >/dev/null; then check "systemd-analyze verify accepts both units" units_verify
+    else echo 'skip - no systemd-analyze here: the units are not verified'; fi
+    HOSTRIX_BIN="$DEST$PREFIX/sbin/hostrix" HOSTRIXCTL_BIN="$DEST$PREFIX/bin/hostrixctl" AGENT_BIN="$DEST$PREFIX/sbin/hostrix-agent"
     start_daemon_in_lab
     cp "$MIB" "$E2E_TMP/lab-mib.conf"
     check "the installed daemon and client report the lab's hosts" wait_for 150 lab_hosts_reported

@@ -22,27 +22,18 @@ dhcp_host_ok() {
 }
 has_v6() { [[ "$(host_v6 "$1")" == fd77::*/64 ]]; }
 ports_are_all_eight() { [[ "$(br0_ports)" == "$(printf '%s\n' "${PORTS[@]}" | sort)" ]]; }
-mib_count() { grep -cxF "$1" "$MIB" || true; }
-mib_has() { [[ "$(mib_count "$1")" -eq 1 ]]; }
+mib_has() { [[ "$(grep -cxF "$1" "$MIB")" -eq 1 ]]; }
 stations_as_placed() {
     station_listed "$(host_mac h3)" wlan0 && station_listed "$(host_mac h4)" wlan0-vap0 &&
         station_listed "$(host_mac h6)" wlan1 && ! station_listed "$(host_mac h1)" wlan0
 }
 # One ifname. line per renamed interface: eight on OpenWrt, none by default.
-ifname_lines_fit_profile() {
-    local want=0
-    if [[ "$LAB_PROFILE" == openwrt ]]; then want=8; fi
-    [[ "$(grep -c '^ifname\.' "$MIB")" -eq "$want" ]]
-}
+ifname_lines_fit_profile() { [[ "$(grep -c '^ifname\.' "$MIB")" -eq "$([[ "$LAB_PROFILE" == openwrt ]] && echo 8 || echo 0)" ]]; }
 lab_fails() { ! lab_run "$@" 2>/dev/null; }
 up_fails_at() { ! HOSTRIX_LAB_FAIL_AT="$1" lab_run up 2>/dev/null; }
 one_line_error() { [[ "$(wc -l <"$E2E_TMP/lab.out")" -eq 1 ]] && grep -q '^lab: error: ' "$E2E_TMP/lab.out"; }
 ns_absent() { ! ip netns list | grep -q "^$1\b"; }
 cut_off() { ! in_ns "hx-$1" busybox ping -c 1 -W 1 10.77.0.1 >/dev/null 2>&1; }
-lab_pids_now() {
-    local ns
-    for ns in $(lab_namespaces); do ip netns pids "$ns"; done
-}
 
 check_built_lab() {
     local h before
@@ -84,8 +75,8 @@ check_unplug_replug_roam() {
 }
 
 check_down() {
-    local -a pids
-    mapfile -t pids < <(lab_pids_now)
+    local ns pids
+    mapfile -t pids < <(for ns in $(lab_namespaces); do ip netns pids "$ns"; done)
     check "lab processes were seen while up (dnsmasq + 4 udhcpc)" test "${#pids[@]}" -ge 5
     check "down succeeds" lab_run down
     check_nothing_left "down" "${pids[@]}"
@@ -102,18 +93,15 @@ check_failed_up() {
 hostrix_processes() {
     local pid bin_dir
     bin_dir="$(dirname "$(realpath "$HOSTRIX_BIN")")"
-    for pid in $(pgrep -x hostrix; pgrep -x hostrixctl; pgrep -x hostrix-agent); do
-        if [[ "$(readlink "/proc/$pid/exe" 2>/dev/null)" == "$bin_dir"/* ]]; then printf '%s\n' "$pid"; fi
+    for pid in $(pgrep -x 'hostrix|hostrixctl|hostrix-agent'); do
+        if [[ "$(readlink "/proc/$pid/exe" 2>/dev/null)" == "$bin_dir"/* ]]; then echo "$pid"; fi
     done
 }
 demo_shows() { grep -qE -- "$1" "$E2E_TMP/demo.out"; }
 
 check_demo() {
     local failed_before="$FAILURES"
-    if [[ ! -x "$HOSTRIX_BIN" || ! -x "$HOSTRIXCTL_BIN" ]]; then
-        printf 'skip - demo: no daemon or client built\n'
-        return 0
-    fi
+    [[ -x "$HOSTRIX_BIN" && -x "$HOSTRIXCTL_BIN" ]] || { echo 'skip - demo: no daemon or client built'; return 0; }
     check "demo runs for 8 s and exits 0" sh -c "'$REPO_DIR/lab/demo.sh' 8 >'$E2E_TMP/demo.out' 2>&1"
     check "demo shows h1 arriving with address, name, port" demo_shows "NEW +0a:77:00:00:00:01 10\.77\.0\.[0-9]+ hx-h1 eth0\.2 LAN1"
     check "and h3 with its SSID" demo_shows "NEW +0a:77:00:00:00:03 .* wlan0 SSID1 ssid=hx-home"

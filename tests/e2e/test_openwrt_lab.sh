@@ -18,47 +18,37 @@ FOREIGN_MAC="a4:83:e7:12:34:56"
 LOG_MARK=0
 
 # Drops what was collected so far: later checks see only reports made after this.
-forget_reports() {
-    poll new; poll left; poll changed
-    rm -f "$E2E_TMP/new.json" "$E2E_TMP/left.json" "$E2E_TMP/changed.json"
-}
-any_report() { poll new; poll left; poll changed; cat "$E2E_TMP"/{new,left,changed}.json 2>/dev/null | grep -q '"mac"'; }
+poll_all() { poll new; poll left; poll changed; }
+forget_reports() { poll_all; rm -f "$E2E_TMP"/{new,left,changed}.json; }
+any_report() { poll_all; cat "$E2E_TMP"/{new,left,changed}.json 2>/dev/null | grep -q '"mac"'; }
 nothing_for() { ! wait_for "$1" "${@:2}"; }
 # Drains reports until a window of TRIES polls brings none (at most five windows).
 settled() {
     local windows=5
-    while ((windows-- > 0)); do
-        forget_reports
-        if nothing_for "$1" any_report; then return 0; fi
-    done
+    while ((windows-- > 0)); do forget_reports && nothing_for "$1" any_report && return 0; done
     return 1
 }
 logged_since_start() { tail -c "+$((LOG_MARK + 1))" "$DAEMON_LOG" 2>/dev/null | grep -qF -- "$1"; }
 
 # restart_daemon WHAT [NAME=VALUE...]: a fresh daemon with these in its environment.
 restart_daemon() {
-    local what="$1"
-    shift
     daemon_stop || true
     forget_reports
     LOG_MARK="$(stat -c %s "$DAEMON_LOG" 2>/dev/null || echo 0)"
-    daemon_start_env HOSTRIX_ROOT="$ROOT" "$@"
-    check "the daemon answers ($what)" wait_for 50 socket_up
+    daemon_start_env HOSTRIX_ROOT="$ROOT" "${@:2}"
+    check "the daemon answers ($1)" wait_for 50 socket_up
 }
 
 # --- a wall-clock step under libfaketime; the monotonic clock runs on ---
 
 step_clock() { printf '%s\n' "$1" >"$E2E_TMP/faketime"; }
 # The date as the daemon writes it into latestActiveTime ("Y:M:D:"), DAYS from today.
-stamped_on() { [[ "$(field_in "$E2E_TMP/new.json" "$1" latestActiveTime)" == "$(date -d "$2 days" '+%Y:%-m:%-d:')"* ]]; }
+stamped_on() { [[ "$(record_check "$E2E_TMP/new.json" "$1" latestActiveTime)" == "$(date -d "$2 days" '+%Y:%-m:%-d:')"* ]]; }
 
 check_clock_steps() {
     local lib
     for lib in /usr/lib/*/faketime/libfaketime.so.1 /usr/lib/faketime/libfaketime.so.1 ""; do [[ -r "$lib" ]] && break; done
-    if [[ -z "$lib" ]]; then
-        printf 'skip - wall-clock steps: libfaketime is not installed (make check installs faketime)\n'
-        return 0
-    fi
+    [[ -n "$lib" ]] || { echo 'skip - wall-clock steps: libfaketime is not installed (make check installs faketime)'; return 0; }
     step_clock "+0"
     restart_daemon "libfaketime, wall clock +0" LD_PRELOAD="$lib" FAKETIME_TIMESTAMP_FILE="$E2E_TMP/faketime" \
         FAKETIME_NO_CACHE=1 FAKETIME_DONT_FAKE_MONOTONIC=1
@@ -89,7 +79,7 @@ has_lease() { [[ -n "$(lease_ip_of "$1")" ]]; }
 # The bridge keeps the device's entry for minutes; it must not bring the host back.
 check_release() {
     local name="$1" quiet="$2" mac
-    mac="$(host_mac "$name")"
+    mac="$(host_mac "$1")"
     check "$name holds a lease" has_lease "$mac"
     # No IPv6: no router solicitation or neighbour traffic after the release.
     in_ns "hx-$name" sysctl -qw net.ipv6.conf.eth0.disable_ipv6=1
@@ -114,8 +104,8 @@ check_foreign_mac() {
     check "h8 is reported" wait_for "$TICKS_2" reported new "$FOREIGN_MAC"
     check "set name $FOREIGN_MAC hall-tv; get name reads it" \
         eval 'ctl set name "$FOREIGN_MAC" hall-tv && wait_for 10 name_reads "$FOREIGN_MAC" hall-tv'
-    check "set access $FOREIGN_MAC 0 1 (block)" ctl set access "$FOREIGN_MAC" 0 1
-    check "left reports the blocked host" wait_for "$ONE_TICK" reported left "$FOREIGN_MAC"
+    check "set access $FOREIGN_MAC 0 1 (block): left reports it" \
+        eval 'ctl set access "$FOREIGN_MAC" 0 1 && wait_for "$ONE_TICK" reported left "$FOREIGN_MAC"'
 }
 
 check_empty_path() {

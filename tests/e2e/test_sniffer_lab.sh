@@ -12,10 +12,9 @@ source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 # Debug bit 0x400: sniffer log level 7, so every frame that passes the filter is logged.
 # Interval 0: counters are sampled only on SIGUSR2, when the test asks.
 export LAB_MIB_OVERRIDES='480=0x402;475=0'
-TRAP=""
-
 make_trap() {
     local tool
+    TRAP="$E2E_TMP/trap"
     mkdir -p "$TRAP"
     for tool in ip arp bridge iwpriv nft cat grep awk sed tail ls sh bash; do
         printf '#!/bin/sh\necho "%s $*" >>%s/started\nexit 1\n' "$tool" "$TRAP" >"$TRAP/$tool"
@@ -42,9 +41,8 @@ sniffer_dump() {
     local before
     before="$(log_lines '====> [Sniffer Information] <====')"
     kill -HUP "$DAEMON_PID"
-    wait_for 25 test "$(log_lines '====> [Sniffer Information] <====')" -gt "$before" || return 1
-    wait_for 25 last_dump_block >/dev/null || return 1
-    last_dump_block
+    wait_for 25 eval '(($(log_lines "====> [Sniffer Information] <====") > before))' || return 1
+    wait_for 25 last_dump_block >/dev/null && last_dump_block
 }
 # Both fail when no whole dump came out.
 dump_has() { local block; block="$(sniffer_dump)" && grep -qE -- "$1" <<<"$block"; }
@@ -57,28 +55,24 @@ check_startup_interfaces() {
 }
 
 check_sniffer_learnt_host() {
-    local mac joiner
+    local mac
     check "add-host h7 on eth0.3 with static 10.77.0.70" lab_run add-host h7 eth0.3 --static 10.77.0.70
     mac="$(host_mac h7)"
     traffic h7 igmp-join 239.77.0.7 4 &
-    joiner=$!
     check "h7 is reported" wait_for "$TICKS_2" reported new "$mac"
     check "at 10.77.0.70, learnt by the sniffer (ipSource 3)" \
         wait_for 30 listed_with "$mac" ip=10.77.0.70 ipSource=3
     check "the gateway never resolved it by ARP" test -z "$(ip -n "$GW_NS" -4 neigh show 10.77.0.70 | grep -v FAILED)"
-    wait "$joiner" || true
+    wait "$!" || true
 }
 
 check_runtime_ports() {
-    ip -n "$GW_NS" link add nas0_7 type veth peer name nas0_7p
-    ip -n "$GW_NS" link add eth0.9 type veth peer name eth0.9p
-    ip -n "$GW_NS" link set nas0_7 master br0 up
-    ip -n "$GW_NS" link set eth0.9 master br0 up
+    local port
+    for port in nas0_7 eth0.9; do ip -n "$GW_NS" link add "$port" master br0 up type veth peer name "${port}p"; done
     check "nas0_7 joining br0 is monitored with master br0" \
         wait_for 20 dump_has '^    IF nas0_7\([0-9]+\) SOCK [0-9]+ MASTER br0$'
     check "eth0.9 joining br0 is not" dump_lacks '^    IF eth0\.9\('
-    ip -n "$GW_NS" link del nas0_7
-    ip -n "$GW_NS" link del eth0.9
+    for port in nas0_7 eth0.9; do ip -n "$GW_NS" link del "$port"; done
     check "nas0_7 removed disappears from the dump" wait_for 20 dump_lacks '^    IF nas0_7\('
 }
 
@@ -98,8 +92,7 @@ cached_ip_is() { [[ "$(cache_line_of "$1" | awk '{ print $4 }')" == "$2" ]]; }
 # h2's DHCP client releases its lease.
 check_dhcp_release() {
     local mac ip
-    mac="$(host_mac h2)"
-    ip="$(lease_ip_of "$mac")"
+    mac="$(host_mac h2)" && ip="$(lease_ip_of "$mac")"
     ip -n "$GW_NS" neigh flush to "$ip" 2>/dev/null || true
     gw_ping "$ip"
     check "h2's ARP reply puts $ip in the cache" wait_for 25 cached_ip_is "${mac^^}" "$ip"
@@ -110,25 +103,21 @@ check_dhcp_release() {
 within_20_percent() { python3 -c 'import sys; a, e = map(float, sys.argv[1:]); ok = abs(a - e) <= 0.2 * e; ok or print("    got %g" % a); sys.exit(not ok)' "$1" "$2"; }
 
 check_traffic() {
-    local tx_mac rx_mac bytes=$((20 * 1024 * 1024)) rate=2000000 tx0 rx0 sink sender
-    tx_mac="$(host_mac h1)"
-    rx_mac="$(host_mac h5)"
+    local tx_mac rx_mac bytes=$((20 * 1024 * 1024)) rate=2000000 tx0 rx0 sink
+    tx_mac="$(host_mac h1)" rx_mac="$(host_mac h5)"
     refresh
-    tx0="$(listed_field "$tx_mac" txBytes)"
-    rx0="$(listed_field "$rx_mac" rxBytes)"
+    tx0="$(listed_field "$tx_mac" txBytes)" rx0="$(listed_field "$rx_mac" rxBytes)"
     traffic h5 tcp-sink 5001 >/dev/null &
     sink=$!
     sleep 0.5
     traffic h1 tcp-send 10.77.0.50 5001 "$bytes" "$rate" &
-    sender=$!
     sleep 3
     refresh  # sample A, mid-transfer
     sleep 4
     refresh  # sample B: rates over the 4 s between
     check "h1's upRate is within 20% of $((rate / 128)) (1024 bit/s units)" within_20_percent "$(listed_field "$tx_mac" upRate)" $((rate / 128))
     check "h5's downRate is within 20% of $((rate / 128))" within_20_percent "$(listed_field "$rx_mac" downRate)" $((rate / 128))
-    wait "$sender" || true
-    wait "$sink" || true
+    wait "$!" "$sink" || true
     refresh
     check "h1's txBytes grew by about 20 MiB" within_20_percent $(($(listed_field "$tx_mac" txBytes) - tx0)) "$bytes"
     check "h5's rxBytes grew by about 20 MiB" within_20_percent $(($(listed_field "$rx_mac" rxBytes) - rx0)) "$bytes"
@@ -148,8 +137,7 @@ check_shutdown() {
 
 main() {
     daemon_test_setup
-    command -v nft >/dev/null 2>&1 || skip "'nft' is not installed (make check installs it)"
-    TRAP="$E2E_TMP/trap"
+    require_tools nft
     make_trap
     start_daemon_in_lab PATH="$TRAP"
     check_lab_hosts_arrive

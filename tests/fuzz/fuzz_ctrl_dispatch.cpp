@@ -21,9 +21,7 @@ struct TableSnapshot {
     hostEntry *heads[kHashChainCount];
     hostEntry *free;
     uint32_t hostNum, maxHostNum, maxControlled, controlled;
-};
-
-TableSnapshot saved;
+} saved;
 
 void addFuzzHost(unsigned i) {
     hostEntry *entry = getFreeFromFreeList();
@@ -43,26 +41,15 @@ void addFuzzHost(unsigned i) {
     if (i % 5 == 1) _disConnLanHost(entry, "fuzz", __LINE__);
 }
 
-void save() {
-    std::memcpy(saved.pool, hostPool, sizeof hostPool);
-    std::memcpy(saved.heads, hashHeads, sizeof hashHeads);
-    saved.free = freeList;
-    saved.hostNum = lanHostNum;
-    saved.maxHostNum = maxLanHostNum;
-    saved.maxControlled = maxControlledNum;
-    saved.controlled = controlledNum;
-}
-
-// The pool is static, so the saved chain pointers are valid again once copied back.
-void restore() {
-    std::memcpy(hostPool, saved.pool, sizeof hostPool);
-    std::memcpy(hashHeads, saved.heads, sizeof hashHeads);
-    freeList = saved.free;
-    lanHostNum = saved.hostNum;
-    maxLanHostNum = saved.maxHostNum;
-    maxControlledNum = saved.maxControlled;
-    controlledNum = saved.controlled;
-    fake::state().commands.clear();
+// Takes the snapshot (TO_SAVED) or puts it back. The pool is static, so the saved chain
+// pointers are valid again once copied back.
+void copyTable(bool toSaved) {
+    const auto copy = [toSaved](auto &live, auto &kept) {
+        std::memcpy(toSaved ? &kept : &live, toSaved ? &live : &kept, sizeof live);
+    };
+    copy(hostPool, saved.pool), copy(hashHeads, saved.heads), copy(freeList, saved.free);
+    copy(lanHostNum, saved.hostNum), copy(maxLanHostNum, saved.maxHostNum);
+    copy(maxControlledNum, saved.maxControlled), copy(controlledNum, saved.controlled);
 }
 
 void setUpOnce() {
@@ -73,15 +60,15 @@ void setUpOnce() {
     initHostrixData();
     setMaxLanHostNum(kHostPoolSize);
     for (unsigned i = 0; i < kHostCount; ++i) addFuzzHost(i);
-    save();
+    copyTable(true);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static bool ready = (setUpOnce(), true);
-    (void)ready;
-    restore();
+    [[maybe_unused]] static bool ready = (setUpOnce(), true);
+    copyTable(false);
+    fake::state().commands.clear();
     ctrlMsg_t msg{};
     std::memcpy(&msg, data, size < sizeof msg ? size : sizeof msg);
     dispatchCtrlMsg(msg);

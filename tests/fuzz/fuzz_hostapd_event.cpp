@@ -34,8 +34,7 @@ void setUpTable() {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static bool ready = (setUpTable(), true);
-    (void)ready;
+    [[maybe_unused]] static bool ready = (setUpTable(), true);
     // Online again for every input, and the fake's command record kept short.
     for (const uint8_t *mac : kStations) getHostrixByMac(mac)->valid = 1;
     fake::state().commands.clear();

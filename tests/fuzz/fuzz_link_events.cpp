@@ -3,8 +3,7 @@
 // nas0_0 as its port, so that joins and leaves get past the master checks; elsewhere
 // every join stops at the master check. An exact copy catches reads past the end.
 #include <cstdint>
-#include <cstring>
-#include <memory>
+#include <vector>
 
 #include "platform/fake/fake_platform.h"
 #include "sniffer/link_events.h"
@@ -25,11 +24,9 @@ void setUp() {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static bool ready = (setUp(), true);
-    (void)ready;
+    [[maybe_unused]] static bool ready = (setUp(), true);
     if (!find_monitor_intf(kMaster)) add_monitor_intf(kMaster, nullptr);  // a leave removes it
-    std::unique_ptr<uint8_t[]> bytes(new uint8_t[size]);
-    if (size) std::memcpy(bytes.get(), data, size);
-    process_nl_messages({bytes.get(), size});
+    std::vector<uint8_t> bytes(data, data + size);
+    process_nl_messages({bytes.data(), size});
     return 0;
 }

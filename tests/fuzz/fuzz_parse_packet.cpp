@@ -2,8 +2,7 @@
 // copy, so that a read past the frame's end is caught. The neighbour cache is flushed
 // now and then so that it stays as small as a real LAN's.
 #include <cstdint>
-#include <cstring>
-#include <memory>
+#include <vector>
 
 #include "platform/fake/fake_platform.h"
 #include "sniffer/neighbor_cache.h"
@@ -22,12 +21,10 @@ void setUp() {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    static bool ready = (setUp(), true);
+    [[maybe_unused]] static bool ready = (setUp(), true);
     static unsigned runs = 0;
-    (void)ready;
-    std::unique_ptr<uint8_t[]> frame(new uint8_t[size]);
-    if (size) std::memcpy(frame.get(), data, size);
-    parse_packet(frame.get(), size);
+    std::vector<uint8_t> frame(data, data + size);
+    parse_packet(frame.data(), size);
     if (++runs % kRunsPerFlush == 0) aging_neighbor_host(1);
     return 0;
 }

@@ -4,23 +4,18 @@
 # the executions of each. With KEEP=1 the inputs that found new coverage are merged
 # into the seed corpus, as long as it stays under KEEP_MAX_KB.
 set -euo pipefail
-build_dir=${1:?usage: run.sh BUILD_DIR SECONDS [RUNS] [KEEP]}
-seconds=${2:?usage: run.sh BUILD_DIR SECONDS [RUNS] [KEEP]}
-runs=${3:-0}
-keep=${4:-0}
-keep_max_kb=${KEEP_MAX_KB:-256}
-here=$(cd "$(dirname "$0")" && pwd)
-status=0
+usage="usage: run.sh BUILD_DIR SECONDS [RUNS] [KEEP]"
+build_dir=${1:?$usage} seconds=${2:?$usage} runs=${3:-0} keep=${4:-0} keep_max_kb=${KEEP_MAX_KB:-256}
+here=$(cd "$(dirname "$0")" && pwd) status=0
 
 # Adds to SEEDS the inputs of FOUND that reach coverage SEEDS does not.
 keep_new_coverage() {
-  local target=$1 seeds=$2 found=$3 size
+  local target=$1 seeds=$2 found=$3 size before after
   size=$(du -s --apparent-size -k "$seeds" | cut -f1)
   if ((size >= keep_max_kb)); then
     echo "fuzz: $(basename "$seeds") corpus is ${size} KiB already; nothing added"
     return 0
   fi
-  local before after
   before=$(find "$seeds" -type f | wc -l)
   "$target" -merge=1 -close_fd_mask=1 "$seeds" "$found" >/dev/null 2>&1 || true
   after=$(find "$seeds" -type f | wc -l)
@@ -29,11 +24,9 @@ keep_new_coverage() {
 
 for target in "$build_dir"/bin/fuzz_*; do
   [ -x "$target" ] || continue
-  name=$(basename "$target" | sed 's/^fuzz_//')
-  work=$(mktemp -d)
-  mkdir -p "$work/found"
-  seeds="$here/corpus/$name"
-  [ -d "$seeds" ] || seeds=""
+  name=$(basename "$target") && name=${name#fuzz_}
+  work=$(mktemp -d) && mkdir -p "$work/found"
+  seeds="$here/corpus/$name" && { [ -d "$seeds" ] || seeds=""; }
   bound="-max_total_time=$seconds" limit="${seconds}s"
   if ((runs > 0)); then bound="$bound -runs=$runs" limit="$limit or $runs runs"; fi
   echo "fuzz: $name for at most $limit"
