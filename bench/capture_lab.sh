@@ -73,9 +73,9 @@ measure_delivery() {
 
 main() {
     lab_test_setup
-    require_daemon_bin
+    [[ -x "$HOSTRIX_BIN" ]] || skip "no daemon binary at $HOSTRIX_BIN (make bench builds it)"
     lab_run up || { echo "lab up failed" >&2; exit 1; }
-    daemon_start
+    daemon_start_env HOSTRIX_ROOT="$ROOT"
     wait_for 50 sniffer_tid >/dev/null || { echo "no Sniffer thread in the daemon" >&2; exit 1; }
     sleep 2
     local rate

@@ -29,7 +29,7 @@ bench_start() {
     # The shipping debug flags (none): the lab's own turn on per-host log lines.
     LAB_MIB_OVERRIDES='480=0' lab_run up >/dev/null || { echo "scale: the lab did not come up" >&2; exit 1; }
     if (($# > 0)); then lab_run "$@" || { echo "scale: lab/lab $* failed" >&2; exit 1; }; fi
-    daemon_start
+    daemon_start_env HOSTRIX_ROOT="$ROOT"
     wait_for 50 socket_up || { echo "scale: the daemon did not answer" >&2; exit 1; }
 }
 
@@ -93,7 +93,7 @@ run_churn() {
 
 main() {
     lab_test_setup
-    require_daemon_bin
+    [[ -x "$HOSTRIX_BIN" ]] || skip "no daemon binary at $HOSTRIX_BIN (make bench builds it)"
     if [[ "${1:-}" == churn ]]; then
         run_churn "${2:-600}"
         return
