@@ -1,6 +1,10 @@
 // The linux configuration store: the pure parser first, then the store over a file in
 // a temporary HOSTRIX_ROOT (loading, reporting, the records it lays out).
 #include "linux_test_support.h"
+#include "platform/os.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -57,9 +61,10 @@ TEST(ParseMibConfig, MalformedLineSkippedAlone) {
 
 class MibStore : public HostrixRootTest {};
 
-// Malformed lines are reported once per load, as is a value too wide for one byte.
+// Malformed lines are reported once per load, as are a value too wide for one byte and
+// an unknown socket group; a rewrite within the same second is still seen.
 TEST_F(MibStore, WidthsAndReportsWithPathAndLine) {
-    writeConfig("474 = 7\n475 = 300\n\n480x = 2\n476 = 255\n");
+    writeConfig("474 = 7\n475 = 300\n\n480x = 2\n476 = 255\nsocket_group = nosuchgroup\n");
     StderrCapture capture;
     // A one-byte setting fills the first byte (the low one only on a little-endian box).
     constexpr uint32_t kUntouched = 0xaaaaaaaa;
@@ -77,12 +82,20 @@ TEST_F(MibStore, WidthsAndReportsWithPathAndLine) {
         EXPECT_EQ(mib_get_s(id, &buffer, width), result) << id << " width " << width;
         EXPECT_EQ(buffer, written) << id << " width " << width;
     }
+    EXPECT_EQ(os_socket_group(), -1);
     writeConfig("475 = 3000\n");
     uint8_t byte = 0;
     EXPECT_EQ(mib_get_s(475, &byte, 1), 0);
+    for (const uint8_t value : {3, 4}) {  // same size and second: only nanoseconds differ
+        writeConfig("475 = " + std::to_string(value) + "\n");
+        const timespec times[2] = {{0, UTIME_OMIT}, {1'700'000'000, value}};
+        ASSERT_EQ(utimensat(AT_FDCWD, configPath().c_str(), times, 0), 0);
+        EXPECT_EQ(std::pair(mib_get_s(475, &byte, 1), byte), std::pair(1, value));
+    }
     const std::string at = "hostrix: " + configPath();
     EXPECT_EQ(capture.text(), at + ":4: bad setting id \"480x\" (line skipped)\n" + at +
                                   ": setting 475 = 300 does not fit in 1 byte (not used)\n" + at +
+                                  ":6: unknown group \"nosuchgroup\" (sockets stay 0600)\n" + at +
                                   ": setting 475 = 3000 does not fit in 1 byte (not used)\n");
 }
 
