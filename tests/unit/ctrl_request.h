@@ -1,11 +1,13 @@
 // Control requests for the command tests.
 #pragma once
 
-#include <algorithm>
-#include <cstring>
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include <string_view>
 
 #include "control/ctrl_commands.h"
+#include "core/unique_fd.h"
 #include "fixture.h"
 
 // A first octet of 0x00 always passes the text check on data.
@@ -31,4 +33,13 @@ inline fake::Mac recordMac(const ctrlMsg_t &msg, size_t index) {
 
 inline bool allZero(const uint8_t *bytes, size_t size) {
     return std::all_of(bytes, bytes + size, [](uint8_t b) { return b == 0; });
+}
+
+// A client connected to the Unix stream socket at PATH.
+inline UniqueFd connectTo(const char *path) {
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un addr{AF_UNIX, {}};
+    std::strncpy(addr.sun_path, path, sizeof addr.sun_path - 1);
+    EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    return fd;
 }

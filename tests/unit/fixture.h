@@ -2,6 +2,7 @@
 // table open to all 256 hosts and default settings.
 #pragma once
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include "core/log.h"
@@ -46,4 +47,17 @@ inline hostEntry *addHost(const fake::Mac &mac, const char *ifname = "eth0.2") {
 inline void makeRecyclable(hostEntry *entry) {
     entry->valid = 0;
     entry->lanHost.firstConnect = 0;
+}
+
+// 02:00:00:00:00:K, a locally administered MAC.
+inline fake::Mac localMac(uint8_t k) {
+    return fake::mac(2, 0, 0, 0, 0, k);
+}
+
+// What F printed on standard output.
+template <typename F>
+std::string stdoutOf(F &&f) {
+    ::testing::internal::CaptureStdout();
+    f();
+    return ::testing::internal::GetCapturedStdout();
 }

@@ -1,13 +1,7 @@
 // The control socket and its dispatcher: a real socket in a temporary root, the client
 // on the test's side, msg_process_sockfd serving one connection.
-#include <sys/socket.h>
-#include <sys/un.h>
-
-#include <csignal>
-
 #include "control/ctrl_socket.h"
 #include "core/clock.h"
-#include "core/unique_fd.h"
 #include "ctrl_request.h"
 #include "hosts/liveness.h"
 #include "root_fixture.h"
@@ -25,15 +19,7 @@ class CtrlSocketTest : public RootedTest {
         RootedTest::TearDown();
     }
 
-    static UniqueFd connectClient() {
-        UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::strncpy(addr.sun_path, hostrixPath(HostrixFile::ControlSocket),
-                     sizeof addr.sun_path - 1);
-        EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-        return fd;
-    }
+    static UniqueFd connectClient() { return connectTo(hostrixPath(HostrixFile::ControlSocket)); }
 
     // Sends the first SIZE bytes of MSG, lets the daemon serve them and returns
     // what the client receives up to end of file.

@@ -1,7 +1,5 @@
 // Per-host attributes and the release command, through the dispatcher. The limits and
 // port-down are the lab's control test's.
-#include <arpa/inet.h>
-
 #include "ctrl_request.h"
 
 namespace {
@@ -34,56 +32,51 @@ TEST_F(HostCommandTest, ControlledFlagCountsOnlyRealChangesOfItsLowByte) {
 // Access 0 (all 32 bits) blocks at once; anything short of internet > 1 and other > 0
 // makes the host controlled.
 TEST_F(HostCommandTest, AccessStoresLowBytesAndBlocksOnlyOnZero) {
-    struct {
-        uint32_t arg1, arg2;
-        uint8_t disconnected;
-        uint32_t internetAccess, controlled;
-    } cases[] = {{0, 1, 1, 0, 1},
-                 {2, 1, 0, 2, 0},
-                 {0x100, 1, 0, 0, 1},
-                 {2, 0x200, 0, 2, 1},
-                 {1, 1, 0, 1, 1}};
-    for (const auto &c : cases) {
+    // arg1 and arg2, then whether the host is disconnected, its internet access and controlledNum.
+    const std::tuple<uint32_t, uint32_t, uint8_t, uint32_t, uint32_t> cases[] = {
+        {0, 1, 1, 0, 1},
+        {2, 1, 0, 2, 0},
+        {0x100, 1, 0, 0, 1},
+        {2, 0x200, 0, 2, 1},
+        {1, 1, 0, 1, 1}};
+    for (const auto &[arg1, arg2, disconnected, internetAccess, controlled] : cases) {
         SetUp();
-        SCOPED_TRACE(testing::Message() << c.arg1 << " " << c.arg2);
-        EXPECT_EQ(run(ctrlRequest(CMD_SET_ACCESS, checkedMac(1), c.arg1, c.arg2)).status, 0u);
-        EXPECT_EQ(std::tuple(host->lanHost.disConnect, controlledNum),
-                  std::tuple(c.disconnected, c.controlled));
+        SCOPED_TRACE(testing::Message() << arg1 << " " << arg2);
+        EXPECT_EQ(run(ctrlRequest(CMD_SET_ACCESS, checkedMac(1), arg1, arg2)).status, 0u);
         ctrlMsg_t read = run(ctrlRequest(CMD_GET_ACCESS, checkedMac(1)));
-        EXPECT_EQ(std::pair(read.arg1, read.arg2), std::pair(c.internetAccess, c.arg2 & 0xff));
+        EXPECT_EQ(std::tuple(host->lanHost.disConnect, controlledNum, read.arg1, read.arg2),
+                  std::tuple(disconnected, controlled, internetAccess, arg2 & 0xff));
     }
 }
 
 // Model and os end with a NUL within 63 bytes; brand and devName leave byte 63 alone. A
 // getter returns the text alone in data; only a new name flags the host.
 TEST_F(HostCommandTest, TextIsCutAt63BytesAndReadBackAloneInData) {
-    struct {
-        uint32_t setCmd, getCmd;
-        char (lanHostInfo_t::*field)[kHostTextLen];
-        bool terminates;
-    } cases[] = {{CMD_SET_BRAND, CMD_GET_BRAND, &lanHostInfo_t::brand, false},
-                 {CMD_SET_MODEL, CMD_GET_MODEL, &lanHostInfo_t::model, true},
-                 {CMD_SET_OS, CMD_GET_OS, &lanHostInfo_t::os, true},
-                 {CMD_SET_DEV_NAME, 0, &lanHostInfo_t::devName, false}};
-    for (const auto &c : cases) {
-        char *field = host->lanHost.*c.field;
+    // The setter, the getter (0: none), the field, and whether the setter ends it with a NUL.
+    const std::tuple<uint32_t, uint32_t, char(lanHostInfo_t::*)[kHostTextLen], bool> cases[] = {
+        {CMD_SET_BRAND, CMD_GET_BRAND, &lanHostInfo_t::brand, false},
+        {CMD_SET_MODEL, CMD_GET_MODEL, &lanHostInfo_t::model, true},
+        {CMD_SET_OS, CMD_GET_OS, &lanHostInfo_t::os, true},
+        {CMD_SET_DEV_NAME, 0, &lanHostInfo_t::devName, false}};
+    for (const auto &[setCmd, getCmd, member, terminates] : cases) {
+        char *field = host->lanHost.*member;
         std::memset(field, 'Z', kHostTextLen);
-        run(ctrlRequest(c.setCmd, checkedMac(1), 0, 0, std::string(70, 'a')));
-        EXPECT_EQ(std::string(field, 63), std::string(63, 'a')) << c.setCmd;
-        EXPECT_EQ(field[63], c.terminates ? '\0' : 'Z') << c.setCmd;
+        run(ctrlRequest(setCmd, checkedMac(1), 0, 0, std::string(70, 'a')));
+        EXPECT_EQ(std::string(field, 63), std::string(63, 'a')) << setCmd;
+        EXPECT_EQ(field[63], terminates ? '\0' : 'Z') << setCmd;
         field[63] = '\0';
         for (int flagged : {1, 0}) {  // a new text, then the same again
             host->informChange = 0;
-            EXPECT_EQ(run(ctrlRequest(c.setCmd, checkedMac(1), 0, 0, "Acme")).status, 0u);
+            EXPECT_EQ(run(ctrlRequest(setCmd, checkedMac(1), 0, 0, "Acme")).status, 0u);
             EXPECT_STREQ(field, "Acme");
-            EXPECT_EQ(host->informChange, c.setCmd == CMD_SET_DEV_NAME ? flagged : 0);
+            EXPECT_EQ(host->informChange, setCmd == CMD_SET_DEV_NAME ? flagged : 0);
         }
-        if (c.getCmd == 0) continue;
-        ctrlMsg_t read = run(ctrlRequest(c.getCmd, checkedMac(1), 0, 0, "stale text"));
+        if (getCmd == 0) continue;
+        ctrlMsg_t read = run(ctrlRequest(getCmd, checkedMac(1), 0, 0, "stale text"));
         EXPECT_EQ(read.status, kCtrlStatusOk);
         EXPECT_STREQ(reinterpret_cast<const char *>(read.data + kCtrlTextOffset), "Acme");
         std::memset(read.data + kCtrlTextOffset, 0, 4);
-        EXPECT_TRUE(allZero(read.data, kCtrlDataSize)) << c.getCmd;
+        EXPECT_TRUE(allZero(read.data, kCtrlDataSize)) << getCmd;
     }
 }
 

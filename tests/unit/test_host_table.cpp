@@ -1,6 +1,3 @@
-#include <cstdlib>
-#include <cstring>
-
 #include "discovery/wlan_sta.h"
 #include "fixture.h"
 

@@ -1,11 +1,8 @@
 // The authenticator's event channel: the line parser and the actions on the table, and
 // the real listening socket in a temporary root.
-#include <sys/socket.h>
-#include <sys/un.h>
-
 #include "control/ctrl_socket.h"
 #include "control/hostapd_event.h"
-#include "core/unique_fd.h"
+#include "ctrl_request.h"
 #include "root_fixture.h"
 
 namespace {
@@ -70,10 +67,7 @@ class HostapdSocketTest : public HostapdEventTest {
         HostapdEventTest::TearDown();
     }
     static void connectClient(const std::string &text) {
-        UniqueFd fd(socket(AF_UNIX, SOCK_STREAM, 0));
-        sockaddr_un addr{AF_UNIX, {}};
-        std::strcpy(addr.sun_path, hostrixPath(HostrixFile::HostapdSocket));
-        EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+        UniqueFd fd = connectTo(hostrixPath(HostrixFile::HostapdSocket));
         EXPECT_EQ(send(fd.get(), text.data(), text.size(), 0), ssize_t(text.size()));
     }
     // The text left in the buffer, and what went to standard error.

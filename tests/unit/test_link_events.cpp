@@ -4,11 +4,8 @@
 #include <net/if.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <memory>
-#include <string>
 
 #include "fixture.h"
 #include "netlink_bytes.h"
@@ -73,11 +70,8 @@ int walkInChild() {
     if (!makeBridges()) return kNetnsNoSetup;
     const uint32_t br0 = if_nametoindex("br0"), br1 = if_nametoindex("br1");
     const Bytes nas = join({name("nas0_1"), master(br0)});
-    const struct {
-        const char *what;
-        Bytes bytes;
-        const char *after;
-    } steps[] = {
+    // What the step is, its bytes, and the monitored interfaces after it.
+    const std::tuple<const char *, Bytes, const char *> steps[] = {
         {"eth0.3 and nas1_0 are no watched ports",
          join({link(RTM_NEWLINK, join({name("eth0.3"), master(br0)})),
                link(RTM_NEWLINK, join({name("nas1_0"), master(br0)}))}),
@@ -89,17 +83,17 @@ int walkInChild() {
          "br0/NULL nas0_1/br0"},
         {"bridge leaves with its ports", link(RTM_DELLINK, name("br0")), ""},
     };
-    for (const auto &step : steps) {
-        feed(step.bytes);
-        if (monitored() != step.after) {
-            std::fprintf(stderr, "%s: %s\n", step.what, monitored().c_str());
+    for (const auto &[what, bytes, after] : steps) {
+        feed(bytes);
+        if (monitored() != after) {
+            std::fprintf(stderr, "%s: %s\n", what, monitored().c_str());
             return kNetnsCheckFailed;
         }
     }
     return kNetnsPassed;
 }
 
-class LinkEventsTest : public HostrixTest {};
+using LinkEventsTest = HostrixTest;
 
 TEST_F(LinkEventsTest, OnlyWatchedPortsOfAMonitoredBridgeJoinAndABridgeLeavesWithItsPorts) {
     expectPassesInPrivateNetns(walkInChild);

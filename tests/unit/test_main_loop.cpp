@@ -1,14 +1,8 @@
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstring>
-#include <filesystem>
-#include <string>
-#include <tuple>
-#include <utility>
 
 #include "control/ctrl_socket.h"
 #include "control/host_file.h"
@@ -17,7 +11,7 @@
 
 namespace {
 
-const fake::Mac kMac = fake::mac(2, 0, 0, 0, 0, 1);
+const fake::Mac kMac = localMac(1);
 
 class MainLoopTest : public RootedTest {
    protected:
@@ -78,13 +72,13 @@ TEST_F(MainLoopTest, DutiesProbeBeforeAgeingAndSampleAfterIt) {
     openerCalls = 0;
     setArpSocketOpener([](sockaddr_ll &) { return ++openerCalls, -1; });
     hostEntry *quiet = addHost(kMac, "wlan0");
-    hostEntry *gone = addHost(fake::mac(2, 0, 0, 0, 0, 2), "wlan0");
+    hostEntry *gone = addHost(localMac(2), "wlan0");
     for (auto [entry, idle] : {std::pair{quiet, 65}, std::pair{gone, 90}}) {
         entry->lanHost.connectionType = CONNECTION_WIRELESS;
         entry->lanHost.ip = htonl(0x0a000001);
         entry->updateTime = static_cast<uint32_t>(now - idle);
     }
-    fake::state().counters[fake::mac(2, 0, 0, 0, 0, 2)] = {5, 5};
+    fake::state().counters[localMac(2)] = {5, 5};
     state.applied.bandwidthEnable = 1;
     bandwidthInterval = 10;
     runPeriodicDuties(state);
@@ -102,9 +96,7 @@ TEST_F(MainLoopTest, OnePassDoesEverySignalsWorkInOrder) {
     fake::state().settings = {{MIB_DBG_LEVEL, DBG_TRACE}, {MIB_BANDWIDTH_ENABLE, 1}};
     dbg_level = DBG_TRACE;
     for (int signo : {SIGTERM, SIGHUP, SIGUSR2, SIGUSR1}) signalHandler(signo);  // MIPS numbers differ
-    ::testing::internal::CaptureStdout();
-    EXPECT_FALSE(handleSignalWork(state));
-    std::string out = ::testing::internal::GetCapturedStdout();
+    const std::string out = stdoutOf([this] { EXPECT_FALSE(handleSignalWork(state)); });
     size_t usr2 = out.find("receive USR2 signal", out.find("receive USR1 signal"));
     EXPECT_NE(out.find("====> [Sniffer Information] <====", usr2), std::string::npos) << out;
     EXPECT_EQ(sigFlags.load(), SIG_BIT_TERMINATE);
@@ -151,9 +143,8 @@ TEST_F(MainLoopTest, FifoReadKeeps255CharactersAndDutiesRunOnceTheWaitRanDown) {
     std::string text = std::string(247, ' ') + "log 0x12" + "3" + " log 0x7\n";
     ASSERT_EQ(write(writer.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
     state.nextTick1 = now;
-    ::testing::internal::CaptureStdout();
-    EXPECT_TRUE(runLoopPass(state) && runLoopPass(state));
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "dbg_level=0x12\ndbg_level=0x7\n");
+    EXPECT_EQ(stdoutOf([this] { EXPECT_TRUE(runLoopPass(state) && runLoopPass(state)); }),
+              "dbg_level=0x12\ndbg_level=0x7\n");
     EXPECT_EQ(state.nextTick1, now);
     ASSERT_EQ(write(writer.get(), "x", 1), 1);
     state.waitDeadlineMs = 0;  // run down while serving

@@ -1,7 +1,4 @@
-#include <arpa/inet.h>
-
 #include "fixture.h"
-#include "sniffer/neighbor_cache.h"
 #include "sniffer/packet_parser.h"
 
 namespace {
@@ -75,9 +72,7 @@ std::string lookup(const Frame &mac) {
 }
 
 std::string dump() {
-    ::testing::internal::CaptureStdout();
-    dump_neighbor_host();
-    return ::testing::internal::GetCapturedStdout();
+    return stdoutOf(dump_neighbor_host);
 }
 
 using NeighborTest = HostrixTest;

@@ -1,8 +1,6 @@
 // The sniffer's kernel filter and wait on socket pairs; its thread and interface dump
 // against real bridges in a private network namespace. The lab's sniffer test follows
 // ports as they come and go.
-#include <arpa/inet.h>
-#include <net/if.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -160,13 +158,11 @@ TEST_F(SnifferMonitorTest, ThreadTakesItsListAndStopsForGood) {
         NETNS_CHECK(nullListStartsNothing && started == 0 && again == -1 && setUp && named);
         NETNS_CHECK(stopped && find_monitor_intf("nas0_0")->master == find_monitor_intf("br0"));
         NETNS_CHECK(!find_monitor_intf("eth0.2")->master);  // its own element, not a port
+        const auto has = [&out](std::string_view text) { return out.find(text) != out.npos; };
         const std::string duplicate = "Interface(br0) already monitor\n";
-        NETNS_CHECK(out.find(duplicate) != std::string::npos &&
-                    out.find(duplicate) == out.rfind(duplicate));
-        NETNS_CHECK(out.find("Cannot get interface(abcdefghijklmnop)\n") != std::string::npos);
-        NETNS_CHECK(out.find("abcdefghijklmnopq") == std::string::npos);
-        NETNS_CHECK(out.find(" MASTER NULL\n") != std::string::npos &&
-                    out.find(" MASTER br0\n") != std::string::npos);
+        NETNS_CHECK(has(duplicate) && out.find(duplicate) == out.rfind(duplicate));
+        NETNS_CHECK(has("Cannot get interface(abcdefghijklmnop)\n") && !has("abcdefghijklmnopq"));
+        NETNS_CHECK(has(" MASTER NULL\n") && has(" MASTER br0\n"));
         snifferReset();
 
         setSnifferMonitorLogLevel(0);  // the closed socket's failed receive is expected
