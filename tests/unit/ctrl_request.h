@@ -11,7 +11,9 @@
 #include "fixture.h"
 
 // A first octet of 0x00 always passes the text check on data.
-inline fake::Mac checkedMac(uint8_t last) { return fake::mac(0x00, 0x11, 0x22, 0x33, 0x44, last); }
+inline fake::Mac checkedMac(uint8_t last) {
+    return fake::mac(0x00, 0x11, 0x22, 0x33, 0x44, last);
+}
 
 inline ctrlMsg_t ctrlRequest(uint32_t cmd, const fake::Mac &mac = {}, uint32_t arg1 = 0,
                              uint32_t arg2 = 0, std::string_view text = {}) {
@@ -22,6 +24,13 @@ inline ctrlMsg_t ctrlRequest(uint32_t cmd, const fake::Mac &mac = {}, uint32_t a
     msg.needReply = 1;
     std::memcpy(msg.data, mac.data(), mac.size());
     text.copy(reinterpret_cast<char *>(msg.data + kCtrlTextOffset), text.size());
+    return msg;
+}
+
+// MSG as the dispatcher leaves it, its status preset to STATUS.
+inline ctrlMsg_t dispatched(ctrlMsg_t msg, uint32_t status = 0) {
+    msg.status = status;
+    dispatchCtrlMsg(msg);
     return msg;
 }
 

@@ -70,8 +70,7 @@ TEST_F(CtrlSocketTest, SilentClientsWaitAsideWithoutHoldingOthers) {
     EXPECT_EQ(exchange(ctrlRequest(CMD_GET_MAX_HOSTS)).size(), kCtrlMsgSize);
     ctrlMsg_t msg = ctrlRequest(CMD_GET_MAX_HOSTS);
     ASSERT_EQ(send(late.get(), &msg, sizeof msg, 0), static_cast<ssize_t>(sizeof msg));
-    fd_set set;
-    FD_ZERO(&set);
+    fd_set set{};
     int highest = 0;
     ctrlWaitingAddToSet(set, highest);
     ctrlServeWaiting(set);
@@ -99,9 +98,8 @@ TEST_F(CtrlSocketTest, HandlersRunInTableOrderOnOneBuffer) {
     ASSERT_NE(host, nullptr);
     std::strcpy(host->lanHost.devName, "tv");
     host->informChange = 1;
-    ctrlMsg_t msg =
-        ctrlRequest(CMD_GET_OS | CMD_SET_DEV_NAME | CMD_GET_INFORM_CHANGE, checkedMac(1));
-    dispatchCtrlMsg(msg);
+    const ctrlMsg_t msg = dispatched(
+        ctrlRequest(CMD_GET_OS | CMD_SET_DEV_NAME | CMD_GET_INFORM_CHANGE, checkedMac(1)));
     EXPECT_EQ(std::tuple(msg.status, recordMac(msg, 0), std::string(host->lanHost.devName),
                          host->informChange),
               std::tuple(kCtrlStatusOk, checkedMac(1), "tv", 0));
@@ -117,9 +115,7 @@ TEST_F(CtrlSocketTest, HandlerRunsOnlyWhenTheTextAfterTheMacIsPrintable) {
         {fake::mac(0x0a, 1, 2, 3, 4, 7), "ab\r\x01", true}};
     for (const auto &[mac, text, runs] : cases) {
         hostEntry *host = addHost(mac);
-        ctrlMsg_t msg = ctrlRequest(CMD_SET_DEVICE_TYPE, mac, 9, 0, text);
-        msg.status = 5;
-        dispatchCtrlMsg(msg);
+        const ctrlMsg_t msg = dispatched(ctrlRequest(CMD_SET_DEVICE_TYPE, mac, 9, 0, text), 5);
         EXPECT_EQ(std::tuple(msg.status, host->lanHost.devType),
                   std::tuple(runs ? kCtrlStatusOk : 5u, runs ? 9 : 0))
             << text;
@@ -129,15 +125,14 @@ TEST_F(CtrlSocketTest, HandlerRunsOnlyWhenTheTextAfterTheMacIsPrintable) {
 // What the client left in data goes; departures follow the arrivals at the offset the
 // first handler reached.
 TEST_F(CtrlSocketTest, InformQueriesWipeDataAndAppendInTurn) {
-    ctrlMsg_t empty = ctrlRequest(CMD_GET_NEW_DEVICE, checkedMac(1), 0, 0, "leftover text");
-    dispatchCtrlMsg(empty);
+    const ctrlMsg_t empty =
+        dispatched(ctrlRequest(CMD_GET_NEW_DEVICE, checkedMac(1), 0, 0, "leftover text"));
     EXPECT_TRUE(allZero(empty.data, sizeof empty.data));
-    addHost(fake::mac(0x02, 0, 0, 0, 0, 1))->lanHost.firstConnect = 1;
+    addHost(localMac(1))->lanHost.firstConnect = 1;
     _disConnLanHost(addHost(checkedMac(2)), "test", __LINE__);
-    ctrlMsg_t msg = ctrlRequest(CMD_GET_NEW_DEVICE | CMD_GET_LEAVE_DEVICE);
-    dispatchCtrlMsg(msg);
-    EXPECT_EQ(recordMac(msg, 0), fake::mac(0x02, 0, 0, 0, 0, 1));
-    EXPECT_EQ(recordMac(msg, 1), checkedMac(2));
+    const ctrlMsg_t msg = dispatched(ctrlRequest(CMD_GET_NEW_DEVICE | CMD_GET_LEAVE_DEVICE));
+    EXPECT_EQ(std::pair(recordMac(msg, 0), recordMac(msg, 1)),
+              std::pair(localMac(1), checkedMac(2)));
     EXPECT_TRUE(allZero(msg.data + 2 * kLanHostInfoSize, kCtrlDataSize - 2 * kLanHostInfoSize));
 }
 

@@ -12,10 +12,10 @@ class HostCommandTest : public HostrixTest {
         HostrixTest::SetUp();
         host = addHost(checkedMac(1));
     }
-    static ctrlMsg_t run(ctrlMsg_t msg) {
-        msg.status = 7;  // what a skipped command would return
-        dispatchCtrlMsg(msg);
-        return msg;
+    // The status starts as 7, what a skipped command would return.
+    static ctrlMsg_t run(uint32_t cmd, uint32_t arg1 = 0, uint32_t arg2 = 0,
+                         std::string_view text = {}) {
+        return dispatched(ctrlRequest(cmd, checkedMac(1), arg1, arg2, text), 7);
     }
     hostEntry *host = nullptr;
 };
@@ -23,9 +23,9 @@ class HostCommandTest : public HostrixTest {
 // Only the low byte counts, and the count follows real changes of the flag only.
 TEST_F(HostCommandTest, ControlledFlagCountsOnlyRealChangesOfItsLowByte) {
     for (auto [arg1, on] : {std::pair{1u, 1u}, {5u, 1u}, {0x100u, 0u}, {0x100u, 0u}}) {
-        run(ctrlRequest(CMD_SET_CONTROLLED, checkedMac(1), arg1));
+        run(CMD_SET_CONTROLLED, arg1);
         EXPECT_EQ(controlledNum, on) << arg1;
-        EXPECT_EQ(run(ctrlRequest(CMD_GET_CONTROLLED, checkedMac(1))).arg1, on) << arg1;
+        EXPECT_EQ(run(CMD_GET_CONTROLLED).arg1, on) << arg1;
     }
 }
 
@@ -42,8 +42,8 @@ TEST_F(HostCommandTest, AccessStoresLowBytesAndBlocksOnlyOnZero) {
     for (const auto &[arg1, arg2, disconnected, internetAccess, controlled] : cases) {
         SetUp();
         SCOPED_TRACE(testing::Message() << arg1 << " " << arg2);
-        EXPECT_EQ(run(ctrlRequest(CMD_SET_ACCESS, checkedMac(1), arg1, arg2)).status, 0u);
-        ctrlMsg_t read = run(ctrlRequest(CMD_GET_ACCESS, checkedMac(1)));
+        EXPECT_EQ(run(CMD_SET_ACCESS, arg1, arg2).status, 0u);
+        ctrlMsg_t read = run(CMD_GET_ACCESS);
         EXPECT_EQ(std::tuple(host->lanHost.disConnect, controlledNum, read.arg1, read.arg2),
                   std::tuple(disconnected, controlled, internetAccess, arg2 & 0xff));
     }
@@ -61,18 +61,18 @@ TEST_F(HostCommandTest, TextIsCutAt63BytesAndReadBackAloneInData) {
     for (const auto &[setCmd, getCmd, member, terminates] : cases) {
         char *field = host->lanHost.*member;
         std::memset(field, 'Z', kHostTextLen);
-        run(ctrlRequest(setCmd, checkedMac(1), 0, 0, std::string(70, 'a')));
+        run(setCmd, 0, 0, std::string(70, 'a'));
         EXPECT_EQ(std::string(field, 63), std::string(63, 'a')) << setCmd;
         EXPECT_EQ(field[63], terminates ? '\0' : 'Z') << setCmd;
         field[63] = '\0';
         for (int flagged : {1, 0}) {  // a new text, then the same again
             host->informChange = 0;
-            EXPECT_EQ(run(ctrlRequest(setCmd, checkedMac(1), 0, 0, "Acme")).status, 0u);
+            EXPECT_EQ(run(setCmd, 0, 0, "Acme").status, 0u);
             EXPECT_STREQ(field, "Acme");
             EXPECT_EQ(host->informChange, setCmd == CMD_SET_DEV_NAME ? flagged : 0);
         }
         if (getCmd == 0) continue;
-        ctrlMsg_t read = run(ctrlRequest(getCmd, checkedMac(1), 0, 0, "stale text"));
+        ctrlMsg_t read = run(getCmd, 0, 0, "stale text");
         EXPECT_EQ(read.status, kCtrlStatusOk);
         EXPECT_STREQ(reinterpret_cast<const char *>(read.data + kCtrlTextOffset), "Acme");
         std::memset(read.data + kCtrlTextOffset, 0, 4);
@@ -83,7 +83,7 @@ TEST_F(HostCommandTest, TextIsCutAt63BytesAndReadBackAloneInData) {
 TEST_F(HostCommandTest, ReleaseDeletesTheArpEntryAndDisconnectsEvenADepartedHost) {
     host->lanHost.ip = htonl(0x0a000001);
     host->valid = 0;
-    EXPECT_EQ(run(ctrlRequest(CMD_SET_DHCP_RELEASE, checkedMac(1))).status, kCtrlStatusOk);
+    EXPECT_EQ(run(CMD_SET_DHCP_RELEASE).status, kCtrlStatusOk);
     EXPECT_EQ(fake::state().commands, std::vector<std::string>{"arp -d 10.0.0.1"});
     EXPECT_EQ(host->lanHost.disConnect, 1);
 }

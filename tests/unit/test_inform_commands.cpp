@@ -19,11 +19,7 @@ class InformTest : public HostrixTest {
         return entry;
     }
 
-    static ctrlMsg_t query(uint32_t cmd) {
-        ctrlMsg_t msg = ctrlRequest(cmd);
-        dispatchCtrlMsg(msg);
-        return msg;
-    }
+    static ctrlMsg_t query(uint32_t cmd) { return dispatched(ctrlRequest(cmd)); }
 
     static lanHostInfo_t record(const ctrlMsg_t &msg, size_t index) {
         lanHostInfo_t host;

@@ -67,7 +67,8 @@ TEST_F(MainLoopTest, StartUpAppliesTheSettingsAndShutdownCleansUp) {
 int openerCalls = 0;
 
 // ARP probing runs before ageing, so a series that ageing opens sends its first request
-// at the next run; the bandwidth pass after ageing skips a host ageing took offline.
+// at the next run; the bandwidth pass after ageing skips a host ageing took offline. The
+// 1 s duties are due at their time, IPv6 probing only after it.
 TEST_F(MainLoopTest, DutiesProbeBeforeAgeingAndSampleAfterIt) {
     openerCalls = 0;
     setArpSocketOpener([](sockaddr_ll &) { return ++openerCalls, -1; });
@@ -81,10 +82,12 @@ TEST_F(MainLoopTest, DutiesProbeBeforeAgeingAndSampleAfterIt) {
     fake::state().counters[localMac(2)] = {5, 5};
     state.applied.bandwidthEnable = 1;
     bandwidthInterval = 10;
+    state.nextTick1 = state.nextTick30 = now;
     runPeriodicDuties(state);
     EXPECT_EQ(std::tuple(quiet->lanHost.arpRetryCnt, openerCalls, gone->valid,
-                         lanHostBw[hostSlot(gone)].txBytes),
-              std::tuple(3u, 0, 0, 0u));
+                         lanHostBw[hostSlot(gone)].txBytes, state.nextTick1, state.nextTick30,
+                         int64_t{state.nextFileWrite}),
+              std::tuple(3u, 0, 0, 0u, now + 1, now, now + 30));
 }
 
 // One pass does all signal work in order: the reload (whose enable flag the refresh
@@ -95,7 +98,8 @@ TEST_F(MainLoopTest, OnePassDoesEverySignalsWorkInOrder) {
     fake::state().counters[kMac] = {5, 7};
     fake::state().settings = {{MIB_DBG_LEVEL, DBG_TRACE}, {MIB_BANDWIDTH_ENABLE, 1}};
     dbg_level = DBG_TRACE;
-    for (int signo : {SIGTERM, SIGHUP, SIGUSR2, SIGUSR1}) signalHandler(signo);  // MIPS numbers differ
+    for (int signo : {SIGTERM, SIGHUP, SIGUSR2, SIGUSR1})
+        signalHandler(signo);  // MIPS numbers differ
     const std::string out = stdoutOf([this] { EXPECT_FALSE(handleSignalWork(state)); });
     size_t usr2 = out.find("receive USR2 signal", out.find("receive USR1 signal"));
     EXPECT_NE(out.find("====> [Sniffer Information] <====", usr2), std::string::npos) << out;
@@ -150,18 +154,6 @@ TEST_F(MainLoopTest, FifoReadKeeps255CharactersAndDutiesRunOnceTheWaitRanDown) {
     state.waitDeadlineMs = 0;  // run down while serving
     EXPECT_TRUE(runLoopPass(state));
     EXPECT_EQ(state.nextTick1, now + 1);
-}
-
-// The 1 s duties and the file write are due at their time, IPv6 probing only after it.
-TEST_F(MainLoopTest, DutiesRunWhenDue) {
-    for (int64_t offset : {0, 1}) {
-        state.nextTick1 = state.nextTick30 = now + offset;
-        state.nextFileWrite = static_cast<int32_t>(now + offset);
-        runPeriodicDuties(state);
-        EXPECT_EQ(
-            std::tuple(state.nextTick1, state.nextTick30, int64_t{state.nextFileWrite}),
-            offset ? std::tuple(now + 1, now + 1, now + 1) : std::tuple(now + 1, now, now + 30));
-    }
 }
 
 }  // namespace

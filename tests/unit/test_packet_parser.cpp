@@ -67,8 +67,7 @@ std::string lookup(const Frame &mac) {
     uint32_t ip = 0;
     char name[kNeighborNameLen] = {};
     if (!getSnifferNeighborHost(mac.data(), &ip, name, sizeof name)) return "none";
-    char text[INET_ADDRSTRLEN];
-    return std::string(inet_ntop(AF_INET, &ip, text, sizeof text)) + " " + name;
+    return inet_ntoa({ip}) + std::string(" ") + name;
 }
 
 std::string dump() {

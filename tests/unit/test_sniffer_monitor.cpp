@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "core/unique_fd.h"
 #include "fixture.h"
 #include "netns_child.h"
 #include "sniffer/link_events.h"
@@ -17,36 +16,29 @@ namespace {
 
 using Frame = std::vector<uint8_t>;
 
-// A zeroed frame with the bytes the filter reads set, as (offset, value) pairs.
-Frame frame(std::initializer_list<std::pair<size_t, unsigned>> bytes) {
+// A zeroed frame with the bytes the filter reads set: offset, value, offset, value...
+Frame frame(std::initializer_list<size_t> bytes) {
     Frame f(64, 0);
-    for (auto [at, value] : bytes) f[at] = uint8_t(value);
+    for (const size_t *at = bytes.begin(); at != bytes.end(); at += 2) f[at[0]] = uint8_t(at[1]);
     return f;
 }
 
 Frame arp(unsigned protocol, unsigned operation) {
-    return frame({{12, 0x08}, {13, 0x06}, {16, protocol >> 8}, {17, protocol}, {21, operation}});
+    return frame({12, 8, 13, 6, 16, protocol >> 8, 17, protocol, 21, operation});
 }
 
 // IHL words of IP header (options all zero), then UDP to PORT.
 Frame ipv4(unsigned protocol, unsigned port, unsigned fragment = 0, unsigned ihl = 5) {
     const size_t udp = 14 + ihl * 4;
-    return frame({{12, 0x08},
-                  {14, 0x40 + ihl},
-                  {20, fragment >> 8},
-                  {21, fragment},
-                  {23, protocol},
-                  {udp + 2, port >> 8},
-                  {udp + 3, port}});
+    return frame({12, 8, 14, 0x40 + ihl, 20, fragment >> 8, 21, fragment, 23, protocol, udp + 2,
+                  port >> 8, udp + 3, port});
 }
 
+// A datagram socket pair: fd[0] receives what fd[1] sends.
 struct SocketPair {
-    SocketPair() {
-        int fds[2] = {-1, -1};
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, fds), 0);
-        receiver.reset(fds[0]), sender.reset(fds[1]);
-    }
-    UniqueFd receiver, sender;
+    SocketPair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, fd), 0); }
+    ~SocketPair() { close(fd[0]), close(fd[1]); }
+    int fd[2] = {-1, -1};
 };
 
 TEST(SnifferFilter, LetsThroughOnlyIpv4ArpRepliesDhcpToTheServerAndIgmp) {
@@ -56,17 +48,16 @@ TEST(SnifferFilter, LetsThroughOnlyIpv4ArpRepliesDhcpToTheServerAndIgmp) {
         {ipv4(17, 67, 0, 6), true},   {ipv4(17, 68), false},
         {ipv4(17, 67, 0x2000), true}, {ipv4(17, 67, 0x2001), false},
         {ipv4(17, 67, 0x4000), true}, {ipv4(2, 0), true},
-        {ipv4(6, 67), false},         {frame({{12, 0x86}, {13, 0xdd}}), false},
+        {ipv4(6, 67), false},         {frame({12, 0x86, 13, 0xdd}), false},
     };
     SocketPair pair;
     const sock_fprog program{kSnifferFilter.size(),
                              const_cast<sock_filter *>(kSnifferFilter.data())};
-    ASSERT_EQ(
-        setsockopt(pair.receiver.get(), SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program), 0);
+    ASSERT_EQ(setsockopt(pair.fd[0], SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program), 0);
     for (const auto &[f, passes] : cases) {
-        ASSERT_EQ(send(pair.sender.get(), f.data(), f.size(), 0), ssize_t(f.size()));
+        ASSERT_EQ(send(pair.fd[1], f.data(), f.size(), 0), ssize_t(f.size()));
         uint8_t received[128];
-        EXPECT_EQ(recv(pair.receiver.get(), received, sizeof received, MSG_DONTWAIT) > 0, passes)
+        EXPECT_EQ(recv(pair.fd[0], received, sizeof received, MSG_DONTWAIT) > 0, passes)
             << &f - &cases[0].first;
     }
 }
@@ -81,13 +72,13 @@ TEST_F(HostrixTest, SnifferAgeingBudgetCarriesOverBetweenWaits) {
     fake::advanceSeconds(kNeighborLifetimeSec);
     update_neighbor_host(youngMac, &ip, nullptr);
     SocketPair events;  // stands in for the link-event socket
-    ASSERT_EQ(send(events.sender.get(), "x", 1, 0), 1);
+    ASSERT_EQ(send(events.fd[1], "x", 1, 0), 1);
     timeval timeout{5, 0};
-    EXPECT_EQ(sniffer_wait_once(events.receiver.get(), timeout), 0);
+    EXPECT_EQ(sniffer_wait_once(events.fd[0], timeout), 0);
     EXPECT_TRUE(timeout.tv_sec < 5 && (timeout.tv_sec > 0 || timeout.tv_usec > 0));
     EXPECT_EQ(getSnifferNeighborHost(oldMac, nullptr, nullptr, 0), 1);  // not yet
     timeout = {0, 1000};
-    EXPECT_EQ(sniffer_wait_once(events.receiver.get(), timeout), 0);  // the message was read
+    EXPECT_EQ(sniffer_wait_once(events.fd[0], timeout), 0);  // the message was read
     EXPECT_EQ(std::pair(timeout.tv_sec, timeout.tv_usec), std::pair(time_t{5}, suseconds_t{0}));
     EXPECT_EQ(getSnifferNeighborHost(oldMac, nullptr, nullptr, 0), 0);
     EXPECT_EQ(getSnifferNeighborHost(youngMac, nullptr, nullptr, 0), 1);
