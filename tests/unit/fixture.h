@@ -16,7 +16,7 @@
 #include "traffic/bandwidth.h"
 
 class HostrixTest : public ::testing::Test {
-protected:
+   protected:
     void SetUp() override {
         fake::reset();
         settingsReset();
@@ -54,10 +54,11 @@ inline fake::Mac localMac(uint8_t k) {
     return fake::mac(2, 0, 0, 0, 0, k);
 }
 
-// What F printed on standard output.
+// What F printed on standard output, or with TO_STDERR on standard error.
 template <typename F>
-std::string stdoutOf(F &&f) {
-    ::testing::internal::CaptureStdout();
+std::string printedBy(F &&f, bool toStderr = false) {
+    toStderr ? ::testing::internal::CaptureStderr() : ::testing::internal::CaptureStdout();
     f();
-    return ::testing::internal::GetCapturedStdout();
+    return toStderr ? ::testing::internal::GetCapturedStderr()
+                    : ::testing::internal::GetCapturedStdout();
 }

@@ -68,7 +68,7 @@ TEST_F(BandwidthTest, SamplesOnlyWhenDue) {
         bandwidthInterval = interval;
         nextBandwidthTime = start + nextFromNow;
         fake::state().wallFails = clockFails;
-        const std::string out = stdoutOf([&] { getAndCalcLanHostCurrBandwidth(enable, force); });
+        const std::string out = printedBy([&] { getAndCalcLanHostCurrBandwidth(enable, force); });
         EXPECT_EQ(std::tuple(bw().txBytes, nextBandwidthTime,
                              out.ends_with("]: exec gettimeofday failed.\n\n")),
                   std::tuple(sampled ? uint64_t{5} : 0, start + nextAfter, clockFails))

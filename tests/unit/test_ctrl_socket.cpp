@@ -91,20 +91,6 @@ TEST_F(CtrlSocketTest, SilentClientsWaitAsideWithoutHoldingOthers) {
     EXPECT_EQ(recv(silent.back().get(), &byte, 1, MSG_DONTWAIT), 0);
 }
 
-// get-OS wipes the MAC, so the name setter after it finds no host; the change query
-// then reports the flagged host. In bit order the name setter would run last.
-TEST_F(CtrlSocketTest, HandlersRunInTableOrderOnOneBuffer) {
-    hostEntry *host = addHost(checkedMac(1));
-    ASSERT_NE(host, nullptr);
-    std::strcpy(host->lanHost.devName, "tv");
-    host->informChange = 1;
-    const ctrlMsg_t msg = dispatched(
-        ctrlRequest(CMD_GET_OS | CMD_SET_DEV_NAME | CMD_GET_INFORM_CHANGE, checkedMac(1)));
-    EXPECT_EQ(std::tuple(msg.status, recordMac(msg, 0), std::string(host->lanHost.devName),
-                         host->informChange),
-              std::tuple(kCtrlStatusOk, checkedMac(1), "tv", 0));
-}
-
 // The text after the MAC is checked, never the MAC: any MAC can be reached.
 TEST_F(CtrlSocketTest, HandlerRunsOnlyWhenTheTextAfterTheMacIsPrintable) {
     const std::tuple<fake::Mac, std::string, bool> cases[] = {

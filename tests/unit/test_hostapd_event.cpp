@@ -17,9 +17,7 @@ class HostapdEventTest : public RootedTest {
         station = addHost(kStation, "wlan0-vap1");
     }
     static std::string process(std::string text) {
-        ::testing::internal::CaptureStderr();
-        process_hostapd_event(text.data());
-        return ::testing::internal::GetCapturedStderr();
+        return printedBy([&text] { process_hostapd_event(text.data()); }, true);
     }
     hostEntry *station = nullptr;
 };
@@ -38,7 +36,7 @@ TEST_F(HostapdEventTest, OnlyAnExactDepartureOfAValidHostActs) {
         {"w AP-STA-DISCONNECTED a:1b:2c:3d:4e:5f", true},   // one-digit group
         {" w\tAP-STA-DISCONNECTED\n 0a:1b:2c:3d:4e:5f:7 x", true},
         {std::string(300, 'w') + " AP-STA-DISCONNECTED 0a:1b:2c:3d:4e:5f", true},  // word cut
-        {"w AP-STA-DISCONNECTED 0a:1b:2c:3d:4e:60", false},  // unknown MAC
+        {"w AP-STA-DISCONNECTED 0a:1b:2c:3d:4e:60", false},                        // unknown MAC
         {"w AP-STA-CONNECTED 0a:1b:2c:3d:4e:5f", false},
         {"w AP-STA-DISCONNECTED2 0a:1b:2c:3d:4e:5f", false},
         {"w AP-STA-DISCONNECTED", false},
@@ -72,9 +70,9 @@ class HostapdSocketTest : public HostapdEventTest {
     }
     // The text left in the buffer, and what went to standard error.
     std::pair<std::string, std::string> receive() {
-        ::testing::internal::CaptureStderr();
-        recv_hostapd_event(listener.get(), buffer, sizeof buffer);
-        return {buffer, ::testing::internal::GetCapturedStderr()};
+        const std::string log =
+            printedBy([this] { recv_hostapd_event(listener.get(), buffer, sizeof buffer); }, true);
+        return {buffer, log};
     }
     UniqueFd listener;
     char buffer[kHostapdEventBufSize] = "previous event";

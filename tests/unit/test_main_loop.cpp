@@ -100,7 +100,7 @@ TEST_F(MainLoopTest, OnePassDoesEverySignalsWorkInOrder) {
     dbg_level = DBG_TRACE;
     for (int signo : {SIGTERM, SIGHUP, SIGUSR2, SIGUSR1})
         signalHandler(signo);  // MIPS numbers differ
-    const std::string out = stdoutOf([this] { EXPECT_FALSE(handleSignalWork(state)); });
+    const std::string out = printedBy([this] { EXPECT_FALSE(handleSignalWork(state)); });
     size_t usr2 = out.find("receive USR2 signal", out.find("receive USR1 signal"));
     EXPECT_NE(out.find("====> [Sniffer Information] <====", usr2), std::string::npos) << out;
     EXPECT_EQ(sigFlags.load(), SIG_BIT_TERMINATE);
@@ -147,7 +147,7 @@ TEST_F(MainLoopTest, FifoReadKeeps255CharactersAndDutiesRunOnceTheWaitRanDown) {
     std::string text = std::string(247, ' ') + "log 0x12" + "3" + " log 0x7\n";
     ASSERT_EQ(write(writer.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
     state.nextTick1 = now;
-    EXPECT_EQ(stdoutOf([this] { EXPECT_TRUE(runLoopPass(state) && runLoopPass(state)); }),
+    EXPECT_EQ(printedBy([this] { EXPECT_TRUE(runLoopPass(state) && runLoopPass(state)); }),
               "dbg_level=0x12\ndbg_level=0x7\n");
     EXPECT_EQ(state.nextTick1, now);
     ASSERT_EQ(write(writer.get(), "x", 1), 1);

@@ -71,7 +71,7 @@ std::string lookup(const Frame &mac) {
 }
 
 std::string dump() {
-    return stdoutOf(dump_neighbor_host);
+    return printedBy(dump_neighbor_host);
 }
 
 using NeighborTest = HostrixTest;

@@ -20,10 +20,8 @@ class ProbingTest : public HostrixTest {
    protected:
     void SetUp() override {
         HostrixTest::SetUp();
-        fake::Interface &br0 = fake::state().interfaces["br0"];
-        br0.addr = htonl(0xc0a80101);
-        br0.mac = fake::mac(0x0a, 0x77, 0xff, 0, 0, 1);
-        br0.hasMac = true;
+        fake::state().interfaces["br0"] = {
+            .addr = htonl(0xc0a80101), .mac = fake::mac(0x0a, 0x77, 0xff, 0, 0, 1), .hasMac = true};
         openerCalls = 0;
         setArpSocketOpener(openPairEnd);
     }
@@ -76,7 +74,7 @@ TEST_F(ProbingTest, DueHostsShareOneSocketAndTheSeriesAdvances) {
     hostEntry *first = probed(1, 3, 20);
     hostEntry *last = probed(2, 1, 25);
     dbg_level = DBG_AGEING;
-    EXPECT_EQ(stdoutOf([] { EXPECT_EQ(sendARPRequest(), 0); }),
+    EXPECT_EQ(printedBy([] { EXPECT_EQ(sendARPRequest(), 0); }),
               "[Hostrix]:send ARP Request to c0a80102 (3/3).\n"
               "[Hostrix]:send ARP Request to c0a80101 (1/3).\n");
     EXPECT_EQ(std::tuple(openerCalls, targetsSent()), std::tuple(1, std::vector<uint8_t>{2, 1}));

@@ -48,7 +48,7 @@ TEST_F(SettingsTest, ReloadSetsSnifferLevelAndBridgeMaskFromTheStore) {
     for (uint32_t stored : {DBG_SNIFFER_VERBOSE, 0u}) {
         dbg_level = DBG_TRACE;
         fake::state().settings = {{MIB_DBG_LEVEL, stored}};
-        const std::string out = stdoutOf([this] { reloadSettings(applied); });
+        const std::string out = printedBy([this] { reloadSettings(applied); });
         EXPECT_TRUE(out.starts_with("[Hostrix]:receive USR1 signal and processing....\n")) << out;
         EXPECT_EQ(out.find("bridge_bind_logic_port_mask"), std::string::npos) << out;
         EXPECT_EQ(snifferLogLevel(), stored ? 7u : 3u);
