@@ -15,8 +15,7 @@
 #include "sniffer/sniffer.h"
 #include "traffic/bandwidth.h"
 
-class HostrixTest : public ::testing::Test {
-   protected:
+struct HostrixTest : ::testing::Test {
     void SetUp() override {
         fake::reset();
         settingsReset();

@@ -4,8 +4,7 @@ namespace {
 
 const fake::Mac kHost = fake::mac(2, 0, 0, 0, 0, 1);
 
-class BandwidthTest : public HostrixTest {
-   protected:
+struct BandwidthTest : HostrixTest {
     void SetUp() override {
         HostrixTest::SetUp();
         entry = addHost(kHost);
@@ -62,8 +61,7 @@ TEST_F(BandwidthTest, SamplesOnlyWhenDue) {
         {1, 0, 0, -1, false, false, -1},  {1, 1, 0, -1, false, true, 0},     // 0: only forced
         {0, 1, 10, -1, false, false, -1}, {1, 1, 10, -1, true, false, -1}};  // disabled; no clock
     fake::state().counters[kHost] = {5, 5};
-    for (const auto &[enable, force, interval, nextFromNow, clockFails, sampled, nextAfter] :
-         cases) {
+    for (const auto &[enable, force, interval, nextFromNow, clockFails, sampled, next] : cases) {
         bw() = {};
         bandwidthInterval = interval;
         nextBandwidthTime = start + nextFromNow;
@@ -71,7 +69,7 @@ TEST_F(BandwidthTest, SamplesOnlyWhenDue) {
         const std::string out = printedBy([&] { getAndCalcLanHostCurrBandwidth(enable, force); });
         EXPECT_EQ(std::tuple(bw().txBytes, nextBandwidthTime,
                              out.ends_with("]: exec gettimeofday failed.\n\n")),
-                  std::tuple(sampled ? uint64_t{5} : 0, start + nextAfter, clockFails))
+                  std::tuple(sampled ? uint64_t{5} : 0, start + next, clockFails))
             << int(enable) << int(force) << " " << interval << " " << nextFromNow << " " << out;
     }
 }

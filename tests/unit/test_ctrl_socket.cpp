@@ -8,8 +8,7 @@
 
 namespace {
 
-class CtrlSocketTest : public RootedTest {
-   protected:
+struct CtrlSocketTest : RootedTest {
     void SetUp() override {
         RootedTest::SetUp();
         ASSERT_GE(msg_create_sockfd(), 0);

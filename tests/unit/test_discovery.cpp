@@ -19,8 +19,7 @@ void neigh(const fake::Mac &mac, const std::string &ip) {
         ip + " dev br0 lladdr " + macText(mac) + " STALE\n";
 }
 
-class DiscoveryTest : public RootedTest {
-   protected:
+struct DiscoveryTest : RootedTest {
     void SetUp() override {
         RootedTest::SetUp();
         fake::state().kernelFiles["/proc/net/arp"] = "header\n";  // no entries

@@ -6,8 +6,7 @@ namespace {
 
 const fake::Mac kUnknownMac = checkedMac(0x99);
 
-class HostCommandTest : public HostrixTest {
-   protected:
+struct HostCommandTest : HostrixTest {
     void SetUp() override {
         HostrixTest::SetUp();
         host = addHost(checkedMac(1));
@@ -59,11 +58,11 @@ TEST_F(HostCommandTest, TextIsCutAt63BytesAndReadBackAloneInData) {
         {CMD_SET_OS, CMD_GET_OS, &lanHostInfo_t::os, true},
         {CMD_SET_DEV_NAME, 0, &lanHostInfo_t::devName, false}};
     for (const auto &[setCmd, getCmd, member, terminates] : cases) {
+        SCOPED_TRACE(setCmd);
         char *field = host->lanHost.*member;
         std::memset(field, 'Z', kHostTextLen);
         run(setCmd, 0, 0, std::string(70, 'a'));
-        EXPECT_EQ(std::string(field, 63), std::string(63, 'a')) << setCmd;
-        EXPECT_EQ(field[63], terminates ? '\0' : 'Z') << setCmd;
+        EXPECT_EQ(std::string(field, 64), std::string(63, 'a') + (terminates ? '\0' : 'Z'));
         field[63] = '\0';
         for (int flagged : {1, 0}) {  // a new text, then the same again
             host->informChange = 0;
@@ -76,7 +75,7 @@ TEST_F(HostCommandTest, TextIsCutAt63BytesAndReadBackAloneInData) {
         EXPECT_EQ(read.status, kCtrlStatusOk);
         EXPECT_STREQ(reinterpret_cast<const char *>(read.data + kCtrlTextOffset), "Acme");
         std::memset(read.data + kCtrlTextOffset, 0, 4);
-        EXPECT_TRUE(allZero(read.data, kCtrlDataSize)) << getCmd;
+        EXPECT_TRUE(allZero(read.data, kCtrlDataSize));
     }
 }
 

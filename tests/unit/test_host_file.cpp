@@ -5,13 +5,11 @@
 
 namespace {
 
-class HostFileTest : public RootedTest {
-   protected:
+struct HostFileTest : RootedTest {
     // Slot SLOT online since START, MAC 02:00:00:00:00:SLOT.
     hostEntry &online(uint8_t slot, uint32_t start) {
         hostEntry &entry = hostPool[slot];
-        entry.lanHost.mac[0] = 2;
-        entry.lanHost.mac[5] = slot;
+        std::copy_n(localMac(slot).begin(), 6, entry.lanHost.mac);
         entry.valid = 1;
         entry.startOnLine = start;
         return entry;

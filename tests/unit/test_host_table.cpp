@@ -42,8 +42,7 @@ TEST_F(HostTableTest, FreeListHandsOutTopSlotsUpToTheMaximum) {
     EXPECT_EQ(getFreeFromFreeList(), entry);
     EXPECT_EQ(entry->lanHost.devName[0], '\0');
     setMaxLanHostNum(kHostPoolSize);
-    while (getFreeFromFreeList()) {
-    }
+    while (getFreeFromFreeList()) continue;
     lanHostNum = 100;
     EXPECT_EQ(getFreeFromFreeList(), nullptr);
     EXPECT_EQ(lanHostNum, 100u);

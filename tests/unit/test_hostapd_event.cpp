@@ -10,8 +10,7 @@ namespace {
 const fake::Mac kStation = fake::mac(0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f);
 const std::string kFdbDel = "bridge fdb del 0a:1b:2c:3d:4e:5f dev wlan0-vap1 vlan 1 master";
 
-class HostapdEventTest : public RootedTest {
-   protected:
+struct HostapdEventTest : RootedTest {
     void SetUp() override {
         RootedTest::SetUp();
         station = addHost(kStation, "wlan0-vap1");
@@ -52,8 +51,7 @@ TEST_F(HostapdEventTest, OnlyAnExactDepartureOfAValidHostActs) {
     }
 }
 
-class HostapdSocketTest : public HostapdEventTest {
-   protected:
+struct HostapdSocketTest : HostapdEventTest {
     void SetUp() override {
         HostapdEventTest::SetUp();
         int fd = -1;

@@ -3,8 +3,7 @@
 
 namespace {
 
-class InformTest : public HostrixTest {
-   protected:
+struct InformTest : HostrixTest {
     static hostEntry *arrived(uint8_t last) {
         hostEntry *entry = addHost(checkedMac(last));
         entry->lanHost.firstConnect = 1;

@@ -7,8 +7,7 @@ namespace {
 
 constexpr uint32_t kNone = UINT32_MAX;
 
-class LivenessTest : public RootedTest {
-   protected:
+struct LivenessTest : RootedTest {
     void SetUp() override {
         RootedTest::SetUp();
         fake::state().onCommand = [this](const std::string &line) {
@@ -103,10 +102,7 @@ TEST_F(LivenessTest, AgeingProbesQuietHostsAndDisconnectsSilentOnes) {
 TEST_F(LivenessTest, LinkDownTakesOnlineHostsOfALanPortOfflineWithTheirNeighbours) {
     fake::state().phyIds = {{"eth0.2", 4}, {"eth0.3", 5}};
     hostEntry *entries[5] = {};
-    for (uint8_t k = 1; k <= 4; ++k) {
-        entries[k] = host(k, 0);
-        entries[k]->phyPortId = k == 4 ? 4 : 5;
-    }
+    for (uint8_t k = 1; k <= 4; ++k) (entries[k] = host(k, 0))->phyPortId = k == 4 ? 4 : 5;
     inet_pton(AF_INET6, "fe80::1", entries[1]->lanHost.ipv6);
     entries[2]->lanHost.ip = 0;
     entries[3]->valid = 0;

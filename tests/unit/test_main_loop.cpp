@@ -13,8 +13,7 @@ namespace {
 
 const fake::Mac kMac = localMac(1);
 
-class MainLoopTest : public RootedTest {
-   protected:
+struct MainLoopTest : RootedTest {
     void SetUp() override {
         RootedTest::SetUp();
         sigFlags = 0;

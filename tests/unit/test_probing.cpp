@@ -16,8 +16,7 @@ int openPairEnd(sockaddr_ll &) {
     return ends[0];
 }
 
-class ProbingTest : public HostrixTest {
-   protected:
+struct ProbingTest : HostrixTest {
     void SetUp() override {
         HostrixTest::SetUp();
         fake::state().interfaces["br0"] = {

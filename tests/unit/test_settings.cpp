@@ -2,8 +2,7 @@
 
 namespace {
 
-class SettingsTest : public HostrixTest {
-   protected:
+struct SettingsTest : HostrixTest {
     AppliedSettings applied;
     std::tuple<uint32_t, uint32_t, uint8_t, uint32_t> limits() const {
         return {maxLanHostNum, maxControlledNum, applied.bandwidthEnable, bandwidthInterval};

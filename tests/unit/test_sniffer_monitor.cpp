@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "core/unique_fd.h"
 #include "fixture.h"
@@ -66,15 +65,11 @@ bool eventually(F &&condition) {
     return condition();
 }
 
-class SnifferMonitorTest : public HostrixTest {};
+using SnifferMonitorTest = HostrixTest;
 
 // Looked up in this process: a stop must have ended the thread by the time it returns.
 bool threadNamedSnifferExists() {
-    std::string name;
-    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task"))
-        if (std::getline(std::ifstream(task.path() / "comm"), name) && name == "Sniffer")
-            return true;
-    return false;
+    return shellSays("grep -qx Sniffer /proc/" + std::to_string(getpid()) + "/task/*/comm");
 }
 
 // The sniffer's link listener, the last descriptor its set-up opens, binds to our pid.

@@ -5,8 +5,7 @@
 
 namespace {
 
-class SourcesTest : public RootedTest {
-   protected:
+struct SourcesTest : RootedTest {
     static bool present(int k) { return getHostrixByMac(localMac(k).data()) != nullptr; }
 };
 

@@ -6,13 +6,7 @@
 
 namespace {
 
-std::string funcoffCommand(const std::string &ifname) {
-    return "iwpriv " + ifname +
-           " get_mib func_off | tail -n 1 | awk -F':' '{print $NF}' | sed 's/ //g'";
-}
-
-class WlanStaTest : public HostrixTest {
-   protected:
+struct WlanStaTest : HostrixTest {
     static bool known(uint8_t k) { return is_wifi_station(localMac(k).data()); }
     static hostEntry *host(uint8_t k, const char *ifname, uint8_t type) {
         hostEntry *entry = addHost(localMac(k), ifname);
@@ -33,7 +27,9 @@ TEST_F(WlanStaTest, SnapshotKeepsAssociatedStationsOfLiveInterfacesFromPosition1
     fake::addStation("wlan1", localMac(5));
     fake::state().interfaces["wlan1"].flags = 0;  // down
     fake::addStation("wlan0-vap0", localMac(6));
-    fake::state().commandOutput[funcoffCommand("wlan0-vap0")] = "1\n";
+    fake::state().commandOutput
+        ["iwpriv wlan0-vap0 get_mib func_off | tail -n 1 | "
+         "awk -F':' '{print $NF}' | sed 's/ //g'"] = "1\n";  // off
     for (uint8_t k = 10; k < 10 + 64; ++k) fake::addStation("wlan1-vap3", localMac(k));
     EXPECT_EQ(collectWlanStaInfo(), 0);
     EXPECT_STREQ(wlanStaTable[5].name, "wlan1");
