@@ -97,8 +97,8 @@ TEST_F(MainLoopTest, OnePassDoesEverySignalsWorkInOrder) {
     fake::state().counters[kMac] = {5, 7};
     fake::state().settings = {{MIB_DBG_LEVEL, DBG_TRACE}, {MIB_BANDWIDTH_ENABLE, 1}};
     dbg_level = DBG_TRACE;
-    for (int signo : {SIGTERM, SIGHUP, SIGUSR2, SIGUSR1})
-        signalHandler(signo);  // MIPS numbers differ
+    // Raised in this order whatever their numbers, which differ on MIPS.
+    for (int signo : {SIGTERM, SIGHUP, SIGUSR2, SIGUSR1}) signalHandler(signo);
     const std::string out = printedBy([this] { EXPECT_FALSE(handleSignalWork(state)); });
     size_t usr2 = out.find("receive USR2 signal", out.find("receive USR1 signal"));
     EXPECT_NE(out.find("====> [Sniffer Information] <====", usr2), std::string::npos) << out;
