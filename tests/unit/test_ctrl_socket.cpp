@@ -108,7 +108,8 @@ TEST_F(CtrlSocketTest, HandlerRunsOnlyWhenTheTextAfterTheMacIsPrintable) {
 }
 
 // What the client left in data goes; departures follow the arrivals at the offset the
-// first handler reached.
+// first handler reached. Handlers run in table order: the name setter before the change
+// query, which then reports the host the new name flagged.
 TEST_F(CtrlSocketTest, InformQueriesWipeDataAndAppendInTurn) {
     const ctrlMsg_t empty =
         dispatched(ctrlRequest(CMD_GET_NEW_DEVICE, checkedMac(1), 0, 0, "leftover text"));
@@ -119,6 +120,9 @@ TEST_F(CtrlSocketTest, InformQueriesWipeDataAndAppendInTurn) {
     EXPECT_EQ(std::pair(recordMac(msg, 0), recordMac(msg, 1)),
               std::pair(localMac(1), checkedMac(2)));
     EXPECT_TRUE(allZero(msg.data + 2 * kLanHostInfoSize, kCtrlDataSize - 2 * kLanHostInfoSize));
+    const ctrlMsg_t named =
+        dispatched(ctrlRequest(CMD_SET_DEV_NAME | CMD_GET_INFORM_CHANGE, localMac(1), 0, 0, "tv"));
+    EXPECT_EQ(recordMac(named, 0), localMac(1));
 }
 
 }  // namespace
