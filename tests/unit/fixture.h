@@ -2,6 +2,7 @@
 // table open to all 256 hosts and default settings.
 #pragma once
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include "core/log.h"
@@ -14,8 +15,7 @@
 #include "sniffer/sniffer.h"
 #include "traffic/bandwidth.h"
 
-class HostrixTest : public ::testing::Test {
-protected:
+struct HostrixTest : ::testing::Test {
     void SetUp() override {
         fake::reset();
         settingsReset();
@@ -46,4 +46,18 @@ inline hostEntry *addHost(const fake::Mac &mac, const char *ifname = "eth0.2") {
 inline void makeRecyclable(hostEntry *entry) {
     entry->valid = 0;
     entry->lanHost.firstConnect = 0;
+}
+
+// 02:00:00:00:00:K, a locally administered MAC.
+inline fake::Mac localMac(uint8_t k) {
+    return fake::mac(2, 0, 0, 0, 0, k);
+}
+
+// What F printed on standard output, or with TO_STDERR on standard error.
+template <typename F>
+std::string printedBy(F &&f, bool toStderr = false) {
+    toStderr ? ::testing::internal::CaptureStderr() : ::testing::internal::CaptureStdout();
+    f();
+    return toStderr ? ::testing::internal::GetCapturedStderr()
+                    : ::testing::internal::GetCapturedStdout();
 }

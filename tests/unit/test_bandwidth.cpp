@@ -1,15 +1,10 @@
-#include <algorithm>
-#include <cstring>
-#include <tuple>
-
 #include "fixture.h"
 
 namespace {
 
 const fake::Mac kHost = fake::mac(2, 0, 0, 0, 0, 1);
 
-class BandwidthTest : public HostrixTest {
-   protected:
+struct BandwidthTest : HostrixTest {
     void SetUp() override {
         HostrixTest::SetUp();
         entry = addHost(kHost);
@@ -29,21 +24,19 @@ class BandwidthTest : public HostrixTest {
 
 // Rates in units of 1024 bit/s from two samples; the counts are always the new ones.
 TEST_F(BandwidthTest, SecondSampleGivesRatesAndTheNewCounts) {
-    struct {
-        long secs, usecBefore, usecAfter;
-        uint64_t sent, received;
-        uint32_t up, down;
-    } cases[] = {{10, 0, 0, 1281000, 2561000, 1000, 2000},
-                 {1, 900100, 100, 13800, 1000, 1000, 0},  // 100 ms
-                 {0, 0, 500, 1281000, 2561000, 0, 0},     // same millisecond
-                 {-5, 0, 0, 1281000, 2561000, 0, 0},      // clock set back
-                 {10, 0, 0, 10, 1281000, 0, 1000}};       // sent counter reset
-    for (const auto &c : cases) {
-        sampleAt(start, c.usecBefore, kHost, 1000, 1000);
-        sampleAt(start + c.secs, c.usecAfter, kHost, c.sent, c.received);
+    // Seconds between the samples, their microseconds, the new counts, the rates.
+    const std::tuple<long, long, long, uint64_t, uint64_t, uint32_t, uint32_t> cases[] = {
+        {10, 0, 0, 1281000, 2561000, 1000, 2000},
+        {1, 900100, 100, 13800, 1000, 1000, 0},  // 100 ms
+        {0, 0, 500, 1281000, 2561000, 0, 0},     // same millisecond
+        {-5, 0, 0, 1281000, 2561000, 0, 0},      // clock set back
+        {10, 0, 0, 10, 1281000, 0, 1000}};       // sent counter reset
+    for (const auto &[secs, usecBefore, usecAfter, sent, received, up, down] : cases) {
+        sampleAt(start, usecBefore, kHost, 1000, 1000);
+        sampleAt(start + secs, usecAfter, kHost, sent, received);
         EXPECT_EQ(std::tie(bw().upRate, bw().downRate, bw().txBytes, bw().rxBytes),
-                  std::tie(c.up, c.down, c.sent, c.received))
-            << c.secs << " s " << c.sent;
+                  std::tie(up, down, sent, received))
+            << secs << " s " << sent;
     }
 }
 
@@ -60,31 +53,24 @@ TEST_F(BandwidthTest, ReusedSlotIsMeasuredAgainstThePreviousHostsRecord) {
 
 // A failed clock read samples nothing, says so and keeps the schedule.
 TEST_F(BandwidthTest, SamplesOnlyWhenDue) {
-    struct {
-        uint8_t enable, force;
-        uint32_t interval;
-        int64_t nextFromNow;
-        bool clockFails, sampled;
-        int64_t nextAfter;
-    } cases[] = {
+    // enable and force, the interval, the next pass from now, whether the clock fails; then
+    // whether the pass sampled, and the next pass from now after it.
+    const std::tuple<uint8_t, uint8_t, uint32_t, int64_t, bool, bool, int64_t> cases[] = {
         {1, 0, 10, -1, false, true, 10},  {1, 0, 10, 0, false, false, 0},    // due; not yet
         {1, 1, 10, 5, false, true, 10},                                      // forced: restarts
         {1, 0, 0, -1, false, false, -1},  {1, 1, 0, -1, false, true, 0},     // 0: only forced
         {0, 1, 10, -1, false, false, -1}, {1, 1, 10, -1, true, false, -1}};  // disabled; no clock
     fake::state().counters[kHost] = {5, 5};
-    for (const auto &c : cases) {
+    for (const auto &[enable, force, interval, nextFromNow, clockFails, sampled, next] : cases) {
         bw() = {};
-        bandwidthInterval = c.interval;
-        nextBandwidthTime = start + c.nextFromNow;
-        fake::state().wallFails = c.clockFails;
-        ::testing::internal::CaptureStdout();
-        getAndCalcLanHostCurrBandwidth(c.enable, c.force);
-        std::string out = ::testing::internal::GetCapturedStdout();
-        SCOPED_TRACE(testing::Message() << int(c.enable) << int(c.force) << " " << c.interval << " "
-                                        << c.nextFromNow << " " << c.clockFails);
-        EXPECT_EQ(std::pair(bw().txBytes, nextBandwidthTime),
-                  std::pair(c.sampled ? uint64_t{5} : 0, start + c.nextAfter));
-        EXPECT_EQ(out.ends_with("]: exec gettimeofday failed.\n\n"), c.clockFails) << out;
+        bandwidthInterval = interval;
+        nextBandwidthTime = start + nextFromNow;
+        fake::state().wallFails = clockFails;
+        const std::string out = printedBy([&] { getAndCalcLanHostCurrBandwidth(enable, force); });
+        EXPECT_EQ(std::tuple(bw().txBytes, nextBandwidthTime,
+                             out.ends_with("]: exec gettimeofday failed.\n\n")),
+                  std::tuple(sampled ? uint64_t{5} : 0, start + next, clockFails))
+            << int(enable) << int(force) << " " << interval << " " << nextFromNow << " " << out;
     }
 }
 

@@ -1,21 +1,14 @@
 // The control socket and its dispatcher: a real socket in a temporary root, the client
 // on the test's side, msg_process_sockfd serving one connection.
-#include <sys/socket.h>
-#include <sys/un.h>
-
-#include <csignal>
-
 #include "control/ctrl_socket.h"
 #include "core/clock.h"
-#include "core/unique_fd.h"
 #include "ctrl_request.h"
 #include "hosts/liveness.h"
 #include "root_fixture.h"
 
 namespace {
 
-class CtrlSocketTest : public RootedTest {
-   protected:
+struct CtrlSocketTest : RootedTest {
     void SetUp() override {
         RootedTest::SetUp();
         ASSERT_GE(msg_create_sockfd(), 0);
@@ -25,15 +18,7 @@ class CtrlSocketTest : public RootedTest {
         RootedTest::TearDown();
     }
 
-    static UniqueFd connectClient() {
-        UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::strncpy(addr.sun_path, hostrixPath(HostrixFile::ControlSocket),
-                     sizeof addr.sun_path - 1);
-        EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-        return fd;
-    }
+    static UniqueFd connectClient() { return connectTo(hostrixPath(HostrixFile::ControlSocket)); }
 
     // Sends the first SIZE bytes of MSG, lets the daemon serve them and returns
     // what the client receives up to end of file.
@@ -84,8 +69,7 @@ TEST_F(CtrlSocketTest, SilentClientsWaitAsideWithoutHoldingOthers) {
     EXPECT_EQ(exchange(ctrlRequest(CMD_GET_MAX_HOSTS)).size(), kCtrlMsgSize);
     ctrlMsg_t msg = ctrlRequest(CMD_GET_MAX_HOSTS);
     ASSERT_EQ(send(late.get(), &msg, sizeof msg, 0), static_cast<ssize_t>(sizeof msg));
-    fd_set set;
-    FD_ZERO(&set);
+    fd_set set{};
     int highest = 0;
     ctrlWaitingAddToSet(set, highest);
     ctrlServeWaiting(set);
@@ -106,21 +90,6 @@ TEST_F(CtrlSocketTest, SilentClientsWaitAsideWithoutHoldingOthers) {
     EXPECT_EQ(recv(silent.back().get(), &byte, 1, MSG_DONTWAIT), 0);
 }
 
-// get-OS wipes the MAC, so the name setter after it finds no host; the change query
-// then reports the flagged host. In bit order the name setter would run last.
-TEST_F(CtrlSocketTest, HandlersRunInTableOrderOnOneBuffer) {
-    hostEntry *host = addHost(checkedMac(1));
-    ASSERT_NE(host, nullptr);
-    std::strcpy(host->lanHost.devName, "tv");
-    host->informChange = 1;
-    ctrlMsg_t msg =
-        ctrlRequest(CMD_GET_OS | CMD_SET_DEV_NAME | CMD_GET_INFORM_CHANGE, checkedMac(1));
-    dispatchCtrlMsg(msg);
-    EXPECT_EQ(std::tuple(msg.status, recordMac(msg, 0), std::string(host->lanHost.devName),
-                         host->informChange),
-              std::tuple(kCtrlStatusOk, checkedMac(1), "tv", 0));
-}
-
 // The text after the MAC is checked, never the MAC: any MAC can be reached.
 TEST_F(CtrlSocketTest, HandlerRunsOnlyWhenTheTextAfterTheMacIsPrintable) {
     const std::tuple<fake::Mac, std::string, bool> cases[] = {
@@ -131,9 +100,7 @@ TEST_F(CtrlSocketTest, HandlerRunsOnlyWhenTheTextAfterTheMacIsPrintable) {
         {fake::mac(0x0a, 1, 2, 3, 4, 7), "ab\r\x01", true}};
     for (const auto &[mac, text, runs] : cases) {
         hostEntry *host = addHost(mac);
-        ctrlMsg_t msg = ctrlRequest(CMD_SET_DEVICE_TYPE, mac, 9, 0, text);
-        msg.status = 5;
-        dispatchCtrlMsg(msg);
+        const ctrlMsg_t msg = dispatched(ctrlRequest(CMD_SET_DEVICE_TYPE, mac, 9, 0, text), 5);
         EXPECT_EQ(std::tuple(msg.status, host->lanHost.devType),
                   std::tuple(runs ? kCtrlStatusOk : 5u, runs ? 9 : 0))
             << text;
@@ -141,18 +108,21 @@ TEST_F(CtrlSocketTest, HandlerRunsOnlyWhenTheTextAfterTheMacIsPrintable) {
 }
 
 // What the client left in data goes; departures follow the arrivals at the offset the
-// first handler reached.
+// first handler reached. Handlers run in table order: the name setter before the change
+// query, which then reports the host the new name flagged.
 TEST_F(CtrlSocketTest, InformQueriesWipeDataAndAppendInTurn) {
-    ctrlMsg_t empty = ctrlRequest(CMD_GET_NEW_DEVICE, checkedMac(1), 0, 0, "leftover text");
-    dispatchCtrlMsg(empty);
+    const ctrlMsg_t empty =
+        dispatched(ctrlRequest(CMD_GET_NEW_DEVICE, checkedMac(1), 0, 0, "leftover text"));
     EXPECT_TRUE(allZero(empty.data, sizeof empty.data));
-    addHost(fake::mac(0x02, 0, 0, 0, 0, 1))->lanHost.firstConnect = 1;
+    addHost(localMac(1))->lanHost.firstConnect = 1;
     _disConnLanHost(addHost(checkedMac(2)), "test", __LINE__);
-    ctrlMsg_t msg = ctrlRequest(CMD_GET_NEW_DEVICE | CMD_GET_LEAVE_DEVICE);
-    dispatchCtrlMsg(msg);
-    EXPECT_EQ(recordMac(msg, 0), fake::mac(0x02, 0, 0, 0, 0, 1));
-    EXPECT_EQ(recordMac(msg, 1), checkedMac(2));
+    const ctrlMsg_t msg = dispatched(ctrlRequest(CMD_GET_NEW_DEVICE | CMD_GET_LEAVE_DEVICE));
+    EXPECT_EQ(std::pair(recordMac(msg, 0), recordMac(msg, 1)),
+              std::pair(localMac(1), checkedMac(2)));
     EXPECT_TRUE(allZero(msg.data + 2 * kLanHostInfoSize, kCtrlDataSize - 2 * kLanHostInfoSize));
+    const ctrlMsg_t named =
+        dispatched(ctrlRequest(CMD_SET_DEV_NAME | CMD_GET_INFORM_CHANGE, localMac(1), 0, 0, "tv"));
+    EXPECT_EQ(recordMac(named, 0), localMac(1));
 }
 
 }  // namespace

@@ -1,23 +1,15 @@
-#include <arpa/inet.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstring>
-#include <tuple>
 
 #include "control/host_file.h"
 #include "root_fixture.h"
 
 namespace {
 
-class HostFileTest : public RootedTest {
-   protected:
+struct HostFileTest : RootedTest {
     // Slot SLOT online since START, MAC 02:00:00:00:00:SLOT.
     hostEntry &online(uint8_t slot, uint32_t start) {
         hostEntry &entry = hostPool[slot];
-        entry.lanHost.mac[0] = 2;
-        entry.lanHost.mac[5] = slot;
+        std::copy_n(localMac(slot).begin(), 6, entry.lanHost.mac);
         entry.valid = 1;
         entry.startOnLine = start;
         return entry;
@@ -26,11 +18,6 @@ class HostFileTest : public RootedTest {
         std::string bytes = readText(hostrixPath(HostrixFile::HostInfo));
         std::vector<lanHostInfo_t> list(bytes.size() / kLanHostInfoSize);
         if (!list.empty()) std::memcpy(list.data(), bytes.data(), list.size() * kLanHostInfoSize);
-        return list;
-    }
-    std::vector<int> slots() const {
-        std::vector<int> list;
-        for (const lanHostInfo_t &record : records()) list.push_back(record.mac[5]);
         return list;
     }
 };
@@ -45,8 +32,11 @@ TEST_F(HostFileTest, OnlineHostsAreWrittenRefreshedLongestOnlineFirst) {
     online(5, 100).valid = 0;
     lanHostBw[2] = lanHostBw_t{0, 0, 11, 22, 333, 444};
     EXPECT_EQ(writeLanHostInfo(), 0);
-    ASSERT_EQ(slots(), (std::vector<int>{1, 3, 2, 0}));
-    const lanHostInfo_t record = records()[2];
+    const std::vector<lanHostInfo_t> written = records();
+    std::vector<int> slots;
+    for (const lanHostInfo_t &record : written) slots.push_back(record.mac[5]);
+    ASSERT_EQ(slots, (std::vector<int>{1, 3, 2, 0}));
+    const lanHostInfo_t &record = written[2];
     EXPECT_EQ(
         std::tie(record.onLineTime, record.upRate, record.downRate, record.rxBytes, record.txBytes),
         std::make_tuple(4700u, 11u, 22u, 333u, 444u));

@@ -1,6 +1,3 @@
-#include <cstdlib>
-#include <cstring>
-
 #include "discovery/wlan_sta.h"
 #include "fixture.h"
 
@@ -8,28 +5,22 @@ namespace {
 
 hostEntry *const kNoHost = nullptr;
 
-// MACs whose octets XOR to the same value share a chain: 02:00:00:00:k:k -> chain 2.
-fake::Mac macK(uint8_t k) {
-    return fake::mac(0x02, 0, 0, 0, k, k);
-}
-hostEntry *find(uint8_t k) {
-    return getHostrixByMac(macK(k).data());
-}
-
-std::vector<hostEntry *> chain2() {
-    std::vector<hostEntry *> entries;
-    for (hostEntry *e = hashHeads[2]; e; e = e->next) entries.push_back(e);
-    return entries;
-}
-
-// Each freed host is unregistered from both counter sets while it still has its MAC.
-std::vector<std::pair<fake::Mac, int>> unregistered(std::initializer_list<uint8_t> ks) {
-    std::vector<std::pair<fake::Mac, int>> updates;
-    for (uint8_t k : ks) updates.insert(updates.end(), 2, {macK(k), 0});
-    return updates;
-}
-
-using HostTableTest = HostrixTest;
+struct HostTableTest : HostrixTest {
+    // MACs whose octets XOR to the same value share a chain: 02:00:00:00:k:k -> chain 2.
+    static fake::Mac macK(uint8_t k) { return fake::mac(0x02, 0, 0, 0, k, k); }
+    static hostEntry *find(uint8_t k) { return getHostrixByMac(macK(k).data()); }
+    static std::vector<hostEntry *> chain2() {
+        std::vector<hostEntry *> entries;
+        for (hostEntry *e = hashHeads[2]; e; e = e->next) entries.push_back(e);
+        return entries;
+    }
+    // Each freed host is unregistered from both counter sets while it still has its MAC.
+    static std::vector<std::pair<fake::Mac, int>> unregistered(std::initializer_list<uint8_t> ks) {
+        std::vector<std::pair<fake::Mac, int>> updates;
+        for (uint8_t k : ks) updates.insert(updates.end(), 2, {macK(k), 0});
+        return updates;
+    }
+};
 
 // Slots go out from 255 down and up to the maximum; a freed entry comes back zeroed.
 // An empty free list gives nothing and counts nothing. A reset empties the table and
@@ -45,8 +36,7 @@ TEST_F(HostTableTest, FreeListHandsOutTopSlotsUpToTheMaximum) {
     EXPECT_EQ(getFreeFromFreeList(), entry);
     EXPECT_EQ(entry->lanHost.devName[0], '\0');
     setMaxLanHostNum(kHostPoolSize);
-    while (getFreeFromFreeList()) {
-    }
+    while (getFreeFromFreeList()) continue;
     lanHostNum = 100;
     EXPECT_EQ(getFreeFromFreeList(), nullptr);
     EXPECT_EQ(lanHostNum, 100u);

@@ -1,11 +1,8 @@
 // The authenticator's event channel: the line parser and the actions on the table, and
 // the real listening socket in a temporary root.
-#include <sys/socket.h>
-#include <sys/un.h>
-
 #include "control/ctrl_socket.h"
 #include "control/hostapd_event.h"
-#include "core/unique_fd.h"
+#include "ctrl_request.h"
 #include "root_fixture.h"
 
 namespace {
@@ -13,16 +10,13 @@ namespace {
 const fake::Mac kStation = fake::mac(0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f);
 const std::string kFdbDel = "bridge fdb del 0a:1b:2c:3d:4e:5f dev wlan0-vap1 vlan 1 master";
 
-class HostapdEventTest : public RootedTest {
-   protected:
+struct HostapdEventTest : RootedTest {
     void SetUp() override {
         RootedTest::SetUp();
         station = addHost(kStation, "wlan0-vap1");
     }
     static std::string process(std::string text) {
-        ::testing::internal::CaptureStderr();
-        process_hostapd_event(text.data());
-        return ::testing::internal::GetCapturedStderr();
+        return printedBy([&text] { process_hostapd_event(text.data()); }, true);
     }
     hostEntry *station = nullptr;
 };
@@ -41,7 +35,7 @@ TEST_F(HostapdEventTest, OnlyAnExactDepartureOfAValidHostActs) {
         {"w AP-STA-DISCONNECTED a:1b:2c:3d:4e:5f", true},   // one-digit group
         {" w\tAP-STA-DISCONNECTED\n 0a:1b:2c:3d:4e:5f:7 x", true},
         {std::string(300, 'w') + " AP-STA-DISCONNECTED 0a:1b:2c:3d:4e:5f", true},  // word cut
-        {"w AP-STA-DISCONNECTED 0a:1b:2c:3d:4e:60", false},  // unknown MAC
+        {"w AP-STA-DISCONNECTED 0a:1b:2c:3d:4e:60", false},                        // unknown MAC
         {"w AP-STA-CONNECTED 0a:1b:2c:3d:4e:5f", false},
         {"w AP-STA-DISCONNECTED2 0a:1b:2c:3d:4e:5f", false},
         {"w AP-STA-DISCONNECTED", false},
@@ -57,8 +51,7 @@ TEST_F(HostapdEventTest, OnlyAnExactDepartureOfAValidHostActs) {
     }
 }
 
-class HostapdSocketTest : public HostapdEventTest {
-   protected:
+struct HostapdSocketTest : HostapdEventTest {
     void SetUp() override {
         HostapdEventTest::SetUp();
         int fd = -1;
@@ -70,17 +63,14 @@ class HostapdSocketTest : public HostapdEventTest {
         HostapdEventTest::TearDown();
     }
     static void connectClient(const std::string &text) {
-        UniqueFd fd(socket(AF_UNIX, SOCK_STREAM, 0));
-        sockaddr_un addr{AF_UNIX, {}};
-        std::strcpy(addr.sun_path, hostrixPath(HostrixFile::HostapdSocket));
-        EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+        UniqueFd fd = connectTo(hostrixPath(HostrixFile::HostapdSocket));
         EXPECT_EQ(send(fd.get(), text.data(), text.size(), 0), ssize_t(text.size()));
     }
     // The text left in the buffer, and what went to standard error.
     std::pair<std::string, std::string> receive() {
-        ::testing::internal::CaptureStderr();
-        recv_hostapd_event(listener.get(), buffer, sizeof buffer);
-        return {buffer, ::testing::internal::GetCapturedStderr()};
+        const std::string log =
+            printedBy([this] { recv_hostapd_event(listener.get(), buffer, sizeof buffer); }, true);
+        return {buffer, log};
     }
     UniqueFd listener;
     char buffer[kHostapdEventBufSize] = "previous event";

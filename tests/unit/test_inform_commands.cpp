@@ -1,13 +1,9 @@
-#include <arpa/inet.h>
-
 #include "ctrl_request.h"
 #include "hosts/liveness.h"
 
 namespace {
 
-class InformTest : public HostrixTest {
-   protected:
-
+struct InformTest : HostrixTest {
     static hostEntry *arrived(uint8_t last) {
         hostEntry *entry = addHost(checkedMac(last));
         entry->lanHost.firstConnect = 1;
@@ -22,11 +18,7 @@ class InformTest : public HostrixTest {
         return entry;
     }
 
-    static ctrlMsg_t query(uint32_t cmd) {
-        ctrlMsg_t msg = ctrlRequest(cmd);
-        dispatchCtrlMsg(msg);
-        return msg;
-    }
+    static ctrlMsg_t query(uint32_t cmd) { return dispatched(ctrlRequest(cmd)); }
 
     static lanHostInfo_t record(const ctrlMsg_t &msg, size_t index) {
         lanHostInfo_t host;
@@ -80,11 +72,10 @@ TEST_F(InformTest, EveryQueryRefreshesTheRecordAndConsumesItsFlag) {
         lanHostBw[hostSlot(hosts[i])] = {0, 0, 11, 22, 333, 444};
         ctrlMsg_t msg = query(cmds[i]);
         EXPECT_EQ(recordCount(msg), 1u) << cmds[i];
-        lanHostInfo_t sent = record(msg, 0);
-        EXPECT_EQ(sent.ip, htonl(0xc0a80114)) << cmds[i];
-        EXPECT_EQ(sent.onLineTime, 1000u) << cmds[i];
-        EXPECT_EQ(std::tuple(sent.upRate, sent.downRate, sent.rxBytes, sent.txBytes),
-                  std::tuple(11u, 22u, 333u, 444u))
+        const lanHostInfo_t sent = record(msg, 0);
+        EXPECT_EQ(std::tuple(sent.ip, sent.onLineTime, sent.upRate, sent.downRate, sent.rxBytes,
+                             sent.txBytes),
+                  std::tuple(htonl(0xc0a80114), 1000u, 11u, 22u, 333u, 444u))
             << cmds[i];
         EXPECT_EQ(recordCount(query(cmds[i])), 0u) << cmds[i];
     }

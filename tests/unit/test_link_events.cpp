@@ -4,11 +4,8 @@
 #include <net/if.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <memory>
-#include <string>
 
 #include "fixture.h"
 #include "netlink_bytes.h"
@@ -22,18 +19,11 @@ using nlbytes::Bytes;
 using nlbytes::join;
 using nlbytes::raw;
 
-Bytes name(const std::string &ifname) {
-    return nlbytes::attr(IFLA_IFNAME, Bytes(ifname.c_str(), ifname.c_str() + ifname.size() + 1));
-}
-
-Bytes master(uint32_t ifindex) {
-    return nlbytes::attr(IFLA_MASTER, raw(ifindex));
-}
-
-Bytes link(uint16_t type, const Bytes &attributes) {
-    ifinfomsg info{};
-    info.ifi_family = AF_BRIDGE;
-    return nlbytes::message(type, 0, join({raw(info), attributes}));
+// A bridge's link message for IFNAME, with its master's index unless that is 0.
+Bytes link(uint16_t type, const char *ifname, uint32_t master = 0) {
+    const Bytes attributes = join({nlbytes::attr(IFLA_IFNAME, nlbytes::text(ifname)),
+                                   master ? nlbytes::attrOf(IFLA_MASTER, master) : Bytes{}});
+    return nlbytes::message(type, 0, join({raw(ifinfomsg{AF_BRIDGE, 0, 0, 0, 0, 0}), attributes}));
 }
 
 // An exactly sized heap copy, so that ASan catches a read past the end.
@@ -72,34 +62,27 @@ bool makeBridges() {
 int walkInChild() {
     if (!makeBridges()) return kNetnsNoSetup;
     const uint32_t br0 = if_nametoindex("br0"), br1 = if_nametoindex("br1");
-    const Bytes nas = join({name("nas0_1"), master(br0)});
-    const struct {
-        const char *what;
-        Bytes bytes;
-        const char *after;
-    } steps[] = {
+    // What the step is, its bytes, and the monitored interfaces after it.
+    const std::tuple<const char *, Bytes, const char *> steps[] = {
         {"eth0.3 and nas1_0 are no watched ports",
-         join({link(RTM_NEWLINK, join({name("eth0.3"), master(br0)})),
-               link(RTM_NEWLINK, join({name("nas1_0"), master(br0)}))}),
-         "br0/NULL"},
-        {"bridge not monitored", link(RTM_NEWLINK, join({name("nas0_2"), master(br1)})),
-         "br0/NULL"},
+         join({link(RTM_NEWLINK, "eth0.3", br0), link(RTM_NEWLINK, "nas1_0", br0)}), "br0/NULL"},
+        {"bridge not monitored", link(RTM_NEWLINK, "nas0_2", br1), "br0/NULL"},
         {"a port joins in a second message",
-         join({link(RTM_NEWLINK, join({name("eth0.3"), master(br0)})), link(RTM_NEWLINK, nas)}),
+         join({link(RTM_NEWLINK, "eth0.3", br0), link(RTM_NEWLINK, "nas0_1", br0)}),
          "br0/NULL nas0_1/br0"},
-        {"bridge leaves with its ports", link(RTM_DELLINK, name("br0")), ""},
+        {"bridge leaves with its ports", link(RTM_DELLINK, "br0"), ""},
     };
-    for (const auto &step : steps) {
-        feed(step.bytes);
-        if (monitored() != step.after) {
-            std::fprintf(stderr, "%s: %s\n", step.what, monitored().c_str());
+    for (const auto &[what, bytes, after] : steps) {
+        feed(bytes);
+        if (monitored() != after) {
+            std::fprintf(stderr, "%s: %s\n", what, monitored().c_str());
             return kNetnsCheckFailed;
         }
     }
     return kNetnsPassed;
 }
 
-class LinkEventsTest : public HostrixTest {};
+using LinkEventsTest = HostrixTest;
 
 TEST_F(LinkEventsTest, OnlyWatchedPortsOfAMonitoredBridgeJoinAndABridgeLeavesWithItsPorts) {
     expectPassesInPrivateNetns(walkInChild);

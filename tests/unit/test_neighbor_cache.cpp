@@ -1,7 +1,5 @@
 // The neighbour cache's bound: the line that reports replacements in a full cache, at
 // most once a minute. Ageing is the packet parser's tests'.
-#include <arpa/inet.h>
-
 #include <regex>
 
 #include "fixture.h"
@@ -9,10 +7,8 @@
 
 namespace {
 
-using Mac = std::array<uint8_t, 6>;
-
 // Distinct MACs, spread over all six octets so that they share no hash pattern.
-Mac macOf(uint32_t n) {
+fake::Mac macOf(uint32_t n) {
     return {0x02, uint8_t(n * 37), uint8_t(n >> 8), uint8_t(n), uint8_t(n * 11), 0x5a};
 }
 

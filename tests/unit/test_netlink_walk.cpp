@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <memory>
-#include <vector>
 
 #include "core/netlink_walk.h"
 #include "netlink_bytes.h"
@@ -14,7 +12,7 @@ namespace {
 
 using nlbytes::Bytes;
 using nlbytes::join;
-using nlbytes::raw;
+using nlbytes::message;
 
 struct Walked {
     std::vector<uint16_t> types;  // of each message visited
@@ -30,19 +28,13 @@ Walked walk(const Bytes &bytes, size_t offset, uint16_t stop = 0xffff) {
     if (!bytes.empty()) std::memcpy(block.get() + offset, bytes.data(), bytes.size());
     const netlink::Bytes span(block.get() + offset, bytes.size());
     Walked out;
-    const auto visit = [&](uint16_t type, netlink::Bytes payload) {
-        out.types.push_back(type);
-        out.payloads.insert(out.payloads.end(), payload.begin(), payload.end());
-        return type != stop;
-    };
     out.left = netlink::forEachMessage(span, [&](const nlmsghdr *message) {
-        return visit(message->nlmsg_type, netlink::payloadOf(message));
+        const netlink::Bytes payload = netlink::payloadOf(message);
+        out.types.push_back(message->nlmsg_type);
+        out.payloads.insert(out.payloads.end(), payload.begin(), payload.end());
+        return message->nlmsg_type != stop;
     });
     return out;
-}
-
-Bytes message(uint16_t type, const Bytes &payload) {
-    return nlbytes::message(type, 1, payload);
 }
 
 // BYTES with the length field of their first header set to LENGTH.
@@ -52,32 +44,23 @@ Bytes withLength(Bytes bytes, Length length) {
     return bytes;
 }
 
-Bytes ones(size_t count) {
-    return Bytes(count, 1);
-}
-
-struct Case {
-    const char *what;
-    Bytes bytes;
-    Walked expected;
-};
-
 TEST(NetlinkWalk, MessagesWholeTruncatedAndImpossible) {
-    const Bytes three = message(20, ones(3));  // 19 bytes, padded to 20 when another follows
-    const Bytes eight = message(20, ones(8));
-    const Case cases[] = {
+    const Bytes three = message(20, 1, Bytes(3, 1));  // 19 bytes, padded to 20 when another follows
+    const Bytes eight = message(20, 1, Bytes(8, 1));
+    // What the bytes are, the bytes, and what the walk visits and leaves.
+    const std::tuple<const char *, Bytes, Walked> cases[] = {
         {"empty", {}, {{}, {}, 0}},
-        {"last one unpadded", join({three, Bytes(1), three}), {{20, 20}, ones(6), 0}},
-        {"a tail too short for a header", join({three, Bytes(1), ones(5)}), {{20}, ones(3), 5}},
+        {"last one unpadded", join({three, Bytes(1), three}), {{20, 20}, Bytes(6, 1), 0}},
+        {"a headerless tail", join({three, Bytes(1), Bytes(5, 1)}), {{20}, Bytes(3, 1), 5}},
         {"a length past the end", withLength(three, 24u), {{}, {}, 19}},
         {"a length under the header's", withLength(eight, 8u), {{}, {}, 24}},
-        {"a zero length", join({three, Bytes(1), withLength(three, 0u)}), {{20}, ones(3), 19}},
+        {"a zero length", join({three, Bytes(1), withLength(three, 0u)}), {{20}, Bytes(3, 1), 19}},
         {"a length with its top bit set", withLength(eight, 0x80000018u), {{}, {}, 24}},
-        {"stopped by the visitor", join({message(7, {}), three}), {{7}, {}, 0}},
+        {"stopped by the visitor", join({message(7, 1, {}), three}), {{7}, {}, 0}},
     };
-    for (const Case &c : cases)
+    for (const auto &[what, bytes, expected] : cases)
         for (size_t offset : {0, 1})
-            EXPECT_EQ(walk(c.bytes, offset, 7), c.expected) << c.what << " at " << offset;
+            EXPECT_EQ(walk(bytes, offset, 7), expected) << what << " at " << offset;
 }
 
 }  // namespace

@@ -1,7 +1,4 @@
-#include <arpa/inet.h>
-
 #include "fixture.h"
-#include "sniffer/neighbor_cache.h"
 #include "sniffer/packet_parser.h"
 
 namespace {
@@ -41,7 +38,8 @@ Frame toServer(const Frame &payload, uint16_t port = 67, int lengthExtra = 0) {
     auto length = uint16_t(8 + payload.size() + lengthExtra);
     return ipv4(17, Frame(4, 0),
                 Frame{0, 68, uint8_t(port >> 8), uint8_t(port), uint8_t(length >> 8),
-                      uint8_t(length), 0, 0} + payload);
+                      uint8_t(length), 0, 0} +
+                    payload);
 }
 
 // BOOTP reply for the host (xid, yiaddr, chaddr, cookie), then OPTIONS up to the frame's end.
@@ -70,17 +68,12 @@ std::string lookup(const Frame &mac) {
     uint32_t ip = 0;
     char name[kNeighborNameLen] = {};
     if (!getSnifferNeighborHost(mac.data(), &ip, name, sizeof name)) return "none";
-    char text[INET_ADDRSTRLEN];
-    return std::string(inet_ntop(AF_INET, &ip, text, sizeof text)) + " " + name;
+    return inet_ntoa({ip}) + std::string(" ") + name;
 }
 
-std::string dump() {
-    ::testing::internal::CaptureStdout();
-    dump_neighbor_host();
-    return ::testing::internal::GetCapturedStdout();
-}
-
-using NeighborTest = HostrixTest;
+struct NeighborTest : HostrixTest {
+    static std::string dump() { return printedBy(dump_neighbor_host); }
+};
 
 TEST_F(NeighborTest, ArpRepliesAndOtherIpv4RecordTheirPairsButNoZeroMac) {
     EXPECT_EQ(parse(Frame(13, 0)), -1);
@@ -148,8 +141,8 @@ TEST_F(NeighborTest, BadOrUnwantedFramesChangeNothing) {
     // Each is parsed at its exact size, so the short ones also check the bounds.
     const std::pair<const char *, Frame> cases[] = {
         {"ArpRequest", arp(1, kHost, kHostIp, kGateway, kGatewayIp)},
-        {"ArpForIpv6", ethernet(kHost, 0x0806) + Frame{0, 1, 0x86, 0xdd, 6, 4, 0, 2, 1, 1} +
-                           Frame(18, 1)},
+        {"ArpForIpv6",
+         ethernet(kHost, 0x0806) + Frame{0, 1, 0x86, 0xdd, 6, 4, 0, 2, 1, 1} + Frame(18, 1)},
         {"ArpOneByteShort", Frame(reply.begin(), reply.end() - 1)},
         {"VlanTagged",
          ethernet(kHost, 0x8100) + Frame{0, 1} + Frame(reply.begin() + 12, reply.end())},

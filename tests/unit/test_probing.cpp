@@ -1,8 +1,4 @@
-#include <arpa/inet.h>
 #include <sys/socket.h>
-
-#include <algorithm>
-#include <vector>
 
 #include "fixture.h"
 #include "hosts/probing.h"
@@ -20,14 +16,11 @@ int openPairEnd(sockaddr_ll &) {
     return ends[0];
 }
 
-class ProbingTest : public HostrixTest {
-   protected:
+struct ProbingTest : HostrixTest {
     void SetUp() override {
         HostrixTest::SetUp();
-        fake::Interface &br0 = fake::state().interfaces["br0"];
-        br0.addr = htonl(0xc0a80101);
-        br0.mac = fake::mac(0x0a, 0x77, 0xff, 0, 0, 1);
-        br0.hasMac = true;
+        fake::state().interfaces["br0"] = {
+            .addr = htonl(0xc0a80101), .mac = fake::mac(0x0a, 0x77, 0xff, 0, 0, 1), .hasMac = true};
         openerCalls = 0;
         setArpSocketOpener(openPairEnd);
     }
@@ -37,7 +30,7 @@ class ProbingTest : public HostrixTest {
     }
     // A host with a probing series open: RETRIES left, last request AGO seconds back.
     hostEntry *probed(uint8_t k, uint32_t retries, uint32_t ago) {
-        hostEntry *entry = addHost(fake::mac(2, 0, 0, 0, 0, k));
+        hostEntry *entry = addHost(localMac(k));
         entry->lanHost.arpReqIp = htonl(0xc0a80100u | k);
         entry->lanHost.arpRetryCnt = retries;
         entry->arpReqTime = static_cast<uint32_t>(fake::state().monotonic.tv_sec) - ago;
@@ -80,9 +73,7 @@ TEST_F(ProbingTest, DueHostsShareOneSocketAndTheSeriesAdvances) {
     hostEntry *first = probed(1, 3, 20);
     hostEntry *last = probed(2, 1, 25);
     dbg_level = DBG_AGEING;
-    ::testing::internal::CaptureStdout();
-    EXPECT_EQ(sendARPRequest(), 0);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+    EXPECT_EQ(printedBy([] { EXPECT_EQ(sendARPRequest(), 0); }),
               "[Hostrix]:send ARP Request to c0a80102 (3/3).\n"
               "[Hostrix]:send ARP Request to c0a80101 (1/3).\n");
     EXPECT_EQ(std::tuple(openerCalls, targetsSent()), std::tuple(1, std::vector<uint8_t>{2, 1}));
@@ -94,7 +85,7 @@ TEST_F(ProbingTest, DueHostsShareOneSocketAndTheSeriesAdvances) {
 TEST_F(ProbingTest, NeighbourSolicitationsSkipLinkLocalAndOfflineHosts) {
     const char *addresses[] = {"2001:db8::5", "fd00::5", "fe80::1", "2001:db8::6", "::"};
     for (uint8_t k = 1; k <= 5; ++k) {
-        hostEntry *entry = addHost(fake::mac(2, 0, 0, 0, 0, k));
+        hostEntry *entry = addHost(localMac(k));
         inet_pton(AF_INET6, addresses[k - 1], entry->lanHost.ipv6);
         entry->valid = k != 4;
     }

@@ -1,40 +1,25 @@
-#include <array>
-#include <string>
-#include <tuple>
-
 #include "fixture.h"
 
 namespace {
 
-class SettingsTest : public HostrixTest {
-   protected:
+struct SettingsTest : HostrixTest {
     AppliedSettings applied;
     std::tuple<uint32_t, uint32_t, uint8_t, uint32_t> limits() const {
         return {maxLanHostNum, maxControlledNum, applied.bandwidthEnable, bandwidthInterval};
     }
 };
 
-// Each direct setting comes from its own id; one that cannot be read keeps its value.
-TEST_F(SettingsTest, DirectSettingsAreReadByIdAndKeptWhenUnreadable) {
-    fake::state().settings = {{MIB_DBG_LEVEL, 0x800}, {MIB_ARP_INTERVAL, 21},
-                              {MIB_AGEOUT_TIME, 61},  {MIB_ARP_RETRY, 4},
-                              {MIB_FDB_IDLE_MAX, 91}, {MIB_IDLE_TIMEOUT, 92}};
-    readDirectSettings();
-    fake::state().settings.clear();
-    readDirectSettings();
-    EXPECT_EQ((std::array{dbg_level, NET_INFO_ARP_INTERVAL, NET_INFO_AGEOUT_TIME,
-                          NET_INFO_ARP_RETRY, NET_INFO_FDB_IDLE_MAX, NET_INFO_IDLE_TIMEOUT}),
-              (std::array<uint32_t, 6>{0x800, 21, 61, 4, 91, 92}));
-}
-
 // The limits are applied at start-up and again at every reload, each only when its
 // stored value changed: a limit a command changed since stays, and a rejected value
 // is remembered rather than retried. The enable flag is one byte: 0x101 reads as 1.
+// The direct settings are read at every reload, each from its own id; one that cannot
+// be read keeps its value.
 TEST_F(SettingsTest, LimitsAreAppliedWhenTheirStoredValueChanges) {
-    fake::state().settings = {{MIB_MAX_LAN_HOST_NUM, 300},
-                              {MIB_MAX_CONTROLLED_NUM, 8},
-                              {MIB_BANDWIDTH_ENABLE, 0x101},
-                              {MIB_BANDWIDTH_INTERVAL, 10}};
+    fake::state().settings = {{MIB_MAX_LAN_HOST_NUM, 300},   {MIB_MAX_CONTROLLED_NUM, 8},
+                              {MIB_BANDWIDTH_ENABLE, 0x101}, {MIB_BANDWIDTH_INTERVAL, 10},
+                              {MIB_DBG_LEVEL, 0x800},        {MIB_ARP_INTERVAL, 21},
+                              {MIB_AGEOUT_TIME, 61},         {MIB_ARP_RETRY, 4},
+                              {MIB_FDB_IDLE_MAX, 91},        {MIB_IDLE_TIMEOUT, 92}};
     applyChangedSettings(applied);
     EXPECT_EQ(limits(), std::tuple(256u, 8u, 1, 10u));
     setMaxLanHostNum(4);
@@ -47,6 +32,9 @@ TEST_F(SettingsTest, LimitsAreAppliedWhenTheirStoredValueChanges) {
                               {MIB_BANDWIDTH_INTERVAL, 0}};
     reloadSettings(applied);
     EXPECT_EQ(limits(), std::tuple(32u, 12u, 0, 0u));
+    EXPECT_EQ((std::array{dbg_level, NET_INFO_ARP_INTERVAL, NET_INFO_AGEOUT_TIME,
+                          NET_INFO_ARP_RETRY, NET_INFO_FDB_IDLE_MAX, NET_INFO_IDLE_TIMEOUT}),
+              (std::array<uint32_t, 6>{0x800, 21, 61, 4, 91, 92}));
 }
 
 // The USR1 line follows the flags in force before the reload (here set through the
@@ -59,9 +47,7 @@ TEST_F(SettingsTest, ReloadSetsSnifferLevelAndBridgeMaskFromTheStore) {
     for (uint32_t stored : {DBG_SNIFFER_VERBOSE, 0u}) {
         dbg_level = DBG_TRACE;
         fake::state().settings = {{MIB_DBG_LEVEL, stored}};
-        ::testing::internal::CaptureStdout();
-        reloadSettings(applied);
-        std::string out = ::testing::internal::GetCapturedStdout();
+        const std::string out = printedBy([this] { reloadSettings(applied); });
         EXPECT_TRUE(out.starts_with("[Hostrix]:receive USR1 signal and processing....\n")) << out;
         EXPECT_EQ(out.find("bridge_bind_logic_port_mask"), std::string::npos) << out;
         EXPECT_EQ(snifferLogLevel(), stored ? 7u : 3u);

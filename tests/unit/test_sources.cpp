@@ -1,21 +1,12 @@
-// The per-cycle sources: ignore list, IPv6 neighbours and the lease snapshot. The ARP
-// table and its index are the discovery cycle's tests'.
-#include <arpa/inet.h>
-
-#include <filesystem>
-
+// The per-cycle sources: ignore list and IPv6 neighbours. The ARP table, its index and
+// the lease snapshot are the discovery cycle's tests'.
 #include "discovery/sources.h"
 #include "root_fixture.h"
 
 namespace {
 
-fake::Mac mac(int k) {
-    return fake::mac(2, 0, 0, 0, uint8_t(k >> 8), uint8_t(k));
-}
-
-class SourcesTest : public RootedTest {
-   protected:
-    static bool present(int k) { return getHostrixByMac(mac(k).data()) != nullptr; }
+struct SourcesTest : RootedTest {
+    static bool present(int k) { return getHostrixByMac(localMac(k).data()) != nullptr; }
 };
 
 // The first line only; a token takes its port's dot sub-interfaces along. A token of
@@ -25,7 +16,7 @@ TEST_F(SourcesTest, IgnoreListRemovesAndFiltersThePortsOfItsFirstLine) {
     std::ofstream(hostrixPath(HostrixFile::IgnoreIfnames))
         << "eth0.3,wlan1\r " << other63 << "," << name63 << "z\nwlan0\n";
     const std::string ifnames[] = {"eth0.3", "wlan1.2", "wlan1-vap0", "wlan0", name63, other63};
-    for (int k = 0; k < 6; ++k) addHost(mac(k), ifnames[k].c_str());
+    for (int k = 0; k < 6; ++k) addHost(localMac(k), ifnames[k].c_str());
     EXPECT_EQ(read_ignore_ifnames(), 0);
     for (int k = 0; k < 6; ++k) EXPECT_EQ(present(k), k >= 2 && k <= 4) << ifnames[k];
     for (const char *name : {"eth0.3", "wlan1", "wlan1.2", "br0", "wlan1-vxd0", "wlan0-vxd"})
@@ -37,18 +28,6 @@ TEST_F(SourcesTest, IgnoreListRemovesAndFiltersThePortsOfItsFirstLine) {
     EXPECT_EQ(read_ignore_ifnames(), -1);
     EXPECT_EQ(is_ignore_ifname("wlan1"), 0);
     EXPECT_FALSE(present(1));  // nothing comes back by itself
-}
-
-// The snapshot serves the cycles of 5 s, but a database the server rewrote (a release)
-// is read at the next cycle, however young the snapshot.
-TEST_F(SourcesTest, LeasesAreReusedFor4SecondsUnlessTheServerRewroteThem) {
-    fake::state().leases = {dhcp_lease{}};
-    EXPECT_EQ(refresh_dhcp_leases(), 1);
-    fake::state().leases.resize(2);
-    fake::advanceSeconds(4);
-    EXPECT_EQ(refresh_dhcp_leases(), 1);
-    fake::state().leasesChanged = true;
-    EXPECT_EQ(refresh_dhcp_leases(), 2);
 }
 
 // Per MAC the first address wins unless it is link-local (fe80::/10).
@@ -70,7 +49,7 @@ TEST_F(SourcesTest, NeighbourListKeepsOneUsefulAddressPerMac) {
     EXPECT_EQ(collect_ipv6_neigh(&head), 4);
     const char *kept[] = {"2001:db8::1", "2001:db8::2", "2001:db8::3", "fec0::4"};
     for (int k = 1; k <= 4; ++k) {
-        ipv6_neigh *node = find_ipv6_neigh(head, mac(k).data());
+        ipv6_neigh *node = find_ipv6_neigh(head, localMac(k).data());
         char text[INET6_ADDRSTRLEN] = "none";
         if (node) inet_ntop(AF_INET6, node->addr, text, sizeof text);
         EXPECT_STREQ(text, kept[k - 1]);

@@ -6,20 +6,10 @@
 
 namespace {
 
-std::string funcoffCommand(const std::string &ifname) {
-    return "iwpriv " + ifname +
-           " get_mib func_off | tail -n 1 | awk -F':' '{print $NF}' | sed 's/ //g'";
-}
-
-fake::Mac mac(uint8_t k) {
-    return fake::mac(2, 0, 0, 0, 0, k);
-}
-
-class WlanStaTest : public HostrixTest {
-   protected:
-    static bool known(uint8_t k) { return is_wifi_station(mac(k).data()); }
+struct WlanStaTest : HostrixTest {
+    static bool known(uint8_t k) { return is_wifi_station(localMac(k).data()); }
     static hostEntry *host(uint8_t k, const char *ifname, uint8_t type) {
-        hostEntry *entry = addHost(mac(k), ifname);
+        hostEntry *entry = addHost(localMac(k), ifname);
         entry->lanHost.connectionType = type;
         std::strcpy(entry->lanHost.negRxRate, "old");
         std::strcpy(entry->lanHost.negTxRate, "old");
@@ -28,17 +18,19 @@ class WlanStaTest : public HostrixTest {
 };
 
 TEST_F(WlanStaTest, SnapshotKeepsAssociatedStationsOfLiveInterfacesFromPosition1) {
-    for (uint8_t k = 1; k <= 4; ++k) fake::addStation("wlan0", mac(k));
+    for (uint8_t k = 1; k <= 4; ++k) fake::addStation("wlan0", localMac(k));
     std::vector<wlStaInfo> &list = fake::state().stations["wlan0"];
     list[0] = list[1];  // a live record where the driver's list never has one
     list[0].mac[5] = 0xee;
     list[2].inUse = 0;
     list[3].flags = 0x0003;
-    fake::addStation("wlan1", mac(5));
+    fake::addStation("wlan1", localMac(5));
     fake::state().interfaces["wlan1"].flags = 0;  // down
-    fake::addStation("wlan0-vap0", mac(6));
-    fake::state().commandOutput[funcoffCommand("wlan0-vap0")] = "1\n";
-    for (uint8_t k = 10; k < 10 + 64; ++k) fake::addStation("wlan1-vap3", mac(k));
+    fake::addStation("wlan0-vap0", localMac(6));
+    fake::state().commandOutput
+        ["iwpriv wlan0-vap0 get_mib func_off | tail -n 1 | "
+         "awk -F':' '{print $NF}' | sed 's/ //g'"] = "1\n";  // off
+    for (uint8_t k = 10; k < 10 + 64; ++k) fake::addStation("wlan1-vap3", localMac(k));
     EXPECT_EQ(collectWlanStaInfo(), 0);
     EXPECT_STREQ(wlanStaTable[5].name, "wlan1");
     EXPECT_TRUE(known(1) && known(4) && known(10) && known(73));
@@ -65,8 +57,8 @@ TEST_F(WlanStaTest, WiredHostGetsItsPortSpeedInBothRates) {
 
 // The last slot that holds the MAC decides; an SSID change is reported after arrival.
 TEST_F(WlanStaTest, StationGivesRatesSignalAndSsid) {
-    fake::addStation("wlan0", mac(1)).signal = 10;
-    wlStaInfo &sta = fake::addStation("wlan1-vap1", mac(1));
+    fake::addStation("wlan0", localMac(1)).signal = 10;
+    wlStaInfo &sta = fake::addStation("wlan1-vap1", localMac(1));
     sta.signal = 60;
     sta.txRateKbps = 866000;
     sta.rxRateKbps = 433000;
