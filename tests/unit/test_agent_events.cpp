@@ -10,15 +10,23 @@ namespace {
 using Lines = std::vector<std::string>;
 TEST(AgentRequest, AcceptsOnlyTheTwoForms) {
     const std::pair<const char *, std::optional<uint64_t>> accepted[] = {
-        {"{}", {}}, {" { } \r", {}}, {"{\"since\": 42}", 42}, {"{\"since\":18446744073709551615}", UINT64_MAX}};
+        {"{}", {}},
+        {" { } \r", {}},
+        {"{\"since\": 42}", 42},
+        {"{\"since\":18446744073709551615}", UINT64_MAX}};
     for (const auto &[line, since] : accepted) {
         std::optional<SubscriberRequest> got = parseRequest(line);
         EXPECT_TRUE(got && got->since == since) << line;
     }
-    const std::string refused[] = {
-        "{\"since\":18446744073709551616}",  // overflow
-        "{\"since\": -1}", "{\"since\": }", "{\"since\": 1} x", "{\"until\": 1}", "{", "", "GET / HTTP/1.0",
-        "{" + std::string(kMaxRequestLine, ' ') + "}"};
+    const std::string refused[] = {"{\"since\":18446744073709551616}",  // overflow
+                                   "{\"since\": -1}",
+                                   "{\"since\": }",
+                                   "{\"since\": 1} x",
+                                   "{\"until\": 1}",
+                                   "{",
+                                   "",
+                                   "GET / HTTP/1.0",
+                                   "{" + std::string(kMaxRequestLine, ' ') + "}"};
     for (const std::string &line : refused) EXPECT_FALSE(parseRequest(line)) << line;
 }
 

@@ -17,7 +17,8 @@ TEST(HistoryTest, WritesComeBackAfterAReopen) {
         DeviceRow row{mac, 100, 200, "", "phone", "dhcp", true, "android",
                       "10.0.0.2", "", "eth0.2", "0a:00:00:00:00:09"};
         FingerprintRow print{mac, {{}, "", "ff:01", "", {1, 3, 6}}, 150};
-        ASSERT_TRUE(history.write({row}, {print}, {{mac, 100, {}}, {mac, 100, 180}, {mac, 190, {}}}));
+        ASSERT_TRUE(
+            history.write({row}, {print}, {{mac, 100, {}}, {mac, 100, 180}, {mac, 190, {}}}));
         row.lastSeen = 300;
         ASSERT_TRUE(history.write({row}, {}, {}));  // a later batch replaces the row
     }

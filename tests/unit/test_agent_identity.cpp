@@ -47,8 +47,13 @@ TEST(AgentDhcpReport, RoundTripsAndBoundsLanText) {
     for (size_t i = 0; i < kMaxRequestedOptions; ++i) manyOptions += ",1";
     const std::string bad[] = {
         "hostname=x\n",  // no mac
-        "mac=02:00:00:00:00:0g\n", mac + "no equals\n", mac + "options=1,,3\n", mac + "options=256\n",
-        mac + "options=0x10\n", mac + "options=-1\n", manyOptions,
+        "mac=02:00:00:00:00:0g\n",
+        mac + "no equals\n",
+        mac + "options=1,,3\n",
+        mac + "options=256\n",
+        mac + "options=0x10\n",
+        mac + "options=-1\n",
+        manyOptions,
         mac + "vendor_class=" + std::string(kMaxDhcpField + 1, 'v'),
     };
     for (const std::string &text : bad) EXPECT_FALSE(parseDhcpReport(text)) << text;

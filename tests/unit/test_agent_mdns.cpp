@@ -34,7 +34,8 @@ TEST(AgentMdns, LearnsAAndAaaaWithCompressedNamesUpToTheRecordBound) {
         {"laptop", true, {0xfd, 0x77, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5}, 120}};
     EXPECT_EQ(parse(response(2, {kLaptopLocal, kARecordTail, kSameName, kAaaaTail})), expected);
     std::vector<Bytes> records = {kLaptopLocal, kARecordTail};
-    for (size_t i = 1; i < kMaxMdnsRecords + 10; ++i) records.insert(records.end(), {kSameName, kARecordTail});
+    for (size_t i = 1; i < kMaxMdnsRecords + 10; ++i)
+        records.insert(records.end(), {kSameName, kARecordTail});
     EXPECT_EQ(parse(response(0xff, records)).size(), kMaxMdnsRecords);
 }
 

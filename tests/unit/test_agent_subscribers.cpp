@@ -22,7 +22,8 @@ protected:
         std::strcpy(addr.sun_path, path_.c_str());
         EXPECT_EQ(connect(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
         pump();  // accepted
-        EXPECT_EQ(send(fd.get(), request.data(), request.size(), MSG_NOSIGNAL), ssize_t(request.size()));
+        EXPECT_EQ(send(fd.get(), request.data(), request.size(), MSG_NOSIGNAL),
+                  ssize_t(request.size()));
         return fd;
     }
 
@@ -54,7 +55,8 @@ protected:
 
 TEST_F(HubTest, GreetsByRequestAndDropsBadSubscribers) {
     UniqueFd plain = subscriber("{}\n"), since = subscriber("{\"since\": 7}\n");
-    UniqueFd garbage = subscriber("hello\n"), huge = subscriber(std::string(kMaxRequestLine + 1, '{'));
+    UniqueFd garbage = subscriber("hello\n"),
+             huge = subscriber(std::string(kMaxRequestLine + 1, '{'));
     UniqueFd silent = subscriber("");
     for (int i = 0; i < 4; ++i) pump();
     EXPECT_EQ(hub_.clients(), 3u);  // the garbage and the huge line are gone

@@ -47,7 +47,8 @@ TEST(AgentWebMetrics, TrafficSeriesAreBoundedAndLabelled) {
     const std::string text = metricsText(hosts.size(), hosts, {{"new", 3}}, {});
     auto count = [&](const std::string &line) {
         size_t n = 0;
-        for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1)) ++n;
+        for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1))
+            ++n;
         return n;
     };
     const std::string labels = "{mac=\"0a:00:00:00:00:01\",name=\"n\\\"x\"} ";

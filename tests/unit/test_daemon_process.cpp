@@ -40,7 +40,8 @@ TEST(DaemonProcessTest, SignalsAreTheMainThreadsAndOnlySigtermEndsTheDaemon) {
     const std::string log = dir.file("daemon.log");
     fs::create_directories(dir.file("etc/hostrix"));
     std::ofstream(dir.file("etc/hostrix/mib.conf")) << "counters = off\n480 = 0x400\n";
-    const std::string command = "HOSTRIX_ROOT=" + dir.path + " exec " HOSTRIX_BINARY " >" + log + " 2>&1";
+    const std::string command =
+        "HOSTRIX_ROOT=" + dir.path + " exec " HOSTRIX_BINARY " >" + log + " 2>&1";
     pid_t pid = fork();
     if (pid == 0) {
         execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char *>(nullptr));

@@ -37,19 +37,22 @@ struct Listener {
         for (UniqueFd conn; conn.reset(accept(fd.get(), nullptr, nullptr)), conn.valid();) {
             char chunk[8192];
             std::string &bytes = messages.emplace_back();
-            for (ssize_t n; (n = read(conn.get(), chunk, sizeof chunk)) > 0;) bytes.append(chunk, n);
+            for (ssize_t n; (n = read(conn.get(), chunk, sizeof chunk)) > 0;)
+                bytes.append(chunk, n);
         }
     }
 
     sockaddr_un addr{AF_UNIX, {}};
     sockaddr *address = reinterpret_cast<sockaddr *>(&addr);
-    UniqueFd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0)}, filler{socket(AF_UNIX, SOCK_STREAM, 0)};
+    UniqueFd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0)},
+        filler{socket(AF_UNIX, SOCK_STREAM, 0)};
 };
 
 class HookTest : public ::testing::Test {
    protected:
     void SetUp() override {
-        for (const char *folder : {"var/run", "etc/hostrix"}) std::filesystem::create_directories(dir.file(folder));
+        for (const char *folder : {"var/run", "etc/hostrix"})
+            std::filesystem::create_directories(dir.file(folder));
         std::ofstream(dir.file("etc/hostrix/mib.conf")) << "ifname.wlan0 = phy0-ap0\n";
     }
     // BINARY with ARGS to its end ("timeout" ends a hang with 124): exit code and stderr.

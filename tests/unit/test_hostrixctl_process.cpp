@@ -37,7 +37,8 @@ struct FakeDaemon {
     explicit FakeDaemon(const fs::path &root) {
         fs::create_directories(root / "var/run");
         sockaddr_un addr{AF_UNIX, {}};
-        std::strncpy(addr.sun_path, (root / "var/run/.hostrix_msg").c_str(), sizeof addr.sun_path - 1);
+        std::strncpy(addr.sun_path, (root / "var/run/.hostrix_msg").c_str(),
+                     sizeof addr.sun_path - 1);
         timeval timeout{5, 0};  // bounds accept
         setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
         EXPECT_TRUE(bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0 &&
@@ -69,7 +70,8 @@ protected:
     // Runs the client to its end with MEANWHILE (given its pid) beside it: the exit
     // code, stdout and stderr.
     std::tuple<int, std::string, std::string> ctl(
-        const std::vector<std::string> &args, const std::function<void(pid_t)> &meanwhile = [](pid_t) {}) {
+        const std::vector<std::string> &args,
+        const std::function<void(pid_t)> &meanwhile = [](pid_t) {}) {
         const std::string files = (root / "ctl").string();  // each run truncates the last's
         std::string command = "HOSTRIX_ROOT=" + root.string() + " exec " HOSTRIXCTL_BINARY;
         for (const std::string &arg : args) command += " '" + arg + "'";
@@ -126,7 +128,8 @@ TEST_F(CtlTest, RequestsAndRepliesAgainstAScriptedSocket) {
         for (int count : {4, 3})  // a full reply, then the last one
             sent.push_back(daemon.serve([&](ctrlMsg_t &reply) {
                 for (int i = 0; i < count; ++i)  // records of hosts 00:00:00:00:00:NN
-                    reply.data[i * kLanHostInfoSize + kMacLen - 1] = static_cast<uint8_t>(count * 10 + i);
+                    reply.data[i * kLanHostInfoSize + kMacLen - 1] =
+                        static_cast<uint8_t>(count * 10 + i);
             }));
     });
     EXPECT_EQ(std::tuple(code, std::count(out.begin(), out.end(), '\n')), std::tuple(0, 7)) << err;

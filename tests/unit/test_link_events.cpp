@@ -21,8 +21,8 @@ using nlbytes::join;
 using nlbytes::raw;
 
 // A link message for IFNAME of FAMILY, with MASTER_BYTES of its master's index.
-Bytes link(uint16_t type, const char *ifname, uint32_t master = 0,
-           unsigned char family = AF_BRIDGE, size_t masterBytes = sizeof(uint32_t)) {
+Bytes link(uint16_t type, const char *ifname, uint32_t master = 0, unsigned char family = AF_BRIDGE,
+           size_t masterBytes = sizeof(uint32_t)) {
     Bytes index = raw(master);
     index.resize(masterBytes);
     const Bytes attributes = join({nlbytes::attr(IFLA_IFNAME, nlbytes::text(ifname)),
@@ -88,8 +88,8 @@ int walkInChild() {
         {"bridge not monitored", link(RTM_NEWLINK, "nas0_2", br1), false, "br0/NULL"},
         {"the link's own message", link(RTM_NEWLINK, "nas0_1", br0, AF_UNSPEC), false, "br0/NULL"},
         {"a short master index", link(RTM_NEWLINK, "nas0_1", br0, AF_BRIDGE, 2), false, "br0/NULL"},
-        {"a port joins in a second message",
-         join({unwatched, link(RTM_NEWLINK, "nas0_1", br0)}), true, "br0/NULL nas0_1/br0"},
+        {"a port joins in a second message", join({unwatched, link(RTM_NEWLINK, "nas0_1", br0)}),
+         true, "br0/NULL nas0_1/br0"},
         {"the port leaves", link(RTM_DELLINK, "nas0_1"), false, "br0/NULL"},
         {"a shorter datagram", unwatched, true, "br0/NULL"},
         {"a port with the longest name", link(RTM_NEWLINK, kLongPort, br0), false,
@@ -97,8 +97,10 @@ int walkInChild() {
         {"bridge leaves with its ports", link(RTM_DELLINK, "br0"), false, ""},
     };
     for (const auto &[what, bytes, viaReader, after] : steps) {
-        if (!viaReader) feed(bytes);
-        else if (readAsEvent(bytes) != 0) return kNetnsCheckFailed;
+        if (!viaReader)
+            feed(bytes);
+        else if (readAsEvent(bytes) != 0)
+            return kNetnsCheckFailed;
         if (monitored() != after) {
             std::fprintf(stderr, "%s: %s\n", what, monitored().c_str());
             return kNetnsCheckFailed;

@@ -58,6 +58,7 @@ TEST(DnsmasqLeaseLine, BothEndFormsGiveTheWholeRecordOtherLinesAreSkipped) {
         "1700000100" + kRest,                             // no name
         "1700000100 00:00:00:00:00:00 192.168.1.10 a *",  // zero MAC
         "1700000100 02:00:00:00:00:01 192.168.1 a *",     // short address
+        "1700000100 2:0:0:0:0:1x 192.168.1.10 a *",       // junk after the MAC
         "1700000100 02:00:00:00:00:01 0.0.0.0 a *",       // zero address
         "99999999999999999999999" + kRest + "a *",        // end overflows
     };

@@ -213,8 +213,9 @@ TEST_F(NftCountersKernel, RegisterSampleUnregisterAndLoseTheTable) {
         NETNS_CHECK(update(kHostA, 1) == 0 && !listedInTx("0a:77:00:00:00:01"));  // queued
         NETNS_CHECK(zvt_commit_lan_hpc() == 0 && listedInTx("0a:77:00:00:00:01"));
         NETNS_CHECK(sample() == 0 && sample(kHostB) == -1);
-        NETNS_CHECK(std::system("nft delete element bridge hostrix rx '{ 0a:77:00:00:00:01 }'") == 0 &&
-                    sample() == -1);  // in one set only: no pair
+        NETNS_CHECK(std::system("nft delete element bridge hostrix rx '{ 0a:77:00:00:00:01 }'") ==
+                        0 &&
+                    sample() == -1);                            // in one set only: no pair
         NETNS_CHECK(update(kHostA, 0) == 0 && sample() == -1);  // sent before the listing
         NETNS_CHECK(update(kHostA, 0) == 0 && zvt_commit_lan_hpc() == 0);  // gone: no error
         NETNS_CHECK(std::system("nft delete table bridge hostrix") == 0);

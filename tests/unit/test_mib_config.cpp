@@ -28,7 +28,8 @@ TEST(ParseMibConfig, MalformedLineSkippedAlone) {
         {"bad attribute", {"chain.3004 = enable=1 colour=red"}},
         {"bad value", {"chain.3004 = ports", "chain.3004 = mode=256"}},
         {"more than", {"lan_ports = a b c d e", "wlan_roots = a b c"}},
-        {"bad interface name", {"lan_ports = eth0/2", "lan_ports = abcdefghijklmnop", "wlan_roots = .."}},
+        {"bad interface name",
+         {"lan_ports = eth0/2", "lan_ports = abcdefghijklmnop", "wlan_roots = .."}},
         {"longer than 32", {"ssid.wlan0 = " + std::string(33, 's')}},
         {"bad port id", {"phy.eth0.2 = 2147483648"}}, {"bad command mode", {"commands = busybox"}},
         {"source", {"stations = dir:", "counters = on"}},
@@ -74,9 +75,10 @@ TEST_F(MibStore, WidthsAndReportsWithPathAndLine) {
         return buffer;
     };
     // Setting, width, result, and the buffer after the call.
-    const std::tuple<int, int, int, uint32_t> cases[] = {{474, 1, 1, firstByte(7)},   {474, 4, 1, 7},          {475, 1, 0, kUntouched},
-                 {475, 1, 0, kUntouched},     {476, 1, 1, firstByte(0xff)}, {474, 2, 0, kUntouched},
-                 {481, 4, 0, kUntouched}};
+    const std::tuple<int, int, int, uint32_t> cases[] = {
+        {474, 1, 1, firstByte(7)},    {474, 4, 1, 7},          {475, 1, 0, kUntouched},
+        {475, 1, 0, kUntouched},      {476, 1, 1, firstByte(0xff)}, {474, 2, 0, kUntouched},
+        {481, 4, 0, kUntouched}};
     for (const auto &[id, width, result, written] : cases) {
         uint32_t buffer = kUntouched;
         EXPECT_EQ(mib_get_s(id, &buffer, width), result) << id << " width " << width;

@@ -1,6 +1,6 @@
-// The sniffer's wait on a socket pair; its thread and interface dump against real
-// bridges in a private network namespace. The lab's sniffer test follows ports as they
-// come and go and sees what the kernel filter lets through.
+// The sniffer's kernel filter and wait on socket pairs; its thread and interface dump
+// against real bridges in a private network namespace. The lab's sniffer test follows
+// ports as they come and go.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,6 +13,49 @@
 #include "sniffer/monitor_intf.h"
 
 namespace {
+
+using Frame = std::vector<uint8_t>;
+
+Frame arpFrame(unsigned protocol, unsigned operation) {
+    Frame f(64);
+    f[12] = 8, f[13] = 6, f[16] = uint8_t(protocol >> 8), f[17] = uint8_t(protocol);
+    f[21] = uint8_t(operation);
+    return f;
+}
+
+// IHL words of IPv4 header (options all zero), then UDP to PORT.
+Frame ipv4Frame(unsigned protocol, unsigned port, unsigned fragment = 0, unsigned ihl = 5) {
+    Frame f(64);
+    const size_t udp = 14 + ihl * 4;
+    f[12] = 8, f[14] = uint8_t(0x40 + ihl), f[20] = uint8_t(fragment >> 8);
+    f[21] = uint8_t(fragment), f[23] = uint8_t(protocol);
+    f[udp + 2] = uint8_t(port >> 8), f[udp + 3] = uint8_t(port);
+    return f;
+}
+
+// The kernel runs the filter on a datagram socket as it would on the packet socket.
+TEST(SnifferFilter, LetsThroughOnlyIpv4ArpRepliesDhcpToTheServerAndIgmp) {
+    const std::pair<Frame, bool> cases[] = {
+        {arpFrame(0x0800, 2), true},       {arpFrame(0x0800, 1), false},
+        {arpFrame(0x86dd, 2), false},      {ipv4Frame(17, 67), true},
+        {ipv4Frame(17, 67, 0, 6), true},   {ipv4Frame(17, 68), false},
+        {ipv4Frame(17, 67, 0x2000), true}, {ipv4Frame(17, 67, 0x2001), false},
+        {ipv4Frame(17, 67, 0x4000), true}, {ipv4Frame(2, 0), true},
+        {ipv4Frame(6, 67), false},
+    };
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, pair), 0);
+    const UniqueFd receiver(pair[0]), sender(pair[1]);
+    const sock_fprog program{kSnifferFilter.size(),
+                             const_cast<sock_filter *>(kSnifferFilter.data())};
+    ASSERT_EQ(setsockopt(pair[0], SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program), 0);
+    for (const auto &[frame, passes] : cases) {
+        ASSERT_EQ(send(sender.get(), frame.data(), frame.size(), 0), ssize_t(frame.size()));
+        uint8_t received[128];
+        EXPECT_EQ(recv(receiver.get(), received, sizeof received, MSG_DONTWAIT) > 0, passes)
+            << &frame - &cases[0].first;
+    }
+}
 
 // A wait that brings something leaves the rest of the 5 s to the next one, so that
 // steady traffic cannot hold off ageing; a wait that runs it down ages the cache

@@ -1,5 +1,5 @@
-// The per-cycle sources: ignore list and IPv6 neighbours. The ARP table, its index and
-// the lease snapshot are the discovery cycle's tests'.
+// The per-cycle sources: ignore list, IPv6 neighbours and the lease snapshot. The ARP
+// table and its index are the discovery cycle's tests'.
 #include "discovery/sources.h"
 #include "root_fixture.h"
 
@@ -28,6 +28,18 @@ TEST_F(SourcesTest, IgnoreListRemovesAndFiltersThePortsOfItsFirstLine) {
     EXPECT_EQ(read_ignore_ifnames(), -1);
     EXPECT_EQ(is_ignore_ifname("wlan1"), 0);
     EXPECT_FALSE(present(1));  // nothing comes back by itself
+}
+
+// The snapshot serves the cycles of 5 s, but a database the server rewrote (a release)
+// is read at the next cycle, however young the snapshot.
+TEST_F(SourcesTest, LeasesAreReusedFor4SecondsUnlessTheServerRewroteThem) {
+    fake::state().leases = {dhcp_lease{}};
+    EXPECT_EQ(refresh_dhcp_leases(), 1);
+    fake::state().leases.resize(2);
+    fake::advanceSeconds(4);
+    EXPECT_EQ(refresh_dhcp_leases(), 1);
+    fake::state().leasesChanged = true;
+    EXPECT_EQ(refresh_dhcp_leases(), 2);
 }
 
 // Per MAC the first address wins unless it is link-local (fe80::/10).
